@@ -72,6 +72,9 @@ public:
     std::vector<std::string> texts(const std::string& tag) const;  // lines of one tag
     bool contains(const std::string& text) const;                  // any line with exactly this text
     void clear();
+
+private:
+    std::vector<LogLine>* m_lines;
 };
 
 }  // namespace zxblk

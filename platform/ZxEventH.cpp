@@ -1,0 +1,36 @@
+#include "platform/ZxEventH.h"
+
+#include <atomic>
+#include <chrono>
+
+static std::atomic<unsigned long> g_waitDivisor{1};
+
+void ZxEventH::SetWaitDivisorForTests(unsigned long divisor) { g_waitDivisor = divisor ? divisor : 1; }
+
+ZxEventH::ZxEventH(bool manualReset) : m_manualReset(manualReset), m_signaled(false) {}
+
+ZxEventH::~ZxEventH() {}
+
+bool ZxEventH::wait(unsigned long timeoutMs) {
+    unsigned long divisor = g_waitDivisor.load();
+    unsigned long effective = timeoutMs / divisor;
+    if (divisor > 1 && effective == 0 && timeoutMs > 0) effective = 1;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    bool signaled =
+        m_cond.wait_for(lock, std::chrono::milliseconds(effective), [this] { return m_signaled; });
+    if (signaled && !m_manualReset) m_signaled = false;
+    return signaled;
+}
+
+void ZxEventH::set() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_signaled = true;
+    }
+    m_cond.notify_all();
+}
+
+void ZxEventH::reset() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_signaled = false;
+}
