@@ -2,7 +2,8 @@
 
 #include "platform/ZxServices.h"
 
-ApplicationId::ApplicationId(unsigned long kind, unsigned long appId) : m_kind(kind), m_appId(appId) {
+// The kind of application id (2: subclient) is the only kind this host has.
+ApplicationId::ApplicationId(unsigned long, unsigned long appId) : m_appId(appId) {
     m_info.appId = static_cast<uint32_t>(appId);
 }
 

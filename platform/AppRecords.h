@@ -13,7 +13,6 @@ public:
     const AppIdInfo& getAppIdInfo() const { return m_info; }
 
 private:
-    unsigned long m_kind;
     unsigned long m_appId;
     AppIdInfo m_info;
 };
