@@ -1,6 +1,6 @@
 // The "VHD" disk type: one backed-up virtual disk that the host presents.
 #pragma once
-#include <atomic>
+#include <mutex>
 #include <list>
 #include <string>
 
@@ -52,8 +52,10 @@ public:
     // False when a buffer could not be allocated (constructor or last
     // setDiskParams): such a disk refuses to read rather than touch it.
     bool buffersReady() const { return holeBitmap != nullptr && zeroData != nullptr; }
-    // The recall a completion must belong to for it to wake the reader.
-    bool isCurrentRecall(unsigned long long requestId) const { return requestId == currentRecallId.load(); }
+    // Called by the completion callback: true when the completion belongs to
+    // the recall the reader is waiting for (its outcome is then kept for the
+    // reader); false for a stale one, from a recall that already timed out.
+    bool acceptCompletion(const DMRestoreCompleted_t* completed);
 
     SCParams scParams;
     std::string diskId;
@@ -80,8 +82,12 @@ public:
     bool bIdentifyFSMetadataDuringMount;
 
 private:
+    void startRecall(unsigned long long requestId);
     unsigned long long recallCounter = 0;
-    std::atomic<unsigned long long> currentRecallId{0};
+    std::mutex recallMutex;  // the reader and the service's completion thread meet here
+    unsigned long long currentRecallId = 0;
+    int lastRecallStatus = 0;
+    std::string lastRecallError;
     friend class ZxBlkVhdReadAccess;
     bool recallCopyExtent(ZxBlkDisk* disk, BrowseStruct& copy, unsigned int idx, int i, long long offset,
                           const std::string& targetPath, boost::shared_ptr<class CBitmapInfo>& neededSectors,

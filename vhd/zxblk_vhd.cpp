@@ -33,7 +33,7 @@ ZxBlkVhd::ZxBlkVhd(const std::string& first, const std::string& second)
       bIdentifyFSMetadataDuringMount(true) {
     bitmapSize = static_cast<unsigned int>(extentSize / sectorSize);
     unsigned int zeroSize = zeroSizeFor(bitmapSize, sectorSize);
-    holeBitmap = new (std::nothrow) unsigned char[bitmapSize];
+    holeBitmap = new (std::nothrow) unsigned char[bitmapSize]();
     zeroData = new (std::nothrow) unsigned char[zeroSize]();
     if (!holeBitmap || !zeroData) logger.Error("ZxBlkVhd::ZxBlkVhd", "memory allocation error in constructor");
     logger.DebugLvl("ZxBlkVhd::ZxBlkVhd", 2,
@@ -74,7 +74,7 @@ bool ZxBlkVhd::setDiskParams(long long newExtentSize, long long diskSize, unsign
     totalSectors = diskSize / static_cast<long long>(sectorSize);
     if (bitmapSize != oldBitmapSize || !holeBitmap) {
         delete[] holeBitmap;
-        holeBitmap = new (std::nothrow) unsigned char[bitmapSize];
+        holeBitmap = new (std::nothrow) unsigned char[bitmapSize]();
         if (!holeBitmap) {
             logger.Error("ZxBlkVhd::setDiskParams", "holeBitmap [size %u] memory allocation error.", bitmapSize);
             return false;
@@ -220,10 +220,26 @@ void restoreCallBack(void* context, DMRestoreCompleted_t* completed) {
     if (!event) return;
     // A completion of a recall that already timed out must not end the wait
     // of the recall that came after it.
-    if (completed && !disk->isCurrentRecall(completed->requestId)) {
+    if (!disk->acceptCompletion(completed)) {
         disk->logger.DebugLvl("restoreCallBack", 2, "ignoring stale completion of recall %llu",
-                              completed->requestId);
+                              completed ? completed->requestId : 0ULL);
         return;
     }
     event->set();
+}
+
+bool ZxBlkVhd::acceptCompletion(const DMRestoreCompleted_t* completed) {
+    std::lock_guard<std::mutex> lock(recallMutex);
+    if (!completed) return true;
+    if (completed->requestId != currentRecallId) return false;
+    lastRecallStatus = completed->status;
+    lastRecallError = completed->error;
+    return true;
+}
+
+void ZxBlkVhd::startRecall(unsigned long long requestId) {
+    std::lock_guard<std::mutex> lock(recallMutex);
+    currentRecallId = requestId;
+    lastRecallStatus = 0;
+    lastRecallError.clear();
 }

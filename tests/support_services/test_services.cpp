@@ -111,6 +111,7 @@ void ScriptedRestoreService::waitIdle() {
 void ScriptedRestoreService::run(zxblk::RecallJob job, Script script) {
     DMRestoreCompleted_t done;
     done.requestId = job.requestId;
+    if (script.delayBeforeMs) std::this_thread::sleep_for(std::chrono::milliseconds(script.delayBeforeMs));
     CRestoreTarget* target = job.target.get();
     CUxError status = target ? target->Open(nullptr) : CUxError(-1);
     for (size_t i = 0; !status.IsError() && i < script.steps.size(); ++i) {
@@ -127,7 +128,10 @@ void ScriptedRestoreService::run(zxblk::RecallJob job, Script script) {
         if (!status.IsError()) status = target->Flush();
         target->Close(false);
     }
-    if (status.IsError()) {
+    if (script.status) {
+        done.status = script.status;
+        done.error = "scripted failure";
+    } else if (status.IsError()) {
         done.status = -1;
         done.error = status.AsString();
     }
@@ -145,6 +149,20 @@ void ScriptedRestoreService::run(zxblk::RecallJob job, Script script) {
     std::lock_guard<std::mutex> lock(m_mutex);
     --m_running;
     m_cond.notify_all();
+}
+
+int RecordingIndexService::initialize(const databrowse::BrowseRequest& request) {
+    if (failInitialize > 0) return --failInitialize, 5;
+    initializations.push_back(request);
+    return 0;
+}
+
+int RecordingIndexService::update(const databrowse::BrowseRequest&, const Indexing::IdxLiveUpdateReq& request,
+                                  databrowse::BrowseResponse& response) {
+    if (failUpdate > 0) return --failUpdate, 7;
+    updates.push_back(request);
+    response.setint64(1, 1, 1, 1, 0);
+    return 0;
 }
 
 }  // namespace zxtest

@@ -11,6 +11,7 @@
 #include <tuple>
 #include <vector>
 
+#include "platform/CNMessage.h"
 #include "platform/ZxServices.h"
 
 namespace zxtest {
@@ -56,7 +57,9 @@ struct Script {
     std::vector<StreamStep> steps;
     bool refuse = false;            // Submit is refused
     int failAtStep = -1;            // the step at which the run stops with an error
+    unsigned int delayBeforeMs = 0; // before the stream starts
     unsigned int delayMs = 0;       // before the completion
+    int status = 0;                 // reported in the completion (non-zero: failed)
     bool neverComplete = false;     // the callback never comes
     bool waitForGate = false;       // callback only after releaseGate()
 };
@@ -88,6 +91,18 @@ private:
     int m_running = 0;
     std::vector<zxblk::RecallJob> m_jobs;
     std::vector<std::thread> m_threads;
+};
+
+// Records every initialize and update; can be told to fail the next ones.
+class RecordingIndexService : public zxblk::IndexService {
+public:
+    int failInitialize = 0;  // the next N initializations fail
+    int failUpdate = 0;      // the next N updates fail
+    std::vector<databrowse::BrowseRequest> initializations;
+    std::vector<Indexing::IdxLiveUpdateReq> updates;
+    int initialize(const databrowse::BrowseRequest& request) override;
+    int update(const databrowse::BrowseRequest& browse, const Indexing::IdxLiveUpdateReq& update,
+               databrowse::BrowseResponse& response) override;
 };
 
 }  // namespace zxtest

@@ -9,7 +9,7 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 export PKG_CONFIG_PATH="$prefix/lib/pkgconfig:$prefix/lib/x86_64-linux-gnu/pkgconfig"
 # Sanitized builds need the same runtime in the host.
 extra=""
-if nm -D "$prefix"/lib*/libzxblkvhd.so 2>/dev/null | grep -q __asan_; then extra="-fsanitize=address,undefined"; fi
+if readelf -d "$prefix"/lib*/libzxblkvhd.so | grep -c libasan >/dev/null; then extra="-fsanitize=address,undefined"; fi
 [ -f "$prefix/lib/libzxblkvhd.so" ] || [ -f "$prefix/lib/x86_64-linux-gnu/libzxblkvhd.so" ]
 g++ $extra "$source" -o "$prefix/host" $(pkg-config --cflags --libs zxblkvhd)
 ASAN_OPTIONS=detect_leaks=0 "$prefix/host"

@@ -1,0 +1,205 @@
+#include "platform/ZxBlkBackingStore.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "framework/WinTypes.h"
+#include "platform/FXErrorUtil.h"
+#include "platform/FXString.h"
+
+#define BS_LOCATION(fn) FXCodeLocation("platform/ZxBlkBackingStore", fn, __LINE__)
+
+namespace {
+
+int mkdirs(const std::string& dir) {
+    if (dir.empty()) return 0;
+    std::string partial;
+    size_t pos = 0;
+    while (pos != std::string::npos) {
+        pos = dir.find('/', pos + 1);
+        partial = dir.substr(0, pos);
+        if (partial.empty()) continue;
+        if (::mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return errno;
+    }
+    struct stat st;
+    if (::stat(dir.c_str(), &st) != 0) return errno;
+    return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+}
+
+bool fileSize(const std::string& path, unsigned long long* size) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    *size = static_cast<unsigned long long>(st.st_size);
+    return true;
+}
+
+void listDir(const std::string& dir, std::vector<std::string>* names) {
+    DIR* d = ::opendir(dir.c_str());
+    if (!d) return;
+    while (struct dirent* e = ::readdir(d))
+        if (e->d_name[0] != '.') names->push_back(e->d_name);
+    ::closedir(d);
+}
+
+}  // namespace
+
+ZxBlkBackingStore::ZxBlkBackingStore(const std::string& cacheDir, unsigned long long capacity)
+    : m_dir(cacheDir), m_capacity(capacity) {
+    while (m_dir.size() > 1 && m_dir.back() == '/') m_dir.pop_back();
+    mkdirs(m_dir + "/tmp");
+    mkdirs(m_dir + "/extents");
+    rescan();
+}
+
+ZxBlkBackingStore::~ZxBlkBackingStore() {}
+
+void ZxBlkBackingStore::rescan() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_extents.clear();
+    m_sizes.clear();
+    m_used = 0;
+    std::vector<std::string> level1;
+    listDir(m_dir + "/extents", &level1);
+    for (const std::string& a : level1) {
+        std::vector<std::string> level2;
+        listDir(m_dir + "/extents/" + a, &level2);
+        for (const std::string& b : level2) {
+            std::vector<std::string> files;
+            listDir(m_dir + "/extents/" + a + "/" + b, &files);
+            for (const std::string& f : files) {
+                if (f.size() != 20 || f.compare(16, 4, ".ext") != 0) continue;
+                char* end = nullptr;
+                long long n = std::strtoll(f.substr(0, 16).c_str(), &end, 16);
+                unsigned long long size = 0;
+                if (n < 0 || extentPath(n) != m_dir + "/extents/" + a + "/" + b + "/" + f) continue;
+                if (!fileSize(extentPath(n), &size)) continue;
+                m_extents.insert(n);
+                m_sizes[n] = size;
+                m_used += size;
+            }
+        }
+    }
+}
+
+CUxError ZxBlkBackingStore::openTempFile(std::string* path, FILE** file) {
+    static const char* fn = "CUxError ZxBlkBackingStore::openTempFile(std::string*, FILE**)";
+    if (!path || !file) return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "no place for the result");
+    std::string pattern = m_dir + "/tmp/recall-XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    int fd = ::mkstemp(name.data());
+    if (fd < 0) return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), errno, "cannot create a temporary file in %s/tmp", m_dir.c_str());
+    FILE* stream = ::fdopen(fd, "w+b");
+    if (!stream) {
+        int err = errno;
+        ::close(fd);
+        ::unlink(name.data());
+        return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot open %s", name.data());
+    }
+    *path = name.data();
+    *file = stream;
+    return CUxError::Success();
+}
+
+CUxError ZxBlkBackingStore::makeParentDir(const std::string& path) {
+    static const char* fn = "CUxError ZxBlkBackingStore::makeParentDir(const std::string&)";
+    size_t slash = path.rfind('/');
+    if (path.empty() || slash == std::string::npos)
+        return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "no directory in path '%s'", path.c_str());
+    int err = mkdirs(path.substr(0, slash));
+    if (err) return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot make the directory of %s", path.c_str());
+    return CUxError::Success();
+}
+
+std::string ZxBlkBackingStore::extentPath(long long n) const {
+    unsigned long long u = static_cast<unsigned long long>(n);
+    return FXString::Format("%s/extents/%02llx/%02llx/%016llx.ext", m_dir.c_str(), (u >> 16) & 0xFF, (u >> 8) & 0xFF, u);
+}
+
+CUxError ZxBlkBackingStore::getExtentFileName(long long extentNumber, std::string* name) {
+    static const char* fn = "CUxError ZxBlkBackingStore::getExtentFileName(long long, std::string*)";
+    if (extentNumber < 0 || !name)
+        return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "no extent file for extent %lld", extentNumber);
+    *name = extentPath(extentNumber);
+    return CUxError::Success();
+}
+
+CUxError ZxBlkBackingStore::moveInExtentFile(const std::string& tempPath, long long extentNumber) {
+    static const char* fn = "CUxError ZxBlkBackingStore::moveInExtentFile(const std::string&, long long)";
+    if (extentNumber < 0)
+        return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "bad extent number %lld", extentNumber);
+    unsigned long long size = 0;
+    if (tempPath.empty() || !fileSize(tempPath, &size))
+        return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR,
+                                       "no temporary file '%s' to move in as extent %lld", tempPath.c_str(), extentNumber);
+    std::string target = extentPath(extentNumber);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    unsigned long long replaced = m_sizes.count(extentNumber) ? m_sizes[extentNumber] : 0;
+    if (m_capacity && m_used - replaced + size > m_capacity)
+        return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), 112 /*ERROR_DISK_FULL*/,
+                                       "cache full: extent %lld (%llu bytes) does not fit in %llu of %llu bytes used",
+                                       extentNumber, size, m_used, m_capacity);
+    int err = mkdirs(target.substr(0, target.rfind('/')));
+    if (err) return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot make the directory of %s", target.c_str());
+    if (::rename(tempPath.c_str(), target.c_str()) != 0)
+        return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), errno, "cannot move %s to %s", tempPath.c_str(), target.c_str());
+    m_used = m_used - replaced + size;
+    m_extents.insert(extentNumber);
+    m_sizes[extentNumber] = size;
+    return CUxError::Success();
+}
+
+bool ZxBlkBackingStore::hasExtent(long long n) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_extents.count(n) != 0;
+}
+
+CUxError ZxBlkBackingStore::removeExtent(long long n) {
+    static const char* fn = "CUxError ZxBlkBackingStore::removeExtent(long long)";
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_extents.count(n)) return CUxError::Success();
+    if (::unlink(extentPath(n).c_str()) != 0 && errno != ENOENT)
+        return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), errno, "cannot remove %s", extentPath(n).c_str());
+    m_used -= m_sizes[n];
+    m_sizes.erase(n);
+    m_extents.erase(n);
+    return CUxError::Success();
+}
+
+std::vector<long long> ZxBlkBackingStore::extents() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return std::vector<long long>(m_extents.begin(), m_extents.end());
+}
+
+unsigned long long ZxBlkBackingStore::usedBytes() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_used;
+}
+
+unsigned long long ZxBlkBackingStore::capacity() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_capacity;
+}
+
+void ZxBlkBackingStore::setCapacity(unsigned long long capacity) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_capacity = capacity;
+}
+
+unsigned long long ZxBlkBackingStore::extentFileSize(long long n) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_sizes.find(n);
+    return it == m_sizes.end() ? 0 : it->second;
+}
+
+void ZxBlkBackingStore::clearTemporaries() {
+    std::vector<std::string> names;
+    listDir(m_dir + "/tmp", &names);
+    for (const std::string& n : names) ::unlink((m_dir + "/tmp/" + n).c_str());
+}
