@@ -1,0 +1,218 @@
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <map>
+#include <set>
+#include <thread>
+
+#include "platform/DMRService/RestoreTarget.h"
+#include "platform/IdxBrowseClient.h"
+#include "platform/ZxBlkBackingStore.h"
+#include "support_services/test_services.h"
+
+namespace {
+
+class BackingStoreTest : public testing::Test {
+protected:
+    void SetUp() override {
+        dir = std::string(testing::TempDir()) + "bstore_" + std::to_string(getpid()) + "_" +
+              testing::UnitTest::GetInstance()->current_test_info()->name();
+        std::system(("rm -rf '" + dir + "'").c_str());
+    }
+    void TearDown() override { std::system(("rm -rf '" + dir + "'").c_str()); }
+    std::string makeTemp(ZxBlkBackingStore& s, size_t size, char fill) {
+        std::string path;
+        FILE* f = nullptr;
+        EXPECT_FALSE(s.openTempFile(&path, &f).IsError());
+        std::string bytes(size, fill);
+        fwrite(bytes.data(), 1, size, f);
+        fclose(f);
+        return path;
+    }
+    static std::string slurp(const std::string& p) {
+        std::ifstream in(p, std::ios::binary);
+        return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    }
+    std::string dir;
+};
+
+TEST_F(BackingStoreTest, FanOutNames) {
+    ZxBlkBackingStore s(dir, 0);
+    std::set<std::string> names;
+    std::map<std::string, int> perFolder;
+    for (long long n = 0; n < 1000000; ++n) {
+        std::string name = s.extentPath(n);
+        if (n % 101 == 0) {
+            EXPECT_TRUE(names.insert(name).second);
+        }
+        ++perFolder[name.substr(0, name.rfind('/'))];
+    }
+    int most = 0;
+    for (auto& f : perFolder) most = std::max(most, f.second);
+    EXPECT_LE(most, 256);  // a million extents: no folder holds more than 256 files
+    std::string name;
+    EXPECT_TRUE(s.getExtentFileName(-1, &name).IsError());
+    s.getExtentFileName(0x12345, &name);
+    EXPECT_EQ(name, dir + "/extents/01/23/0000000000012345.ext");
+}
+
+TEST_F(BackingStoreTest, MoveInCapacityReplaceAndRestart) {
+    {
+        ZxBlkBackingStore s(dir, 3000);
+        std::string a = makeTemp(s, 1000, 'a');
+        EXPECT_EQ(a.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._/-"), std::string::npos);
+        ASSERT_FALSE(s.moveInExtentFile(a, 1).IsError());
+        EXPECT_EQ(access(a.c_str(), F_OK), -1);
+        std::string b = makeTemp(s, 1500, 'b');
+        ASSERT_FALSE(s.moveInExtentFile(b, 2).IsError());
+        EXPECT_EQ(s.usedBytes(), 2500u);
+        std::string c = makeTemp(s, 1000, 'c');
+        CUxError full = s.moveInExtentFile(c, 3);
+        ASSERT_TRUE(full.IsError());
+        EXPECT_NE(full.AsString().find("cache full"), std::string::npos);
+        EXPECT_EQ(slurp(c), std::string(1000, 'c'));  // the temporary file stays
+        EXPECT_FALSE(s.hasExtent(3));
+        EXPECT_EQ(s.usedBytes(), 2500u);
+        // Replacing extent 1 with a larger file fits: 1500 + 1500.
+        std::string a2 = makeTemp(s, 1500, 'A');
+        ASSERT_FALSE(s.moveInExtentFile(a2, 1).IsError());
+        EXPECT_EQ(slurp(s.extentPath(1)), std::string(1500, 'A'));
+        EXPECT_EQ(s.usedBytes(), 3000u);
+        EXPECT_TRUE(s.moveInExtentFile("", 4).IsError());
+        EXPECT_TRUE(s.moveInExtentFile(dir + "/nothing", 4).IsError());
+        EXPECT_TRUE(s.makeParentDir("").IsError());
+    }
+    ZxBlkBackingStore again(dir, 0);  // a restart finds what is there
+    EXPECT_EQ(again.extents(), (std::vector<long long>{1, 2}));
+    EXPECT_EQ(again.usedBytes(), 3000u);
+    again.clearTemporaries();
+    DIR* d = opendir((dir + "/tmp").c_str());
+    int left = 0;
+    while (auto* e = readdir(d)) left += e->d_name[0] != '.';
+    closedir(d);
+    EXPECT_EQ(left, 0);
+    ASSERT_FALSE(again.removeExtent(2).IsError());
+    EXPECT_EQ(again.usedBytes(), 1500u);
+}
+
+TEST_F(BackingStoreTest, ReadersNeverSeePartialExtents) {
+    ZxBlkBackingStore s(dir, 0);
+    std::atomic<bool> stop{false};
+    std::atomic<int> partial{0}, seen{0};
+    std::thread reader([&] {
+        while (!stop) {
+            std::string bytes = slurp(s.extentPath(7));
+            if (!bytes.empty()) {
+                ++seen;
+                if (bytes.size() != 65536 || bytes.find_first_not_of(bytes[0]) != std::string::npos) ++partial;
+            }
+        }
+    });
+    for (int i = 0; i < 200; ++i) ASSERT_FALSE(s.moveInExtentFile(makeTemp(s, 65536, char('a' + i % 26)), 7).IsError());
+    stop = true;
+    reader.join();
+    EXPECT_EQ(partial, 0);
+    EXPECT_GT(seen, 0);
+}
+
+TEST(IndexClient, InitializeUpdateAndFailures) {
+    IdxBrowseClient none;
+    databrowse::BrowseRequest req;
+    req.setstring(1, 1, 2, 3, "x");
+    EXPECT_NE(none.Initialize(req, nullptr, 2000, nullptr, nullptr), 0);  // no service
+    auto index = std::make_shared<zxtest::RecordingIndexService>();
+    zxblk::setIndexService(index);
+    IdxBrowseClient client;
+    Indexing::IdxLiveUpdateReq update;
+    databrowse::BrowseResponse response;
+    EXPECT_NE(client.UpdateIndex(update, response), 0);  // not initialized
+    index->failInitialize = 1;
+    EXPECT_NE(client.Initialize(req, nullptr, 2000, nullptr, nullptr), 0);
+    EXPECT_EQ(client.Initialize(req, nullptr, 2000, nullptr, nullptr), 0);
+    index->failUpdate = 1;
+    EXPECT_NE(client.UpdateIndex(update, response), 0);
+    EXPECT_EQ(client.UpdateIndex(update, response), 0);
+    EXPECT_EQ(index->updates.size(), 1u);
+    zxblk::setIndexService(nullptr);
+}
+
+TEST(Messages, FieldsReadBackAndCopiesAreDeep) {
+    Indexing::IdxLiveUpdateReq a;
+    a.setint64(1, 1, 816748524, 6074275, 6);
+    Indexing::IdxLiveUpdateExtent rec;
+    rec.getlistuint(1, 1, 813757724, 2572008, true)->push_back(9);
+    a.getlistobject(13, 16, 816748524, 6487156, true)->push_back(rec);
+    Indexing::IdxLiveUpdateReq b = a;
+    b.getlistobject(13, 16, 816748524, 6487156, true)->at(0).getlistuint(1, 1, 813757724, 2572008, true)->push_back(10);
+    EXPECT_EQ(a.listobject(13, 16, 816748524, 6487156)->at(0).listuint(1, 1, 813757724, 2572008)->size(), 1u);
+    EXPECT_EQ(b.listobject(13, 16, 816748524, 6487156)->at(0).listuint(1, 1, 813757724, 2572008)->size(), 2u);
+    EXPECT_EQ(a.getlistobject(99, 99, 1, 1, false), nullptr);  // counting does not create
+    EXPECT_EQ(a.getObjectAccessor(99, 99, 1, 1, false, true, 0, 0), nullptr);
+    std::string text;
+    a.serialize(text, false);
+    EXPECT_EQ(text,
+              "{\"message\":[48,122],\"fields\":[{\"id\":[1,1],\"key\":[816748524,6074275],\"int64\":6},"
+              "{\"id\":[13,16],\"key\":[816748524,6487156],\"objects\":[{\"message\":[48,365],\"fields\":["
+              "{\"id\":[1,1],\"key\":[813757724,2572008],\"uints\":[9]}]}]}]}");
+}
+
+TEST(ScriptedService, CompletesOnItsOwnThreadAndAlwaysCallsBack) {
+    struct Recorder : CRestoreTarget {
+        std::vector<std::string> calls;
+        CUxError Open(void*) override { return calls.push_back("open"), CUxError(); }
+        CUxError Write(const void*, unsigned n) override { return calls.push_back("write" + std::to_string(n)), CUxError(); }
+        CUxError WriteHole(unsigned n) override { return calls.push_back("hole" + std::to_string(n)), CUxError(); }
+        CUxError Flush() override { return calls.push_back("flush"), CUxError(); }
+        CUxError Close(bool) override { return calls.push_back("close"), CUxError(); }
+        bool Exists() override { return false; }
+    };
+    struct Waiter {
+        std::mutex m;
+        std::condition_variable c;
+        std::vector<DMRestoreCompleted_t> done;
+        std::thread::id thread;
+    } waiter;
+    auto callback = [](void* ctx, DMRestoreCompleted_t* d) {
+        auto* w = static_cast<Waiter*>(ctx);
+        std::lock_guard<std::mutex> lock(w->m);
+        w->done.push_back(*d);
+        w->thread = std::this_thread::get_id();
+        w->c.notify_all();
+    };
+    std::vector<unsigned char> extent(3000, 1);
+    zxtest::ScriptedRestoreService service([&](const zxblk::RecallJob& job) {
+        zxtest::Script s = zxtest::streamOf(extent, nullptr, 1024, {{1024, 2048}});
+        if (job.requestId == 2) s.failAtStep = 1;
+        if (job.requestId == 3) s.refuse = true;
+        return s;
+    });
+    auto target = boost::shared_ptr<Recorder>(new Recorder());
+    zxblk::RecallJob job;
+    job.target = target;
+    job.callback = callback;
+    job.context = &waiter;
+    std::string why;
+    job.requestId = 1;
+    ASSERT_TRUE(service.submit(job, why));
+    service.waitIdle();
+    EXPECT_EQ(target->calls, (std::vector<std::string>{"open", "write1024", "hole1024", "write952", "flush", "close"}));
+    job.requestId = 2;
+    ASSERT_TRUE(service.submit(job, why));
+    job.requestId = 3;
+    EXPECT_FALSE(service.submit(job, why));
+    EXPECT_EQ(why, "scripted refusal");
+    service.waitIdle();
+    std::lock_guard<std::mutex> lock(waiter.m);
+    ASSERT_EQ(waiter.done.size(), 2u);
+    EXPECT_EQ(waiter.done[0].requestId, 1u);
+    EXPECT_EQ(waiter.done[0].status, 0);
+    EXPECT_EQ(waiter.done[1].requestId, 2u);
+    EXPECT_NE(waiter.done[1].status, 0);  // a failed step still calls back
+    EXPECT_NE(waiter.thread, std::this_thread::get_id());
+}
+
+}  // namespace
