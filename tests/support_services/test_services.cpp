@@ -76,10 +76,28 @@ ScriptedRestoreService::ScriptedRestoreService(std::function<Script(const zxblk:
 
 ScriptedRestoreService::~ScriptedRestoreService() {
     releaseGate();
-    for (auto& t : m_threads) t.join();
+    for (auto& t : m_threads) t.first.join();
+}
+
+// Joins the threads of jobs that are done, so a long run keeps no dead ones.
+void ScriptedRestoreService::reapFinished() {
+    std::vector<std::thread> done;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (auto it = m_threads.begin(); it != m_threads.end();) {
+            if (it->second->load()) {
+                done.push_back(std::move(it->first));
+                it = m_threads.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    for (auto& t : done) t.join();
 }
 
 bool ScriptedRestoreService::submit(const zxblk::RecallJob& job, std::string& whyNot) {
+    reapFinished();
     Script script = m_scriptFor(job);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_jobs.push_back(job);
@@ -88,7 +106,8 @@ bool ScriptedRestoreService::submit(const zxblk::RecallJob& job, std::string& wh
         return false;
     }
     ++m_running;
-    m_threads.emplace_back(&ScriptedRestoreService::run, this, job, std::move(script));
+    auto finished = std::make_shared<std::atomic<bool>>(false);
+    m_threads.emplace_back(std::thread(&ScriptedRestoreService::run, this, job, std::move(script), finished), finished);
     return true;
 }
 
@@ -108,7 +127,7 @@ void ScriptedRestoreService::waitIdle() {
     m_cond.wait(lock, [this] { return m_running == 0; });
 }
 
-void ScriptedRestoreService::run(zxblk::RecallJob job, Script script) {
+void ScriptedRestoreService::run(zxblk::RecallJob job, Script script, std::shared_ptr<std::atomic<bool>> finished) {
     DMRestoreCompleted_t done;
     done.requestId = job.requestId;
     if (script.delayBeforeMs) std::this_thread::sleep_for(std::chrono::milliseconds(script.delayBeforeMs));
@@ -148,6 +167,7 @@ void ScriptedRestoreService::run(zxblk::RecallJob job, Script script) {
     if (!script.neverComplete && job.callback) job.callback(job.context, &done);
     std::lock_guard<std::mutex> lock(m_mutex);
     --m_running;
+    *finished = true;
     m_cond.notify_all();
 }
 

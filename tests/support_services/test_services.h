@@ -1,6 +1,7 @@
 // Scripted services for tests, registered through the platform registry in
 // place of the store's real ones.
 #pragma once
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <map>
@@ -83,14 +84,15 @@ public:
     void waitIdle();     // until every job has called back or is parked at the gate
 
 private:
-    void run(zxblk::RecallJob job, Script script);
+    void run(zxblk::RecallJob job, Script script, std::shared_ptr<std::atomic<bool>> finished);
+    void reapFinished();
     std::function<Script(const zxblk::RecallJob&)> m_scriptFor;
     std::mutex m_mutex;
     std::condition_variable m_cond;
     bool m_gateOpen = false;
     int m_running = 0;
     std::vector<zxblk::RecallJob> m_jobs;
-    std::vector<std::thread> m_threads;
+    std::vector<std::pair<std::thread, std::shared_ptr<std::atomic<bool>>>> m_threads;
 };
 
 // Records every initialize and update; can be told to fail the next ones.
