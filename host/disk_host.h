@@ -1,0 +1,70 @@
+// Presents one disk of a backup store: builds the provider's disk object the
+// way the host framework would, and serves byte reads by making the extents
+// they touch local through it.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "platform/ZxBlkBackingStore.h"
+#include "store/store_services.h"
+
+class ZxBlkVhd;
+
+namespace zxblk {
+
+struct HostOptions {
+    std::string storeDir;
+    std::string disk;
+    int snapshot = -1;                   // -1: the newest
+    std::string cacheDir;                // empty: a folder under the user's cache
+    unsigned long long cacheLimit = 0;   // bytes; 0: no limit
+    StoreServices::Options services;
+};
+
+struct HostStats {
+    uint64_t extentsRecalled = 0;  // disk extents made local by this host
+    uint64_t bytesRecalled = 0;
+};
+
+class DiskHost {
+public:
+    // Opens the store and connects the disk; throws StoreError.
+    explicit DiskHost(const HostOptions& options);
+    ~DiskHost();
+    DiskHost(const DiskHost&) = delete;
+    DiskHost& operator=(const DiskHost&) = delete;
+
+    uint64_t size() const { return m_size; }
+    int64_t extentSize() const { return m_extentSize; }
+    int snapshot() const { return m_snapshot; }
+    const std::string& cacheDir() const { return m_cacheDir; }
+    // Reads [offset, offset + length) of the disk (clipped to its size);
+    // throws StoreError naming the extent when it cannot be made local.
+    void read(uint64_t offset, uint64_t length, void* buffer);
+    // Makes one disk extent local (no-op when it already is).
+    void ensureExtent(uint64_t extent);
+    HostStats stats() const;
+    StoreServices& services() { return *m_services; }
+    ZxBlkVhd& disk() { return *m_disk; }
+    ZxBlkBackingStore& cache() { return *m_cache; }
+    std::mutex& diskMutex() { return m_readMutex; }
+
+private:
+    std::shared_ptr<StoreServices> m_services;
+    std::unique_ptr<ZxBlkBackingStore> m_cache;
+    std::unique_ptr<ZxBlkVhd> m_disk;
+    std::string m_cacheDir;
+    uint64_t m_size = 0;
+    int64_t m_extentSize = 0;
+    int m_snapshot = 0;
+    std::mutex m_readMutex;  // one readData at a time per disk object
+    mutable std::mutex m_statsMutex;
+    HostStats m_stats;
+};
+
+// The default cache folder of a store, disk and snapshot.
+std::string defaultCacheDir(const std::string& storeDir, const std::string& disk, int snapshot);
+
+}  // namespace zxblk

@@ -1,0 +1,79 @@
+// The backup store's catalog: who was backed up (clients, instances, backup
+// sets, subclients) and, per disk, its geometry and its copies oldest first.
+// Kept as versioned JSON; every change is written whole and renamed into
+// place, so a reader sees the old catalog or the new one, never a mix.
+#pragma once
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "store/store_error.h"
+
+namespace zxblk {
+
+// Disk type codes of a copy, as the provider tells them apart.
+enum : uint32_t { kTypeRaw = 11, kTypeFixed = 12, kTypeDynamic = 13, kTypeDifferencing = 14 };
+
+struct CopyRecord {
+    std::string browsePath;  // names the disk inside this backup
+    std::string file;        // relative to the store directory
+    uint32_t type = 0;
+    int64_t storedExtentSize = 0;
+    uint64_t archiveFileId = 0;
+    std::string uniqueId;    // of a VHD, empty for raw images
+    std::string importedAt;
+    // The extent length the provider works with for this copy.
+    int64_t copyExtentLength() const { return storedExtentSize - (type == kTypeDifferencing ? 512 : 0); }
+};
+
+struct DiskRecord {
+    std::string name;
+    uint64_t size = 0;
+    uint32_t sectorSize = 512;
+    int64_t extentSize = 1 << 20;
+    uint32_t subclientId = 0;
+    uint64_t diskId = 0;
+    std::vector<CopyRecord> copies;  // oldest first
+};
+
+struct SubclientRecord {
+    uint32_t id = 0;
+    std::string name;
+    uint64_t clientId = 0, instanceId = 0, backupSetId = 0;
+    int32_t appType = 0;
+};
+
+struct Catalog {
+    static constexpr int kVersion = 1;
+    std::map<uint64_t, std::string> clients, instances, backupSets;
+    std::map<uint32_t, SubclientRecord> subclients;
+    std::vector<DiskRecord> disks;
+    uint64_t nextArchiveFileId = 1;
+    uint64_t nextDiskId = 1;
+
+    // An absent catalog is an empty store; a bad one throws StoreError.
+    static Catalog load(const std::string& storeDir);
+    void save(const std::string& storeDir) const;
+    DiskRecord* findDisk(const std::string& name);
+    const DiskRecord* findDisk(const std::string& name) const;
+    // Resolves a copy by its archive-file id or browse path.
+    bool findCopy(uint64_t afid, const DiskRecord** disk, const CopyRecord** copy) const;
+    bool findCopy(const std::string& browsePath, const DiskRecord** disk, const CopyRecord** copy) const;
+};
+
+std::string catalogPath(const std::string& storeDir);
+
+// Serializes changes to one store between processes (flock on DIR/.lock).
+class StoreLock {
+public:
+    explicit StoreLock(const std::string& storeDir);
+    ~StoreLock();
+    StoreLock(const StoreLock&) = delete;
+    StoreLock& operator=(const StoreLock&) = delete;
+
+private:
+    int m_fd;
+};
+
+}  // namespace zxblk

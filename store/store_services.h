@@ -1,0 +1,93 @@
+// The services of a backup store, as the platform reaches them: extent
+// lookup (which copy holds an extent), the restore service that streams
+// extents into restore targets on worker threads of its own, and the
+// application records.
+#pragma once
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/ZxServices.h"
+#include "store/catalog.h"
+#include "store/vhd_image.h"
+
+namespace zxblk {
+
+struct RestoreStats {
+    uint64_t jobs = 0;       // recalls completed, failed or not
+    uint64_t failures = 0;   // recalls that completed with an error
+    uint64_t bytes = 0;      // bytes of extent data streamed
+};
+
+class StoreServices : public ExtentLookupService, public RestoreService, public RecordsService,
+                      public std::enable_shared_from_this<StoreServices> {
+public:
+    struct Options {
+        unsigned workers = 4;
+        unsigned writeSize = 64 * 1024;  // bytes per Write call
+    };
+    // Loads and checks the catalog; throws StoreError.
+    static std::shared_ptr<StoreServices> open(const std::string& storeDir, Options options);
+    static std::shared_ptr<StoreServices> open(const std::string& storeDir) { return open(storeDir, Options()); }
+    ~StoreServices() override;
+
+    // Puts these services in the platform's registry slots (and takes them
+    // out again). Only one store is registered at a time.
+    void registerWithPlatform();
+    void unregisterFromPlatform();
+    // Stops the workers; queued recalls complete with an error.
+    void shutdown();
+
+    const Catalog& catalog() const { return m_catalog; }
+    const std::string& directory() const { return m_dir; }
+    RestoreStats stats() const;
+
+    // ExtentLookupService
+    bool open(const SCParams& params, const std::string& path, std::string& whyNot) override;
+    int lookup(const SCParams& params, const std::string& path, unsigned long long extent,
+               unsigned long long& first, unsigned long long& second) override;
+    // RestoreService
+    bool submit(const RecallJob& job, std::string& whyNot) override;
+    // RecordsService
+    bool subclient(uint32_t appId, AppIdInfo& info) override;
+    bool clientName(uint64_t id, std::string& name) override;
+    bool instanceName(uint64_t id, std::string& name) override;
+    bool backupSetName(uint64_t id, std::string& name) override;
+
+private:
+    StoreServices(const std::string& dir, Catalog catalog, Options options);
+    std::shared_ptr<VhdImage> image(const CopyRecord& copy);
+    void work();
+    void run(const RecallJob& job);
+    // Streams one copy extent into the job's target; returns "" or why not.
+    std::string stream(const RecallJob& job, uint64_t& bytes);
+
+    std::string m_dir;
+    Catalog m_catalog;
+    Options m_options;
+    std::mutex m_imagesMutex;
+    std::map<uint64_t, std::shared_ptr<VhdImage>> m_images;
+    std::mutex m_queueMutex;
+    std::condition_variable m_queueCond;
+    std::deque<RecallJob> m_queue;
+    bool m_stopping = false;
+    std::vector<std::thread> m_workers;
+    std::atomic<uint64_t> m_jobs{0}, m_failures{0}, m_bytes{0};
+};
+
+// Parts of a recall metadata string "1:2:0:<afid>:<pos>:1:<len>:<path>".
+struct RecallMetadata {
+    uint64_t archiveFileId = 0;
+    uint64_t position = 0;
+    std::string extentPath;
+};
+// False (with the reason) when the string is not one.
+bool parseRecallMetadata(const std::string& text, RecallMetadata& out, std::string& why);
+
+}  // namespace zxblk

@@ -1,0 +1,79 @@
+// Reads fixed, dynamic and differencing VHD files and raw images. Every
+// field read from a file is checked before it is used; a bad file is refused
+// with one line naming the file and the field.
+#pragma once
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "store/store_error.h"
+
+namespace zxblk {
+
+enum class ImageKind { Raw, Fixed, Dynamic, Differencing };
+const char* kindName(ImageKind kind);
+
+using UniqueId = std::array<uint8_t, 16>;
+std::string uniqueIdText(const UniqueId& id);
+
+// A stretch of the virtual disk and where it lies in the file. `fileOffset`
+// is -1 when no block holds it (it reads from the parent, or as zeros).
+struct Piece {
+    uint64_t virtualOffset;
+    uint64_t length;
+    int64_t fileOffset;
+    uint64_t block;
+};
+
+class VhdImage {
+public:
+    // Opens and validates the whole file; throws StoreError.
+    static VhdImage open(const std::string& path, bool raw = false);
+    VhdImage(VhdImage&& other) noexcept;
+    VhdImage& operator=(VhdImage&& other) noexcept;
+    ~VhdImage();
+
+    const std::string& path() const { return m_path; }
+    ImageKind kind() const { return m_kind; }
+    uint64_t virtualSize() const { return m_size; }
+    uint64_t fileSize() const { return m_fileSize; }
+    uint32_t blockSize() const { return m_blockSize; }  // 0 for raw and fixed
+    uint32_t bitmapBytes() const { return m_bitmapBytes; }
+    const UniqueId& uniqueId() const { return m_uniqueId; }
+    const UniqueId& parentUniqueId() const { return m_parentId; }
+    const std::string& parentName() const { return m_parentName; }
+    uint32_t blockCount() const { return static_cast<uint32_t>(m_bat.size()); }
+    bool isBlockAllocated(uint64_t block) const;
+    // File offset of the block's first data sector (after its bitmap).
+    uint64_t blockDataOffset(uint64_t block) const;
+    // The block's sector bitmap, bitmapBytes() long, most significant bit first.
+    std::vector<uint8_t> readBlockBitmap(uint64_t block) const;
+    // Reads exactly `length` bytes at a file offset; a short read (a file cut
+    // after it was checked) throws.
+    void readAt(uint64_t fileOffset, void* buffer, size_t length) const;
+    // The pieces of [offset, offset + length) of the virtual disk, in order;
+    // the range is clipped to the disk's size.
+    std::vector<Piece> pieces(uint64_t offset, uint64_t length) const;
+    // Whether any byte of the range lies in the file (always for raw/fixed).
+    bool holdsAny(uint64_t offset, uint64_t length) const;
+
+private:
+    VhdImage() = default;
+    void fail(const std::string& field, const std::string& why) const;
+    void readDynamic(uint64_t headerOffset);
+
+    std::string m_path;
+    int m_fd = -1;
+    ImageKind m_kind = ImageKind::Raw;
+    uint64_t m_size = 0;
+    uint64_t m_fileSize = 0;
+    uint32_t m_blockSize = 0;
+    uint32_t m_bitmapBytes = 0;
+    UniqueId m_uniqueId{};
+    UniqueId m_parentId{};
+    std::string m_parentName;
+    std::vector<uint32_t> m_bat;  // sector offsets; 0xFFFFFFFF unallocated
+};
+
+}  // namespace zxblk
