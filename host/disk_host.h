@@ -5,7 +5,11 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <atomic>
+#include <map>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "platform/ZxBlkBackingStore.h"
 #include "store/store_services.h"
@@ -20,12 +24,15 @@ struct HostOptions {
     int snapshot = -1;                   // -1: the newest
     std::string cacheDir;                // empty: a folder under the user's cache
     unsigned long long cacheLimit = 0;   // bytes; 0: no limit
+    uint64_t flushThreshold = 64;        // metadata extents gathered before they are sent
     StoreServices::Options services;
 };
 
 struct HostStats {
     uint64_t extentsRecalled = 0;  // disk extents made local by this host
     uint64_t bytesRecalled = 0;
+    uint64_t evictions = 0;        // extents dropped from the cache to make room
+    uint64_t readErrors = 0;
 };
 
 class DiskHost {
@@ -46,12 +53,26 @@ public:
     // Makes one disk extent local (no-op when it already is).
     void ensureExtent(uint64_t extent);
     HostStats stats() const;
+    std::string statsText();
+
+    // The mount and metadata phases of the disk; each returns "" or why the
+    // index could not be told.
+    std::string markMountComplete();
+    std::string beginMetadata();
+    std::string endMetadata();
+    // Recalls these extents on a thread of its own (ahead of the readers).
+    void prefetch(std::vector<uint64_t> extents);
     StoreServices& services() { return *m_services; }
     ZxBlkVhd& disk() { return *m_disk; }
     ZxBlkBackingStore& cache() { return *m_cache; }
     std::mutex& diskMutex() { return m_readMutex; }
 
 private:
+    void checkCacheIdentity(const std::string& identity);
+    void makeRoom(bool atLeastOne);
+    void touch(uint64_t extent);
+    void pin(uint64_t extent, int delta);
+
     std::shared_ptr<StoreServices> m_services;
     std::unique_ptr<ZxBlkBackingStore> m_cache;
     std::unique_ptr<ZxBlkVhd> m_disk;
@@ -62,6 +83,12 @@ private:
     std::mutex m_readMutex;  // one readData at a time per disk object
     mutable std::mutex m_statsMutex;
     HostStats m_stats;
+    std::mutex m_cacheMutex;  // use order and pins of the cached extents
+    std::map<uint64_t, uint64_t> m_lastUse;
+    std::map<uint64_t, int> m_pins;
+    uint64_t m_tick = 0;
+    std::thread m_prefetch;
+    std::atomic<bool> m_stopping{false};
 };
 
 // The default cache folder of a store, disk and snapshot.

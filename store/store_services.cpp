@@ -70,6 +70,12 @@ std::shared_ptr<StoreServices> StoreServices::open(const std::string& storeDir, 
 
 StoreServices::StoreServices(const std::string& dir, Catalog catalog, Options options)
     : m_dir(dir), m_catalog(std::move(catalog)), m_options(options) {
+    try {
+        m_index = std::make_shared<SqliteIndexService>(dir);
+    } catch (const StoreError& e) {
+        // A store that cannot keep an index still serves its disks.
+        LogSink::write(kLevelError, kTag, std::string("no extent index: ") + e.what());
+    }
     for (unsigned i = 0; i < m_options.workers; ++i) m_workers.emplace_back(&StoreServices::work, this);
 }
 
@@ -91,12 +97,14 @@ void StoreServices::registerWithPlatform() {
     setExtentLookupService(self);
     setRestoreService(self);
     setRecordsService(self);
+    if (m_index) setIndexService(m_index);
 }
 
 void StoreServices::unregisterFromPlatform() {
     if (extentLookupService().get() == this) setExtentLookupService(nullptr);
     if (restoreService().get() == this) setRestoreService(nullptr);
     if (recordsService().get() == this) setRecordsService(nullptr);
+    if (m_index && indexService() == m_index) setIndexService(nullptr);
 }
 
 RestoreStats StoreServices::stats() const {
@@ -111,7 +119,10 @@ std::shared_ptr<VhdImage> StoreServices::image(const CopyRecord& copy) {
     std::lock_guard<std::mutex> lock(m_imagesMutex);
     auto it = m_images.find(copy.archiveFileId);
     if (it != m_images.end()) return it->second;
-    auto img = std::make_shared<VhdImage>(VhdImage::open(m_dir + "/" + copy.file, copy.type == kTypeRaw));
+    const DiskRecord* disk;
+    const CopyRecord* found;
+    uint64_t rawSize = m_catalog.findCopy(copy.archiveFileId, &disk, &found) ? disk->size : 0;
+    auto img = std::make_shared<VhdImage>(VhdImage::open(m_dir + "/" + copy.file, copy.type == kTypeRaw, rawSize));
     m_images[copy.archiveFileId] = img;
     return img;
 }

@@ -15,6 +15,7 @@
 
 #include "platform/ZxServices.h"
 #include "store/catalog.h"
+#include "store/index_service.h"
 #include "store/vhd_image.h"
 
 namespace zxblk {
@@ -47,6 +48,8 @@ public:
     const Catalog& catalog() const { return m_catalog; }
     const std::string& directory() const { return m_dir; }
     RestoreStats stats() const;
+    // The store's extent index, or null when it could not be opened.
+    std::shared_ptr<SqliteIndexService> index() const { return m_index; }
 
     // ExtentLookupService
     bool open(const SCParams& params, const std::string& path, std::string& whyNot) override;
@@ -71,6 +74,7 @@ private:
     std::string m_dir;
     Catalog m_catalog;
     Options m_options;
+    std::shared_ptr<SqliteIndexService> m_index;
     std::mutex m_imagesMutex;
     std::map<uint64_t, std::shared_ptr<VhdImage>> m_images;
     std::mutex m_queueMutex;

@@ -110,7 +110,7 @@ void VhdImage::readAt(uint64_t offset, void* buffer, size_t length) const {
     }
 }
 
-VhdImage VhdImage::open(const std::string& path, bool raw) {
+VhdImage VhdImage::open(const std::string& path, bool raw, uint64_t rawSize) {
     VhdImage img;
     img.m_path = path;
     img.m_fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -120,9 +120,9 @@ VhdImage VhdImage::open(const std::string& path, bool raw) {
     img.m_fileSize = static_cast<uint64_t>(st.st_size);
     if (raw) {
         img.m_kind = ImageKind::Raw;
-        if (img.m_fileSize == 0) img.fail("size", "an empty image holds no disk");
+        if (img.m_fileSize == 0 && rawSize == 0) img.fail("size", "an empty image holds no disk");
         if (img.m_fileSize % 512) img.fail("size", std::to_string(img.m_fileSize) + " bytes is not a whole number of 512-byte sectors");
-        img.m_size = img.m_fileSize;
+        img.m_size = rawSize ? rawSize : img.m_fileSize;
         return img;
     }
     if (img.m_fileSize < 512) img.fail("footer", "file of " + std::to_string(img.m_fileSize) + " bytes is too short for a VHD footer");

@@ -28,8 +28,11 @@ struct Piece {
 
 class VhdImage {
 public:
-    // Opens and validates the whole file; throws StoreError.
-    static VhdImage open(const std::string& path, bool raw = false);
+    // Opens and validates the whole file; throws StoreError. A raw image's
+    // size is its file's, or `rawSize` when given (the size recorded at
+    // import): a raw file cut short afterwards then fails only the reads
+    // past its end.
+    static VhdImage open(const std::string& path, bool raw = false, uint64_t rawSize = 0);
     VhdImage(VhdImage&& other) noexcept;
     VhdImage& operator=(VhdImage&& other) noexcept;
     ~VhdImage();

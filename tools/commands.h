@@ -20,5 +20,8 @@ void registerImportCommand(CLI::App& app);
 void registerListCommand(CLI::App& app);
 void registerExportCommand(CLI::App& app);
 void registerReadCommand(CLI::App& app);
+void registerMountCommand(CLI::App& app);
+void registerIndexCommand(CLI::App& app);
+void registerDemoCommand(CLI::App& app);
 
 }  // namespace zxblk

@@ -40,6 +40,9 @@ int main(int argc, char** argv) {
     zxblk::registerListCommand(app);
     zxblk::registerExportCommand(app);
     zxblk::registerReadCommand(app);
+    zxblk::registerMountCommand(app);
+    zxblk::registerIndexCommand(app);
+    zxblk::registerDemoCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -1,0 +1,33 @@
+// zxblk index: the extents the index flags for a disk.
+#include <cstdio>
+
+#include "store/catalog.h"
+#include "store/index_service.h"
+#include "tools/commands.h"
+
+namespace zxblk {
+
+void registerIndexCommand(CLI::App& app) {
+    auto* cmd = app.add_subcommand("index", "list the extents the index flags as mount or metadata extents");
+    static std::string store, disk, kind;
+    static int64_t snapshot = -1;
+    cmd->add_option("--store", store, "store directory")->required()->check(CLI::ExistingDirectory);
+    cmd->add_option("--disk", disk, "disk name")->required();
+    cmd->add_option("--snapshot", snapshot, "only this snapshot");
+    cmd->add_option("--kind", kind, "only 'mount' or 'metadata'")->check(CLI::IsMember({"mount", "metadata"}));
+    addCommonOptions(cmd);
+    cmd->callback([] {
+        applyCommonOptions();
+        if (!Catalog::load(store).findDisk(disk)) throw StoreError(store + ": no disk named '" + disk + "'");
+        SqliteIndexService index(store);
+        auto rows = index.rows(disk, snapshot, kind);
+        std::printf("%-8s %-9s %-8s %-8s %s\n", "snapshot", "kind", "extent", "reports", "last seen");
+        for (const IndexRow& r : rows)
+            std::printf("%-8llu %-9s %-8llu %-8llu %s\n", static_cast<unsigned long long>(r.snapshot), r.kind.c_str(),
+                        static_cast<unsigned long long>(r.extent), static_cast<unsigned long long>(r.reports),
+                        r.lastSeen.c_str());
+        std::printf("%zu extents flagged\n", rows.size());
+    });
+}
+
+}  // namespace zxblk
