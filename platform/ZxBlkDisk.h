@@ -7,7 +7,7 @@
 
 #include "framework/CUxError.h"
 #include "platform/Log.h"
-#include "platform/SpecialOpts.h"
+#include "platform/FBRCtxOptions.h"
 
 class ZxBlkBackingStore;
 

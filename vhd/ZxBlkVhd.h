@@ -9,7 +9,7 @@
 #include "platform/DMRRequest.h"
 #include "platform/ExtentBrowse.h"
 #include "platform/SCParams.h"
-#include "platform/SpecialOpts.h"
+#include "platform/FBRCtxOptions.h"
 #include "platform/ZxBlkDisk.h"
 
 static const long long k_default_extent_size = 1048576;

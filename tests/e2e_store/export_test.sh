@@ -30,8 +30,8 @@ done
 
 # Chains written by the test writer: extents inside one block and across
 # several, a size that is not a whole number of extents.
-for spec in "2097152 3 11" "524288 2 12" "65536 2 13"; do
-  set -- $spec
+for plan in "2097152 3 11" "524288 2 12" "65536 2 13"; do
+  set -- $plan
   dir="$work/chain-$1"
   mkdir -p "$dir"
   "$chain" "$dir" $((20 * 1048576 + 37 * 512)) "$1" "$2" "$3" >/dev/null
