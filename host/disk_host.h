@@ -1,14 +1,16 @@
 // Presents one disk of a backup store: builds the provider's disk object the
 // way the host framework would, and serves byte reads by making the extents
-// they touch local through it.
+// they touch local through it. It owns the extent cache: its folder (one
+// process at a time), its size limit and the order in which extents leave it.
 #pragma once
+#include <atomic>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <mutex>
-#include <atomic>
-#include <map>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/ZxBlkBackingStore.h"
@@ -23,7 +25,7 @@ struct HostOptions {
     std::string disk;
     int snapshot = -1;                   // -1: the newest
     std::string cacheDir;                // empty: a folder under the user's cache
-    unsigned long long cacheLimit = 0;   // bytes; 0: no limit
+    unsigned long long cacheLimit = 0;   // bytes; 0: a quarter of the space the cache may use
     uint64_t flushThreshold = 64;        // metadata extents gathered before they are sent
     StoreServices::Options services;
 };
@@ -37,7 +39,8 @@ struct HostStats {
 
 class DiskHost {
 public:
-    // Opens the store and connects the disk; throws StoreError.
+    // Opens the store, takes the cache and connects the disk; throws
+    // StoreError (another process holding the cache among the reasons).
     explicit DiskHost(const HostOptions& options);
     ~DiskHost();
     DiskHost(const DiskHost&) = delete;
@@ -46,13 +49,18 @@ public:
     uint64_t size() const { return m_size; }
     int64_t extentSize() const { return m_extentSize; }
     int snapshot() const { return m_snapshot; }
+    const std::string& diskName() const { return m_diskName; }
     const std::string& cacheDir() const { return m_cacheDir; }
     // Reads [offset, offset + length) of the disk (clipped to its size);
     // throws StoreError naming the extent when it cannot be made local.
+    // Any number of threads may read at once: extents already local are
+    // served without waiting for a recall in progress.
     void read(uint64_t offset, uint64_t length, void* buffer);
-    // Makes one disk extent local (no-op when it already is).
-    void ensureExtent(uint64_t extent);
+    // Drops one extent from the cache (unless a read is using it).
+    void forget(uint64_t extent);
     HostStats stats() const;
+    // "key value" lines: the disk, what was recalled, the cache, the
+    // restore service and the phases.
     std::string statsText();
 
     // The mount and metadata phases of the disk; each returns "" or why the
@@ -60,33 +68,40 @@ public:
     std::string markMountComplete();
     std::string beginMetadata();
     std::string endMetadata();
-    // Recalls these extents on a thread of its own (ahead of the readers).
+    // Recalls these extents on a thread of its own, ahead of the readers.
     void prefetch(std::vector<uint64_t> extents);
     StoreServices& services() { return *m_services; }
-    ZxBlkVhd& disk() { return *m_disk; }
     ZxBlkBackingStore& cache() { return *m_cache; }
-    std::mutex& diskMutex() { return m_readMutex; }
 
 private:
+    void lockCache();
     void checkCacheIdentity(const std::string& identity);
-    void makeRoom(bool atLeastOne);
+    void ensureExtent(uint64_t extent);
     void touch(uint64_t extent);
-    void pin(uint64_t extent, int delta);
+    void pin(uint64_t extent);
+    void unpin(uint64_t extent);
+    void evict(unsigned long long bytesToFree);
 
     std::shared_ptr<StoreServices> m_services;
     std::unique_ptr<ZxBlkBackingStore> m_cache;
     std::unique_ptr<ZxBlkVhd> m_disk;
+    std::string m_diskName;
     std::string m_cacheDir;
+    int m_lockFd = -1;
     uint64_t m_size = 0;
     int64_t m_extentSize = 0;
     int m_snapshot = 0;
     std::mutex m_readMutex;  // one readData at a time per disk object
     mutable std::mutex m_statsMutex;
     HostStats m_stats;
-    std::mutex m_cacheMutex;  // use order and pins of the cached extents
-    std::map<uint64_t, uint64_t> m_lastUse;
-    std::map<uint64_t, int> m_pins;
-    uint64_t m_tick = 0;
+    // Use order of the cached extents (front: most recent) and the extents
+    // that reads are using, which eviction leaves alone.
+    std::mutex m_cacheMutex;
+    std::list<uint64_t> m_useOrder;
+    std::unordered_map<uint64_t, std::list<uint64_t>::iterator> m_useAt;
+    std::unordered_map<uint64_t, int> m_pins;
+    // Copies of the disk's phase flags, readable without the read lock.
+    std::atomic<bool> m_mountComplete{false}, m_metadataPhase{false};
     std::thread m_prefetch;
     std::atomic<bool> m_stopping{false};
 };

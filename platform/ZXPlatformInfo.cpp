@@ -6,6 +6,7 @@
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -15,6 +16,7 @@ namespace {
 
 std::mutex g_configMutex;
 std::shared_ptr<boost::property_tree::ptree> g_config;  // null: not loaded yet
+std::map<std::pair<std::string, std::string>, std::string> g_hostDefaults;
 
 // Loaded once per process (tests reload explicitly). A missing or unreadable
 // file is logged and treated as an empty configuration.
@@ -40,10 +42,16 @@ std::shared_ptr<boost::property_tree::ptree> config() {
 bool lookup(const char* section, const char* key, std::string* out) {
     auto tree = config();
     auto sec = tree->get_child_optional(boost::property_tree::ptree::path_type(section, '\0'));
-    if (!sec) return false;
-    auto value = sec->get_optional<std::string>(boost::property_tree::ptree::path_type(key, '\0'));
-    if (!value) return false;
-    *out = *value;
+    auto value = sec ? sec->get_optional<std::string>(boost::property_tree::ptree::path_type(key, '\0'))
+                     : boost::optional<std::string>();
+    if (value) {
+        *out = *value;
+        return true;
+    }
+    std::lock_guard<std::mutex> lock(g_configMutex);
+    auto def = g_hostDefaults.find({section, key});
+    if (def == g_hostDefaults.end()) return false;
+    *out = def->second;
     return true;
 }
 
@@ -57,6 +65,11 @@ ZXPlatformInfo::~ZXPlatformInfo() {}
 void ZXPlatformInfo::ReloadForTests() {
     std::lock_guard<std::mutex> lock(g_configMutex);
     g_config.reset();
+}
+
+void ZXPlatformInfo::setHostDefault(const char* section, const char* key, const std::string& value) {
+    std::lock_guard<std::mutex> lock(g_configMutex);
+    g_hostDefaults[{section, key}] = value;
 }
 
 bool ZXPlatformInfo::getBoolean(const char* section, const char* key, bool* value) {

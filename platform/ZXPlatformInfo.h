@@ -22,6 +22,9 @@ public:
 
     // Re-reads ZXBLK_CONFIG on the next construction (tests change it).
     static void ReloadForTests();
+    // A value the host process supplies for a key that the configuration
+    // file leaves unset; the file always wins.
+    static void setHostDefault(const char* section, const char* key, const std::string& value);
 
 private:
     std::string m_focus;

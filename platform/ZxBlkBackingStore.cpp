@@ -139,12 +139,24 @@ CUxError ZxBlkBackingStore::moveInExtentFile(const std::string& tempPath, long l
         return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR,
                                        "no temporary file '%s' to move in as extent %lld", tempPath.c_str(), extentNumber);
     std::string target = extentPath(extentNumber);
-    std::lock_guard<std::mutex> lock(m_mutex);
-    unsigned long long replaced = m_sizes.count(extentNumber) ? m_sizes[extentNumber] : 0;
-    if (m_capacity && m_used - replaced + size > m_capacity)
+    std::unique_lock<std::mutex> lock(m_mutex);
+    auto excess = [&]() -> unsigned long long {
+        unsigned long long replaced = m_sizes.count(extentNumber) ? m_sizes[extentNumber] : 0;
+        unsigned long long after = m_used - replaced + size;
+        return m_capacity && after > m_capacity ? after - m_capacity : 0;
+    };
+    if (excess() && m_evict) {
+        std::function<void(unsigned long long)> evict = m_evict;
+        unsigned long long need = excess();
+        lock.unlock();
+        evict(need);
+        lock.lock();
+    }
+    if (excess())
         return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), 112 /*ERROR_DISK_FULL*/,
                                        "cache full: extent %lld (%llu bytes) does not fit in %llu of %llu bytes used",
                                        extentNumber, size, m_used, m_capacity);
+    unsigned long long replaced = m_sizes.count(extentNumber) ? m_sizes[extentNumber] : 0;
     int err = mkdirs(target.substr(0, target.rfind('/')));
     if (err) return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot make the directory of %s", target.c_str());
     if (::rename(tempPath.c_str(), target.c_str()) != 0)
@@ -185,6 +197,11 @@ unsigned long long ZxBlkBackingStore::usedBytes() {
 unsigned long long ZxBlkBackingStore::capacity() {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_capacity;
+}
+
+void ZxBlkBackingStore::setEvictionHandler(std::function<void(unsigned long long)> handler) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_evict = std::move(handler);
 }
 
 void ZxBlkBackingStore::setCapacity(unsigned long long capacity) {

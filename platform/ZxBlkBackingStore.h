@@ -1,6 +1,7 @@
 // The host's extent cache on disk: one file per disk extent, moved in whole.
 #pragma once
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -23,10 +24,16 @@ public:
     // Extent files fan out over two levels of folders (256 x 256), so that a
     // disk of a million extents keeps a few dozen files per folder.
     CUxError getExtentFileName(long long extentNumber, std::string* name);
-    // Atomically renames the temporary file into place. Fails with "cache
-    // full" when the store would pass its capacity; then nothing changes and
-    // the temporary file stays where it is.
+    // Atomically renames the temporary file into place. When the store would
+    // pass its capacity, the eviction handler (if any) is asked once to free
+    // room and the move-in is retried once; if it still does not fit, it
+    // fails with "cache full", nothing changes and the temporary file stays
+    // where it is.
     CUxError moveInExtentFile(const std::string& tempPath, long long extentNumber);
+    // The host's eviction policy: called without the store's lock held, with
+    // the number of bytes that must be freed; it removes extents of its
+    // choice through removeExtent.
+    void setEvictionHandler(std::function<void(unsigned long long bytesToFree)> handler);
 
     bool hasExtent(long long extentNumber);
     std::string extentPath(long long extentNumber) const;
@@ -48,4 +55,5 @@ private:
     std::set<long long> m_extents;
     std::map<long long, unsigned long long> m_sizes;
     unsigned long long m_used = 0;
+    std::function<void(unsigned long long)> m_evict;
 };

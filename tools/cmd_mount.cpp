@@ -4,16 +4,17 @@
 #define FUSE_USE_VERSION 35
 #include <fcntl.h>
 #include <fuse.h>
-#include <sys/file.h>
-#include <sys/statvfs.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
+#include <cctype>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <ctime>
+#include <filesystem>
 #include <memory>
 
 #include "host/disk_host.h"
@@ -25,6 +26,7 @@ namespace zxblk {
 namespace {
 
 DiskHost* g_host = nullptr;
+time_t g_mountTime = 0;
 
 const char* const kDisk = "/disk.raw";
 const char* const kControl = "/.control";
@@ -34,20 +36,19 @@ int getattrOp(const char* path, struct stat* st, struct fuse_file_info*) {
     std::memset(st, 0, sizeof *st);
     st->st_uid = getuid();
     st->st_gid = getgid();
-    st->st_mtime = st->st_ctime = st->st_atime = time(nullptr);
+    st->st_mtime = st->st_ctime = st->st_atime = g_mountTime;
+    st->st_nlink = 1;
     if (std::strcmp(path, "/") == 0) {
         st->st_mode = S_IFDIR | 0555;
         st->st_nlink = 2;
     } else if (std::strcmp(path, kDisk) == 0) {
         st->st_mode = S_IFREG | 0444;
-        st->st_nlink = 1;
         st->st_size = static_cast<off_t>(g_host->size());
+        st->st_blocks = (st->st_size + 511) / 512;
     } else if (std::strcmp(path, kControl) == 0) {
         st->st_mode = S_IFREG | 0200;
-        st->st_nlink = 1;
     } else if (std::strcmp(path, kStats) == 0) {
         st->st_mode = S_IFREG | 0444;
-        st->st_nlink = 1;
         st->st_size = 4096;  // read with direct I/O: the text is as long as it is
     } else {
         return -ENOENT;
@@ -57,9 +58,8 @@ int getattrOp(const char* path, struct stat* st, struct fuse_file_info*) {
 
 int readdirOp(const char* path, void* buf, fuse_fill_dir_t fill, off_t, struct fuse_file_info*, enum fuse_readdir_flags) {
     if (std::strcmp(path, "/") != 0) return -ENOENT;
-    fill(buf, ".", nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
-    fill(buf, "..", nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
-    for (const char* name : {kDisk + 1, kControl + 1, kStats + 1}) fill(buf, name, nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
+    for (const char* name : {".", "..", kDisk + 1, kControl + 1, kStats + 1})
+        fill(buf, name, nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
     return 0;
 }
 
@@ -67,7 +67,7 @@ int openOp(const char* path, struct fuse_file_info* fi) {
     int mode = fi->flags & O_ACCMODE;
     if (std::strcmp(path, kDisk) == 0) {
         if (mode != O_RDONLY) return -EROFS;
-        fi->keep_cache = 1;
+        fi->keep_cache = 1;  // the bytes never change while mounted
         return 0;
     }
     if (std::strcmp(path, kControl) == 0) {
@@ -98,8 +98,8 @@ int readOp(const char* path, char* buf, size_t size, off_t offset, struct fuse_f
         g_host->read(static_cast<uint64_t>(offset), n, buf);
     } catch (const std::exception& e) {
         // The reader gets EIO; the mount goes on serving everything else.
-        LogSink::write(kLevelError, "zxblk mount", std::string("read of ") + std::to_string(n) + " bytes at " +
-                                                       std::to_string(offset) + " failed: " + e.what());
+        LogSink::write(kLevelError, "zxblk mount", "read of " + std::to_string(n) + " bytes at " + std::to_string(offset) +
+                                                       " failed: " + e.what());
         return -EIO;
     }
     return static_cast<int>(n);
@@ -117,15 +117,19 @@ int writeOp(const char* path, const char* buf, size_t size, off_t, struct fuse_f
         start = end + 1;
         if (line.empty()) continue;
         std::string error;
-        if (line == "mount-complete")
+        if (line == "mount-complete") {
             error = g_host->markMountComplete();
-        else if (line == "metadata-begin")
+        } else if (line == "metadata-begin") {
             error = g_host->beginMetadata();
-        else if (line == "metadata-end")
+        } else if (line == "metadata-end") {
             error = g_host->endMetadata();
-        else
+        } else {
+            LogSink::write(kLevelError, "zxblk mount",
+                           "control: unknown line '" + line + "' (mount-complete, metadata-begin or metadata-end)");
             return -EINVAL;
-        LogSink::write(error.empty() ? 1 : kLevelError, "zxblk mount", line + (error.empty() ? "" : ": " + error));
+        }
+        LogSink::write(error.empty() ? kLevelDebug : kLevelError, "zxblk mount",
+                       "control: " + line + (error.empty() ? "" : ": " + error));
         if (!error.empty()) return -EIO;
     }
     return static_cast<int>(size);
@@ -139,112 +143,185 @@ unsigned long long parseSize(const std::string& text) {
     char* end = nullptr;
     double v = std::strtod(text.c_str(), &end);
     std::string unit = end ? end : "";
-    unsigned long long mul = unit.empty() ? 1 : unit == "K" || unit == "KiB" ? 1ULL << 10 : unit == "M" || unit == "MiB" ? 1ULL << 20
-                                              : unit == "G" || unit == "GiB" ? 1ULL << 30 : 0;
-    if (end == text.c_str() || v < 0 || mul == 0) throw StoreError("cache limit '" + text + "': a size such as 4G, 512M or bytes");
-    return static_cast<unsigned long long>(v * static_cast<double>(mul));
+    if (unit.size() == 3 && unit.compare(1, 2, "iB") == 0) unit.resize(1);  // KiB, MiB, ...
+    size_t power = unit.size() == 1 ? std::string("KMGT").find(static_cast<char>(std::toupper(unit[0]))) : std::string::npos;
+    if (end == text.c_str() || !(v > 0) || (!unit.empty() && power == std::string::npos))
+        throw StoreError("cache limit '" + text + "': give a size such as 4G, 512M, 256K or a number of bytes");
+    return static_cast<unsigned long long>(v * static_cast<double>(unit.empty() ? 1ULL : 1ULL << (10 * (power + 1))));
+}
+
+struct MountArgs {
+    std::string store, disk, cache, limit, mountpoint, logFile;
+    int snapshot = -1;
+    bool foreground = false, prefetch = false;
+    uint64_t flushThreshold = 64;
+};
+
+// A daemon tells the process that started it how the start went: one
+// message, '+' first when it serves, '-' and why not when it gave up.
+void tellStarter(int& fd, char status, const std::string& text) {
+    if (fd < 0) return;
+    std::string message = status + text;
+    bool told = ::write(fd, message.data(), message.size()) == static_cast<ssize_t>(message.size());
+    (void)told;  // the starter then reports that the mount ended before it was ready
+    ::close(fd);
+    fd = -1;
+}
+
+// Mounts and serves until unmounted; `readyFd` is the starter's pipe when
+// running as a daemon, -1 in the foreground.
+void serve(const MountArgs& a, int& readyFd) {
+    // Tracking mount and metadata extents is the point of a mount: on unless
+    // the configuration says otherwise.
+    ZXPlatformInfo::setHostDefault("VirtualServer", "bEnableMetadataRestoreOptimization", "true");
+    HostOptions options;
+    options.storeDir = a.store;
+    options.disk = a.disk;
+    options.snapshot = a.snapshot;
+    options.cacheDir = a.cache;
+    options.flushThreshold = a.flushThreshold;
+    if (!a.limit.empty()) options.cacheLimit = parseSize(a.limit);
+    std::unique_ptr<DiskHost> host(new DiskHost(options));
+
+    std::string logFile = a.logFile;
+    if (logFile.empty() && readyFd >= 0) logFile = host->cacheDir() + "/mount.log";
+    if (!logFile.empty() && !LogSink::setFile(logFile)) throw StoreError(logFile + ": cannot write the log there");
+    if (a.prefetch) {
+        std::vector<uint64_t> extents;
+        if (host->services().index())
+            for (const IndexRow& r : host->services().index()->rows(a.disk, host->snapshot(), "mount")) extents.push_back(r.extent);
+        LogSink::write(kLevelDebug, "zxblk mount", "prefetching " + std::to_string(extents.size()) + " mount extents");
+        host->prefetch(extents);
+    }
+    g_host = host.get();
+    g_mountTime = std::time(nullptr);
+
+    struct fuse_operations ops;
+    std::memset(&ops, 0, sizeof ops);
+    ops.getattr = getattrOp;
+    ops.readdir = readdirOp;
+    ops.open = openOp;
+    ops.read = readOp;
+    ops.write = writeOp;
+    ops.truncate = truncateOp;
+    std::string fsname = "fsname=zxblk:" + a.disk;
+    std::vector<const char*> argv = {"zxblk", "-o", fsname.c_str(), "-o", "subtype=zxblk"};
+    struct fuse_args args = FUSE_ARGS_INIT(static_cast<int>(argv.size()), const_cast<char**>(argv.data()));
+    struct fuse* fuse = fuse_new(&args, &ops, sizeof ops, nullptr);
+    fuse_opt_free_args(&args);
+    if (!fuse) throw StoreError("cannot start the FUSE session");
+    if (fuse_mount(fuse, a.mountpoint.c_str()) != 0) {
+        fuse_destroy(fuse);
+        throw StoreError(a.mountpoint + ": cannot mount there (is /dev/fuse usable, and the directory not mounted already?)");
+    }
+    struct fuse_session* session = fuse_get_session(fuse);
+    fuse_set_signal_handlers(session);
+    std::string banner = "mounted " + a.disk + " snapshot " + std::to_string(host->snapshot()) + " at " + a.mountpoint +
+                         " (disk.raw, " + std::to_string(host->size()) + " bytes; cache " + host->cacheDir() + ")";
+    if (readyFd >= 0) {
+        int null = ::open("/dev/null", O_RDWR);
+        if (null >= 0) {
+            ::dup2(null, 0), ::dup2(null, 1), ::dup2(null, 2);
+            if (null > 2) ::close(null);
+        }
+        tellStarter(readyFd, '+', banner + "\nlog: " + logFile + "; unmount with: fusermount3 -u " + a.mountpoint);
+    } else {
+        std::printf("%s\n", banner.c_str());
+        std::fflush(stdout);
+    }
+    LogSink::write(0, "zxblk mount", banner);
+
+    struct fuse_loop_config loop;
+    std::memset(&loop, 0, sizeof loop);
+    loop.max_idle_threads = 10;
+    int rc = fuse_loop_mt(fuse, &loop);
+    fuse_remove_signal_handlers(session);
+    fuse_unmount(fuse);
+    fuse_destroy(fuse);
+    std::string stats = host->statsText();
+    for (char& c : stats)
+        if (c == '\n') c = ' ';
+    g_host = nullptr;
+    host.reset();
+    LogSink::write(0, "zxblk mount", "unmounted " + a.mountpoint + ": " + stats);
+    if (rc != 0 && rc != SIGINT && rc != SIGTERM && rc != SIGHUP)
+        throw StoreError("the FUSE session ended with an error (" + std::to_string(rc) + ")");
+}
+
+// Starts the daemon before any thread exists (the restore service's workers
+// would not survive a fork) and waits for its word on how the start went,
+// so that a mount that cannot start fails in the user's terminal.
+void startDaemon(const MountArgs& a) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) throw StoreError(std::string("cannot start the mount: ") + std::strerror(errno));
+    pid_t pid = ::fork();
+    if (pid < 0) throw StoreError(std::string("cannot start the mount: ") + std::strerror(errno));
+    if (pid == 0) {
+        ::close(fds[0]);
+        ::setsid();
+        int readyFd = fds[1];
+        int rc = 0;
+        try {
+            serve(a, readyFd);
+        } catch (const std::exception& e) {
+            if (readyFd >= 0)
+                tellStarter(readyFd, '-', e.what());
+            else
+                LogSink::write(kLevelError, "zxblk mount", e.what());
+            rc = 1;
+        }
+        std::fflush(nullptr);
+        std::exit(rc);
+    }
+    ::close(fds[1]);
+    std::string reply;
+    char buf[4096];
+    ssize_t n;
+    while ((n = ::read(fds[0], buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR))
+        if (n > 0) reply.append(buf, static_cast<size_t>(n));
+    ::close(fds[0]);
+    if (!reply.empty() && reply[0] == '+') {
+        std::printf("%s\n", reply.c_str() + 1);
+        return;
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    throw StoreError(reply.empty() ? "the mount process ended before it was ready" : reply.substr(1));
 }
 
 }  // namespace
 
 void registerMountCommand(CLI::App& app) {
     auto* cmd = app.add_subcommand("mount", "present the disk as MOUNTPOINT/disk.raw, recalling extents on demand");
-    static std::string store, disk, cache, limit, mountpoint;
-    static int snapshot = -1;
-    static bool foreground = false, prefetch = false;
-    static uint64_t flushThreshold = 64;
-    cmd->add_option("--store", store, "store directory")->required()->check(CLI::ExistingDirectory);
-    cmd->add_option("--disk", disk, "disk name")->required();
-    cmd->add_option("--snapshot", snapshot, "snapshot number (default: the newest)");
-    cmd->add_option("--cache", cache, "extent cache directory (default: under ~/.cache/zxblk)");
-    cmd->add_option("--cache-limit", limit, "largest size of the extent cache, e.g. 2G (default: a quarter of the free space)");
-    cmd->add_option("--flush-threshold", flushThreshold, "metadata extents gathered before they are sent to the index")
+    static MountArgs a;
+    cmd->add_option("--store", a.store, "store directory")->required()->check(CLI::ExistingDirectory);
+    cmd->add_option("--disk", a.disk, "disk name")->required();
+    cmd->add_option("--snapshot", a.snapshot, "snapshot number (default: the newest)");
+    cmd->add_option("--cache", a.cache, "extent cache directory (default: under ~/.cache/zxblk)");
+    cmd->add_option("--cache-limit", a.limit,
+                    "largest size of the extent cache, e.g. 2G or 256K (default: a quarter of the space it may use)");
+    cmd->add_option("--flush-threshold", a.flushThreshold, "metadata extents gathered before they are sent to the index")
         ->capture_default_str();
-    cmd->add_flag("-f,--foreground", foreground, "stay in the foreground");
-    cmd->add_flag("--prefetch", prefetch, "recall the extents the index flags as mount extents, in the background");
-    cmd->add_option("mountpoint", mountpoint, "an empty directory")->required()->check(CLI::ExistingDirectory);
+    cmd->add_option("--log-file", a.logFile, "write the log here (default: standard error, or CACHE/mount.log as a daemon)");
+    cmd->add_flag("-f,--foreground", a.foreground, "stay in the foreground");
+    cmd->add_flag("--prefetch", a.prefetch, "recall the extents the index flags as mount extents, in the background");
+    cmd->add_option("mountpoint", a.mountpoint, "an empty directory")->required()->check(CLI::ExistingDirectory);
     addCommonOptions(cmd);
     cmd->callback([] {
         applyCommonOptions();
-        // Extent tracking is the point of a mount: switch it on unless the
-        // user gave a configuration of their own.
-        if (commonOptions().config.empty() && !std::getenv("ZXBLK_CONFIG")) {
-            static std::string ini = "/tmp/zxblk-mount-" + std::to_string(getpid()) + ".ini";
-            std::ofstream(ini) << "[VirtualServer]\nbEnableMetadataRestoreOptimization=true\n";
-            setenv("ZXBLK_CONFIG", ini.c_str(), 1);
-            ZXPlatformInfo::ReloadForTests();
+        // A running mount serves from "/": every path it keeps is absolute.
+        for (std::string* p : {&a.store, &a.cache, &a.mountpoint, &a.logFile}) {
+            if (p->empty()) continue;
+            *p = std::filesystem::absolute(*p).lexically_normal().string();
+            while (p->size() > 1 && p->back() == '/') p->pop_back();
         }
-        HostOptions options;
-        options.storeDir = store;
-        options.disk = disk;
-        options.snapshot = snapshot;
-        options.cacheDir = cache;
-        options.flushThreshold = flushThreshold;
-        if (!limit.empty()) options.cacheLimit = parseSize(limit);
-        std::string cacheDir = cache.empty() ? "" : cache;
-        std::unique_ptr<DiskHost> host(new DiskHost(options));
-        unlink(std::getenv("ZXBLK_CONFIG"));
-        if (limit.empty()) {
-            struct statvfs fs;
-            unsigned long long share = statvfs(host->cacheDir().c_str(), &fs) == 0 ? fs.f_bavail * fs.f_frsize / 4 : 0;
-            host->cache().setCapacity(std::max<unsigned long long>(share, 8ULL * static_cast<unsigned long long>(host->extentSize())));
+        if (!a.limit.empty()) parseSize(a.limit);  // a wrong size fails here, in the terminal
+        if (a.foreground) {
+            int noStarter = -1;
+            serve(a, noStarter);
+        } else {
+            startDaemon(a);
         }
-        // One mount per cache: a second would race the first over its files.
-        int lockFd = ::open((host->cacheDir() + "/mount.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-        if (lockFd < 0 || ::flock(lockFd, LOCK_EX | LOCK_NB) != 0)
-            throw StoreError("the extent cache " + host->cacheDir() + " is in use by another zxblk mount");
-        if (prefetch && host->services().index()) {
-            std::vector<uint64_t> extents;
-            for (const IndexRow& r : host->services().index()->rows(disk, host->snapshot(), "mount")) extents.push_back(r.extent);
-            LogSink::write(1, "zxblk mount", "prefetching " + std::to_string(extents.size()) + " mount extents");
-            host->prefetch(extents);
-        }
-        g_host = host.get();
-
-        struct fuse_operations ops;
-        std::memset(&ops, 0, sizeof ops);
-        ops.getattr = getattrOp;
-        ops.readdir = readdirOp;
-        ops.open = openOp;
-        ops.read = readOp;
-        ops.write = writeOp;
-        ops.truncate = truncateOp;
-        std::string fsname = "fsname=zxblk:" + disk;
-        std::vector<const char*> argv = {"zxblk", "-o", fsname.c_str(), "-o", "subtype=zxblk"};
-        struct fuse_args args = FUSE_ARGS_INIT(static_cast<int>(argv.size()), const_cast<char**>(argv.data()));
-        struct fuse* fuse = fuse_new(&args, &ops, sizeof ops, nullptr);
-        fuse_opt_free_args(&args);
-        if (!fuse) throw StoreError("cannot start the FUSE session");
-        if (fuse_mount(fuse, mountpoint.c_str()) != 0) {
-            fuse_destroy(fuse);
-            throw StoreError(mountpoint + ": cannot mount (is /dev/fuse there, and the directory not in use?)");
-        }
-        std::printf("mounted %s snapshot %d at %s (disk.raw, %llu bytes; cache %s)\n", disk.c_str(), host->snapshot(),
-                    mountpoint.c_str(), static_cast<unsigned long long>(host->size()), host->cacheDir().c_str());
-        std::fflush(stdout);
-        if (fuse_daemonize(foreground ? 1 : 0) != 0) {
-            fuse_unmount(fuse);
-            fuse_destroy(fuse);
-            throw StoreError("cannot go into the background");
-        }
-        struct fuse_session* session = fuse_get_session(fuse);
-        fuse_set_signal_handlers(session);
-        struct fuse_loop_config loop;
-        std::memset(&loop, 0, sizeof loop);
-        loop.clone_fd = 0;
-        loop.max_idle_threads = 10;
-        int rc = fuse_loop_mt(fuse, &loop);
-        fuse_remove_signal_handlers(session);
-        fuse_unmount(fuse);
-        fuse_destroy(fuse);
-        std::string stats = host->statsText();
-        for (char& c : stats)
-            if (c == '\n') c = ' ';
-        g_host = nullptr;
-        host.reset();
-        LogSink::write(1, "zxblk mount", "unmounted " + mountpoint + ": " + stats);
-        ::close(lockFd);
-        if (rc != 0 && rc != SIGINT && rc != SIGTERM) throw StoreError("the FUSE session ended with an error");
     });
 }
 

@@ -77,7 +77,7 @@ void registerExportCommand(CLI::App& app) {
                     writeAll(fd, buffer.data(), n, partial);
                 }
                 // A recalled extent is not kept: an export reads each once.
-                host.cache().removeExtent(static_cast<long long>(at / E));
+                host.forget(at / E);
                 if (progress) {
                     int pct = static_cast<int>((at + n) * 100 / total);
                     std::fprintf(stderr, "\r[%-50s] %3d%%", std::string(pct / 2, '#').c_str(), pct);

@@ -128,6 +128,15 @@ TEST(Configuration, IniBooleansAndMissingFiles) {
     long long n = 0;
     EXPECT_TRUE(info.getInteger("VirtualServer", "count", &n));
     EXPECT_EQ(n, 42);
+    // The host's defaults fill only what the file leaves unset.
+    ZXPlatformInfo::setHostDefault("VirtualServer", "bOff", "true");
+    ZXPlatformInfo::setHostDefault("VirtualServer", "bHostOnly", "true");
+    EXPECT_TRUE(info.getBoolean("VirtualServer", "bOff", &v));
+    EXPECT_FALSE(v);
+    v = false;
+    EXPECT_TRUE(info.getBoolean("VirtualServer", "bHostOnly", &v));
+    EXPECT_TRUE(v);
+    EXPECT_FALSE(info.getBoolean("Other", "bHostOnly", &v));
 
     setenv("ZXBLK_CONFIG", (path + ".missing").c_str(), 1);
     ZXPlatformInfo::ReloadForTests();

@@ -99,6 +99,33 @@ TEST_F(BackingStoreTest, MoveInCapacityReplaceAndRestart) {
     EXPECT_EQ(again.usedBytes(), 1500u);
 }
 
+TEST_F(BackingStoreTest, FullStoreAsksItsEvictionHandlerOnceThenRetries) {
+    ZxBlkBackingStore s(dir, 3000);
+    std::vector<unsigned long long> asked;
+    std::vector<long long> victims = {1};
+    s.setEvictionHandler([&](unsigned long long need) {
+        asked.push_back(need);
+        for (long long v : victims) s.removeExtent(v);  // the handler calls back into the store
+        victims.clear();
+    });
+    ASSERT_FALSE(s.moveInExtentFile(makeTemp(s, 1000, 'a'), 1).IsError());
+    ASSERT_FALSE(s.moveInExtentFile(makeTemp(s, 1500, 'b'), 2).IsError());
+    EXPECT_TRUE(asked.empty());
+    // 2500 + 1000 passes 3000 by 500: the handler frees extent 1 and the move-in goes through.
+    ASSERT_FALSE(s.moveInExtentFile(makeTemp(s, 1000, 'c'), 3).IsError());
+    EXPECT_EQ(asked, (std::vector<unsigned long long>{500}));
+    EXPECT_EQ(s.extents(), (std::vector<long long>{2, 3}));
+    EXPECT_EQ(slurp(s.extentPath(3)), std::string(1000, 'c'));
+    // A handler that frees nothing: asked once, then "cache full".
+    std::string d = makeTemp(s, 1000, 'd');
+    CUxError full = s.moveInExtentFile(d, 4);
+    ASSERT_TRUE(full.IsError());
+    EXPECT_NE(full.AsString().find("cache full"), std::string::npos);
+    EXPECT_EQ(asked, (std::vector<unsigned long long>{500, 500}));
+    EXPECT_EQ(slurp(d), std::string(1000, 'd'));
+    EXPECT_EQ(s.usedBytes(), 2500u);
+}
+
 TEST_F(BackingStoreTest, ReadersNeverSeePartialExtents) {
     ZxBlkBackingStore s(dir, 0);
     std::atomic<bool> stop{false};
