@@ -2,6 +2,7 @@
 // VHD and a differencing snapshot in which some files changed), mounts the
 // newest snapshot, reads two files out of its file system, and shows how
 // little of the disk had to be recalled to do it.
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
@@ -9,10 +10,14 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstring>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <map>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -28,6 +33,12 @@ extern char** environ;
 namespace zxblk {
 namespace {
 
+namespace fs = std::filesystem;
+
+const char* const kMarker = ".zxblk-demo";  // what makes a folder safe to build the sample in again
+const int kFiles = 36;
+const int kChanged[] = {3, 17, 30};
+
 void say(const std::string& text) {
     std::printf("==> %s\n", text.c_str());
     std::fflush(stdout);
@@ -39,8 +50,9 @@ std::string quote(const std::string& s) {
     return out + "'";
 }
 
-void run(const std::string& command) {
-    if (std::system((command + " >/dev/null 2>&1").c_str()) != 0) throw StoreError("demo step failed: " + command);
+void run(const std::string& command, const std::string& output = "/dev/null") {
+    if (std::system((command + " >" + quote(output) + " 2>/dev/null").c_str()) != 0)
+        throw StoreError("demo step failed: " + command);
 }
 
 std::string slurp(const std::string& path) {
@@ -48,9 +60,14 @@ std::string slurp(const std::string& path) {
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-void spit(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
+void spit(const std::string& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << bytes;
+    if (!out.flush()) throw StoreError(path + ": cannot write it");
+}
 
-// Deterministic contents: a file's bytes depend only on its name and version.
+// A file's bytes depend only on its name and version, so the demo can tell
+// without any copy whether what it read back is right.
 std::string contents(const std::string& name, int version, size_t size) {
     std::mt19937_64 rng(std::hash<std::string>()(name) + static_cast<uint64_t>(version));
     std::string s(size, '\0');
@@ -61,9 +78,103 @@ std::string contents(const std::string& name, int version, size_t size) {
     return s;
 }
 
+std::string dataFile(int i) { return "data/file" + std::to_string(i) + ".bin"; }
+size_t originalSize(int i) { return (1 + i % 5) * (1 << 20) + static_cast<size_t>(i) * 4096; }
+const size_t kChangedSize = 2 << 20;
+
 bool fuseMounted(const std::string& dir) {
-    struct statfs fs;
-    return ::statfs(dir.c_str(), &fs) == 0 && fs.f_type == 0x65735546;  // FUSE_SUPER_MAGIC
+    struct statfs st;
+    return ::statfs(dir.c_str(), &st) == 0 && st.f_type == 0x65735546;  // FUSE_SUPER_MAGIC
+}
+
+// `zxblk mount -f` as a child of the demo, unmounted and waited for however
+// the demo ends.
+class DemoMount {
+public:
+    DemoMount(const std::string& store, const std::string& cache, const std::string& mountpoint) : m_mountpoint(mountpoint) {
+        std::vector<std::string> args = {"zxblk", "mount", "--store", store, "--disk", "demo", "--cache", cache,
+                                         "--log-level", "-1", "-f", mountpoint};
+        std::vector<char*> argv;
+        for (auto& a : args) argv.push_back(&a[0]);
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);  // the demo says what it mounted
+        int rc = posix_spawn(&m_pid, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (rc != 0) throw StoreError(std::string("cannot start zxblk mount: ") + std::strerror(rc));
+        for (int i = 0; i < 600 && !fuseMounted(mountpoint); ++i) {
+            int status = 0;
+            if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                m_pid = -1;
+                throw StoreError(mountpoint + ": zxblk mount ended before the disk was mounted (see above)");
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        if (!fuseMounted(mountpoint)) throw StoreError(mountpoint + ": the mount did not come up within 30 s");
+    }
+    // Unmounts and returns whether the mount process ended cleanly.
+    bool close() {
+        if (m_pid < 0) return true;
+        run("fusermount3 -u " + quote(m_mountpoint));
+        int status = 0;
+        ::waitpid(m_pid, &status, 0);
+        m_pid = -1;
+        return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    }
+    ~DemoMount() {
+        if (m_pid < 0) return;
+        if (std::system(("fusermount3 -u " + quote(m_mountpoint) + " 2>/dev/null").c_str()) != 0) ::kill(m_pid, SIGTERM);
+        ::waitpid(m_pid, nullptr, 0);
+    }
+
+private:
+    std::string m_mountpoint;
+    pid_t m_pid = -1;
+};
+
+std::map<std::string, unsigned long long> parseStats(const std::string& text) {
+    std::map<std::string, unsigned long long> out;
+    std::istringstream in(text);
+    std::string key;
+    unsigned long long value;
+    while (in >> key >> value) out[key] = value;
+    return out;
+}
+
+// Makes the sample: files, an ext4 image of them, its dynamic VHD, a copy in
+// which three files changed, the differencing VHD between the two, and a
+// store holding both as snapshots 0 and 1 of disk "demo".
+void buildSample(const std::string& dir, const std::string& work, const std::string& store) {
+    std::string src = dir + "/files";
+    fs::create_directories(src + "/data");
+    fs::create_directories(src + "/docs");
+    fs::create_directories(work);
+    say("generating " + std::to_string(kFiles) + " files and an ext4 file system of 256 MiB from them (mke2fs -d)");
+    for (int i = 0; i < kFiles; ++i) spit(src + "/" + dataFile(i), contents(dataFile(i), 0, originalSize(i)));
+    for (int i = 0; i < 20; ++i)
+        spit(src + "/docs/note" + std::to_string(i) + ".txt",
+             "note " + std::to_string(i) + ": backed-up disks are readable before they are restored.\n");
+    run("mke2fs -q -F -t ext4 -L zxblk-demo -d " + quote(src) + " " + quote(work + "/base.img") + " 256M");
+    say("turning it into a dynamic VHD (qemu-img convert -O vpc)");
+    run("qemu-img convert -f raw -O vpc -o force_size=on " + quote(work + "/base.img") + " " + quote(work + "/base.vhd"));
+
+    say("changing three files for a second snapshot, a differencing VHD");
+    run("cp --sparse=always " + quote(work + "/base.img") + " " + quote(work + "/changed.img"));
+    std::string commands = "cd /data\n";
+    for (int i : kChanged) {
+        std::string name = "file" + std::to_string(i) + ".bin";
+        spit(work + "/" + name, contents(dataFile(i), 1, kChangedSize));
+        commands += "rm " + name + "\nwrite " + work + "/" + name + " " + name + "\n";
+    }
+    spit(work + "/debugfs.cmds", commands);
+    run("debugfs -w -f " + quote(work + "/debugfs.cmds") + " " + quote(work + "/changed.img"));
+    DiffStats diff = writeDifferencingVhd(work + "/base.vhd", work + "/base.img", work + "/changed.img", work + "/child.vhd");
+    std::printf("    %llu sectors changed, in %llu blocks of the differencing VHD\n",
+                static_cast<unsigned long long>(diff.sectorsChanged), static_cast<unsigned long long>(diff.blocksAllocated));
+    say("importing both into the store " + store);
+    for (const std::string& line : importImages(store, "demo", {work + "/base.vhd", work + "/child.vhd"}, ImportOptions()))
+        std::printf("    %s\n", line.c_str());
 }
 
 }  // namespace
@@ -71,121 +182,85 @@ bool fuseMounted(const std::string& dir) {
 void registerDemoCommand(CLI::App& app) {
     auto* cmd = app.add_subcommand("demo", "build a sample backup of an ext4 disk, mount it and read files from it");
     static std::string dir;
-    static bool keep = false;
-    cmd->add_option("--dir", dir, "where to build the sample (default: a new folder in /tmp)");
-    cmd->add_flag("--keep", keep, "keep the sample afterwards");
+    cmd->add_option("--dir", dir, "where the sample lives (default: ~/.cache/zxblk/demo); built anew each run");
     addCommonOptions(cmd);
     cmd->callback([] {
         applyCommonOptions();
         if (dir.empty()) {
-            char tmpl[] = "/tmp/zxblk-demo-XXXXXX";
-            if (!::mkdtemp(tmpl)) throw StoreError(std::string("cannot make a folder in /tmp: ") + std::strerror(errno));
-            dir = tmpl;
+            const char* xdg = std::getenv("XDG_CACHE_HOME");
+            const char* home = std::getenv("HOME");
+            dir = (xdg && *xdg ? std::string(xdg) : std::string(home && *home ? home : "/tmp") + "/.cache") + "/zxblk/demo";
         }
-        ::mkdir(dir.c_str(), 0755);
-        std::string src = dir + "/files", store = dir + "/store", mnt = dir + "/mnt";
-        run("rm -rf " + quote(src) + " " + quote(store) + " " + quote(dir + "/cache") + " && mkdir -p " + quote(src + "/data") +
-            " " + quote(src + "/docs") + " " + quote(mnt));
-
-        say("generating files for a 256 MiB ext4 file system in " + src);
-        size_t total = 0;
-        for (int i = 0; i < 36; ++i) {
-            std::string name = "data/file" + std::to_string(i) + ".bin";
-            size_t size = (1 + i % 5) * (1 << 20) + static_cast<size_t>(i) * 4096;
-            spit(src + "/" + name, contents(name, 0, size));
-            total += size;
-        }
-        for (int i = 0; i < 20; ++i)
-            spit(src + "/docs/note" + std::to_string(i) + ".txt",
-                 "note " + std::to_string(i) + ": backed-up disks are readable before they are restored.\n");
-        run("mke2fs -q -F -t ext4 -L zxblk-demo -d " + quote(src) + " " + quote(dir + "/base.img") + " 256M");
-        run("qemu-img convert -f raw -O vpc -o force_size=on " + quote(dir + "/base.img") + " " + quote(dir + "/base.vhd"));
-
-        say("changing three files for a second snapshot (a differencing VHD)");
-        run("cp --sparse=always " + quote(dir + "/base.img") + " " + quote(dir + "/changed.img"));
-        std::string commands = "cd /data\n";
-        for (int i : {3, 17, 30}) {
-            std::string name = "data/file" + std::to_string(i) + ".bin";
-            spit(dir + "/new" + std::to_string(i), contents(name, 1, 2 << 20));
-            commands += "rm file" + std::to_string(i) + ".bin\nwrite " + dir + "/new" + std::to_string(i) + " file" +
-                        std::to_string(i) + ".bin\n";
-        }
-        spit(dir + "/debugfs.cmds", commands);
-        run("debugfs -w -f " + quote(dir + "/debugfs.cmds") + " " + quote(dir + "/changed.img"));
-        DiffStats diff = writeDifferencingVhd(dir + "/base.vhd", dir + "/base.img", dir + "/changed.img", dir + "/child.vhd");
-        std::printf("    %llu sectors changed in %llu blocks\n", static_cast<unsigned long long>(diff.sectorsChanged),
-                    static_cast<unsigned long long>(diff.blocksAllocated));
-        for (const std::string& line : importImages(store, "demo", {dir + "/base.vhd", dir + "/child.vhd"}, ImportOptions()))
-            std::printf("    %s\n", line.c_str());
+        dir = fs::absolute(dir).lexically_normal().string();
+        while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+        std::error_code ec;
+        if (fs::exists(dir) && !fs::is_empty(dir, ec) && !fs::exists(dir + "/" + kMarker))
+            throw StoreError(dir + " is not empty and holds no earlier demo: give --dir an empty or new folder");
+        for (const char* part : {"files", "store", "work", "cache", "mnt"}) fs::remove_all(dir + "/" + part, ec);
+        fs::create_directories(dir, ec);
+        if (ec) throw StoreError(dir + ": " + ec.message());
+        spit(dir + "/" + kMarker, "a sample made by zxblk demo; the demo replaces it when it runs again\n");
+        std::string store = dir + "/store", work = dir + "/work", cache = dir + "/cache", mnt = dir + "/mnt";
+        buildSample(dir, work, store);
 
         bool fuse = ::access("/dev/fuse", R_OK | W_OK) == 0;
-        std::string disk = fuse ? mnt + "/disk.raw" : dir + "/exported.raw";
-        pid_t child = -1;
+        std::string disk = fuse ? mnt + "/disk.raw" : work + "/exported.raw";
+        std::unique_ptr<DemoMount> mount;
         auto start = std::chrono::steady_clock::now();
         if (fuse) {
-            say("mounting the newest snapshot at " + mnt);
-            std::vector<std::string> args = {"zxblk", "mount", "--store", store, "--disk", "demo", "--cache", dir + "/cache", "-f", mnt};
-            std::vector<char*> argv;
-            for (auto& a : args) argv.push_back(&a[0]);
-            argv.push_back(nullptr);
-            if (posix_spawn(&child, "/proc/self/exe", nullptr, nullptr, argv.data(), environ) != 0)
-                throw StoreError("cannot start zxblk mount");
-            for (int i = 0; i < 200 && !fuseMounted(mnt); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            if (!fuseMounted(mnt)) throw StoreError(mnt + ": the mount did not come up");
+            say("mounting the newest snapshot: zxblk mount --store " + store + " --disk demo " + mnt);
+            fs::create_directories(mnt);
+            mount.reset(new DemoMount(store, cache, mnt));
         } else {
-            say("no /dev/fuse here: reading the disk through the provider into " + disk + " instead of mounting it");
-            run("/proc/self/exe export --store " + quote(store) + " --disk demo --cache " + quote(dir + "/cache") + " --out " + quote(disk));
+            say("no /dev/fuse here: exporting the disk through the provider to " + disk + " instead of mounting it");
+            run("/proc/self/exe export --store " + quote(store) + " --disk demo --cache " + quote(cache) + " --out " + quote(disk));
         }
         auto check = [&](int i, int version) {
-            std::string name = "data/file" + std::to_string(i) + ".bin";
-            std::string out = dir + "/read" + std::to_string(i);
-            run("debugfs -R " + quote("dump /" + name + " " + out) + " " + quote(disk));
-            size_t size = version ? (2 << 20) : (1 + i % 5) * (1 << 20) + static_cast<size_t>(i) * 4096;
-            if (slurp(out) != contents(name, version, size)) throw StoreError(name + " read from the disk differs from the original");
-            std::printf("    /%s: %zu bytes, identical to the %s\n", name.c_str(), size, version ? "changed file" : "original");
+            std::string out = work + "/read" + std::to_string(i);
+            run("debugfs -R " + quote("cat /" + dataFile(i)) + " " + quote(disk), out);
+            size_t size = version ? kChangedSize : originalSize(i);
+            if (slurp(out) != contents(dataFile(i), version, size))
+                throw StoreError("/" + dataFile(i) + " read from the disk differs from the " + (version ? "changed file" : "original"));
+            std::printf("    /%s: %zu bytes, identical to the %s\n", dataFile(i).c_str(), size,
+                        version ? "changed file of snapshot 1" : "original");
         };
-        say("reading two files out of the file system with debugfs");
-        check(17, 1);
+        say("reading two files out of the file system: debugfs -R 'cat ...' " + disk);
+        check(kChanged[1], 1);
         double firstFile = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         check(8, 0);
 
-        std::string stats;
-        if (fuse) {
+        std::map<std::string, unsigned long long> stats;
+        if (mount) {
+            say("marking the mount complete: the index learns which extents mounting needed");
             spit(mnt + "/.control", "mount-complete\n");
-            stats = slurp(mnt + "/.stats");
-            run("fusermount3 -u " + quote(mnt));
-            int status = 0;
-            ::waitpid(child, &status, 0);
+            stats = parseStats(slurp(mnt + "/.stats"));
+            if (!mount->close()) throw StoreError("zxblk mount did not end cleanly (see above)");
+            mount.reset();
         }
-        auto value = [&](const std::string& key) -> unsigned long long {
-            std::istringstream in(stats);
-            std::string k;
-            unsigned long long v;
-            while (in >> k >> v)
-                if (k == key) return v;
-            return 0;
-        };
-        SqliteIndexService index(store);
-        auto rows = index.rows("demo", 1, "mount");
+        std::vector<IndexRow> rows = SqliteIndexService(store).rows("demo", 1, "mount");
         say("done");
         if (fuse) {
-            unsigned long long bytes = value("bytes_recalled"), size = value("disk_bytes");
-            std::printf("    recalled %llu of %llu extents: %.1f MiB of a %.0f MiB disk (%.1f%%)\n", value("extents_recalled"),
-                        size / static_cast<unsigned long long>(value("extent_size") ? value("extent_size") : 1),
-                        bytes / 1048576.0, size / 1048576.0, size ? 100.0 * bytes / size : 0.0);
+            unsigned long long E = stats["extent_size"] ? stats["extent_size"] : 1, size = stats["disk_bytes"];
+            std::printf("    recalled %llu of %llu extents: %.1f MiB of a %.0f MiB disk (%.1f%%)\n", stats["extents_recalled"],
+                        (size + E - 1) / E, stats["bytes_recalled"] / 1048576.0, size / 1048576.0,
+                        size ? 100.0 * stats["bytes_recalled"] / size : 0.0);
         }
-        std::printf("    time to the first file: %.2f s\n", firstFile);
-        std::printf("    extents the index flags as mount extents: %zu", rows.size());
-        for (size_t i = 0; i < rows.size() && i < 12; ++i) std::printf("%s%llu", i ? "," : " (", static_cast<unsigned long long>(rows[i].extent));
-        std::printf("%s\n", rows.empty() ? "" : rows.size() > 12 ? ", ...)" : ")");
-        (void)total;
-        if (keep) {
-            std::printf("    the sample stays in %s: try\n      zxblk mount --store %s --disk demo %s\n", dir.c_str(),
-                        store.c_str(), mnt.c_str());
-        } else {
-            run("rm -rf " + quote(dir));
-            std::printf("    cleaned up; run with --keep (or --dir DIR) to keep the sample and play with it\n");
-        }
+        std::printf("    time to the first file: %.2f s%s\n", firstFile, fuse ? " (mount included)" : " (a whole export)");
+        std::printf("    extents the index flags as mount extents of snapshot 1: %zu", rows.size());
+        for (size_t i = 0; i < rows.size() && i < 16; ++i)
+            std::printf("%s%llu", i ? "," : " (", static_cast<unsigned long long>(rows[i].extent));
+        std::printf("%s\n", rows.empty() ? "" : rows.size() > 16 ? ", ...)" : ")");
+
+        fs::remove_all(work, ec);
+        fs::remove_all(cache, ec);
+        fs::remove(mnt, ec);
+        std::string self = fs::read_symlink("/proc/self/exe", ec).string();
+        if (ec) self = "zxblk";
+        std::printf("    cleaned up. The sample store stays in %s (the original files in %s/files). Try:\n"
+                    "      mkdir -p /tmp/mnt && %s mount --store %s --disk demo /tmp/mnt\n"
+                    "      debugfs -R 'ls -l /data' /tmp/mnt/disk.raw; cat /tmp/mnt/.stats; fusermount3 -u /tmp/mnt\n"
+                    "      %s index --store %s --disk demo\n",
+                    store.c_str(), dir.c_str(), self.c_str(), store.c_str(), self.c_str(), store.c_str());
     });
 }
 

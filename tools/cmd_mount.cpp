@@ -224,12 +224,12 @@ void serve(const MountArgs& a, int& readyFd) {
             ::dup2(null, 0), ::dup2(null, 1), ::dup2(null, 2);
             if (null > 2) ::close(null);
         }
+        LogSink::write(0, "zxblk mount", banner);
         tellStarter(readyFd, '+', banner + "\nlog: " + logFile + "; unmount with: fusermount3 -u " + a.mountpoint);
     } else {
         std::printf("%s\n", banner.c_str());
         std::fflush(stdout);
     }
-    LogSink::write(0, "zxblk mount", banner);
 
     struct fuse_loop_config loop;
     std::memset(&loop, 0, sizeof loop);
