@@ -168,8 +168,7 @@ void DiskHost::checkCacheIdentity(const std::string& identity) {
     }
     if (old == identity) return;
     if (!m_cache->extents().empty())
-        LogSink::write(kLevelError, "DiskHost",
-                       "extent cache " + m_cacheDir + " held another disk or snapshot list; its extents were dropped");
+        LogSink::write(0, "DiskHost", "extent cache " + m_cacheDir + " held another disk or snapshot list; its extents were dropped");
     for (long long e : m_cache->extents()) m_cache->removeExtent(e);
     std::string temp = path + ".new";
     FILE* f = std::fopen(temp.c_str(), "w");

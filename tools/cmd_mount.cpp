@@ -214,6 +214,11 @@ void serve(const MountArgs& a, int& readyFd) {
         fuse_destroy(fuse);
         throw StoreError(a.mountpoint + ": cannot mount there (is /dev/fuse usable, and the directory not mounted already?)");
     }
+    // A shell starts background jobs with SIGINT ignored, and libfuse leaves
+    // ignored signals alone; a mount should stop on SIGINT and SIGTERM
+    // however it was started.
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
     struct fuse_session* session = fuse_get_session(fuse);
     fuse_set_signal_handlers(session);
     std::string banner = "mounted " + a.disk + " snapshot " + std::to_string(host->snapshot()) + " at " + a.mountpoint +
