@@ -5,20 +5,8 @@
 #   demo_test.sh ZXBLK
 set -euo pipefail
 zxblk=$1
-if [ ! -e /dev/fuse ] || ! command -v fusermount3 >/dev/null; then
-  echo "skipped: no /dev/fuse or fusermount3 on this machine"
-  exit 77
-fi
-work=$(mktemp -d)
-mounts=()
-cleanup() {
-  for m in "${mounts[@]}"; do fusermount3 -u "$m" 2>/dev/null || true; done
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() { echo "FAIL: $*"; exit 1; }
-ok() { echo "ok: $*"; }
-t() { timeout 300 "$@"; }
+step_timeout=300
+source "$(dirname "$0")/mount_common.sh"
 
 t "$zxblk" demo --dir "$work/demo" >"$work/out" 2>"$work/err" || { cat "$work/out" "$work/err"; fail "zxblk demo"; }
 cat "$work/out"

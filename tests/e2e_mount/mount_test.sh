@@ -7,21 +7,7 @@
 #   mount_test.sh ZXBLK MAKE_VHD_CHAIN
 set -euo pipefail
 zxblk=$1 chain=$2
-if [ ! -e /dev/fuse ] || ! command -v fusermount3 >/dev/null; then
-  echo "skipped: no /dev/fuse or fusermount3 on this machine"
-  exit 77
-fi
-work=$(mktemp -d)
-mounts=()
-cleanup() {
-  for m in "${mounts[@]}"; do fusermount3 -u "$m" 2>/dev/null || true; done
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() { echo "FAIL: $*"; exit 1; }
-ok() { echo "ok: $*"; }
-# Nothing that touches a mount may hang the suite.
-t() { timeout 120 "$@"; }
+source "$(dirname "$0")/mount_common.sh"
 mounted() { grep -q " $1 fuse" /proc/mounts; }
 mount_disk() {  # mountpoint, extra arguments...
   local m=$1
