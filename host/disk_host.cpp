@@ -137,12 +137,12 @@ DiskHost::DiskHost(const HostOptions& options) : m_diskName(options.disk) {
 // so a crashed run never leaves the cache locked.
 void DiskHost::lockCache() {
     std::string path = m_cacheDir + "/lock";
-    m_lockFd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (m_lockFd < 0) throw StoreError(path + ": " + std::strerror(errno));
-    if (::flock(m_lockFd, LOCK_EX | LOCK_NB) != 0) {
+    m_lock.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!m_lock.is_valid()) throw StoreError(path + ": " + std::strerror(errno));
+    if (::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
         char pid[32] = {0};
-        ssize_t n = ::pread(m_lockFd, pid, sizeof pid - 1, 0);
-        ::close(m_lockFd);
+        ssize_t n = ::pread(m_lock.get(), pid, sizeof pid - 1, 0);
+        m_lock.reset();
         std::string who = n > 0 ? std::string(pid, static_cast<size_t>(n)) : std::string();
         who.erase(std::remove(who.begin(), who.end(), '\n'), who.end());
         throw StoreError("the extent cache " + m_cacheDir + " is in use by another zxblk process" +
@@ -150,7 +150,7 @@ void DiskHost::lockCache() {
     }
     // The pid only serves the message of a refused second process.
     std::string pid = std::to_string(::getpid()) + "\n";
-    bool noted = ::ftruncate(m_lockFd, 0) == 0 && ::pwrite(m_lockFd, pid.data(), pid.size(), 0) > 0;
+    bool noted = ::ftruncate(m_lock.get(), 0) == 0 && ::pwrite(m_lock.get(), pid.data(), pid.size(), 0) > 0;
     (void)noted;
 }
 
@@ -191,7 +191,6 @@ DiskHost::~DiskHost() {
     m_services->shutdown();  // every recall has called back before the disk goes
     m_services->unregisterFromPlatform();
     m_cache->setEvictionHandler(nullptr);
-    if (m_lockFd >= 0) ::close(m_lockFd);
 }
 
 void DiskHost::touch(uint64_t extent) {

@@ -13,6 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "framework/AutoHandles.h"
 #include "platform/ZxBlkBackingStore.h"
 #include "store/store_services.h"
 
@@ -82,12 +83,12 @@ private:
     void unpin(uint64_t extent);
     void evict(unsigned long long bytesToFree);
 
+    auto_handle m_lock;  // first in, last out: held until everything else is gone
     std::shared_ptr<StoreServices> m_services;
     std::unique_ptr<ZxBlkBackingStore> m_cache;
     std::unique_ptr<ZxBlkVhd> m_disk;
     std::string m_diskName;
     std::string m_cacheDir;
-    int m_lockFd = -1;
     uint64_t m_size = 0;
     int64_t m_extentSize = 0;
     int m_snapshot = 0;
