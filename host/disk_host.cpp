@@ -190,7 +190,6 @@ DiskHost::~DiskHost() {
     }
     m_services->shutdown();  // every recall has called back before the disk goes
     m_services->unregisterFromPlatform();
-    m_cache->setEvictionHandler(nullptr);
 }
 
 void DiskHost::touch(uint64_t extent) {

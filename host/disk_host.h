@@ -50,7 +50,6 @@ public:
     uint64_t size() const { return m_size; }
     int64_t extentSize() const { return m_extentSize; }
     int snapshot() const { return m_snapshot; }
-    const std::string& diskName() const { return m_diskName; }
     const std::string& cacheDir() const { return m_cacheDir; }
     // Reads [offset, offset + length) of the disk (clipped to its size);
     // throws StoreError naming the extent when it cannot be made local.
