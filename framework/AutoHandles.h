@@ -2,6 +2,16 @@
 #pragma once
 #include <unistd.h>
 
+#include "framework/Export.h"
+
+// Called with a descriptor just before a holder closes it. The file layer
+// keeps writes back per descriptor and installs this at start-up so that a
+// plain close of the holder still writes them out; the holder itself knows
+// nothing of that layer. One pointer for the whole process, whichever shared
+// object the holder's code was compiled into.
+using AutoHandleCloseHook = void (*)(int fd);
+ZXBLK_EXPORT inline AutoHandleCloseHook g_autoHandleBeforeClose = nullptr;
+
 inline bool _dac_is_valid_handle(int fd) { return fd >= 0; }
 
 class auto_handle {
@@ -18,7 +28,10 @@ public:
     // Resetting to the descriptor already held keeps it open: the holder must
     // never end up holding a closed descriptor.
     auto_handle& reset(int fd) {
-        if (fd != m_fd && _dac_is_valid_handle(m_fd)) ::close(m_fd);
+        if (fd != m_fd && _dac_is_valid_handle(m_fd)) {
+            if (AutoHandleCloseHook hook = g_autoHandleBeforeClose) hook(m_fd);
+            ::close(m_fd);
+        }
         m_fd = fd;
         return *this;
     }

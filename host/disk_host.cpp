@@ -20,6 +20,10 @@
 namespace zxblk {
 namespace {
 
+const char* const kTag = "DiskHost";
+// Open extent files kept beyond those in use; more are closed, least
+// recently used first.
+const size_t kOpenFiles = 256;
 std::string absolutePath(const std::string& path) {
     std::error_code ec;
     std::filesystem::path p = std::filesystem::absolute(path, ec);
@@ -33,6 +37,20 @@ std::string realPath(const std::string& path) {
 
 }  // namespace
 
+struct ExtentHandle::File {
+    explicit File(int descriptor) : fd(descriptor) {}
+    ~File() { ::close(fd); }
+    int fd;
+};
+
+int ExtentHandle::fd() const { return m_file->fd; }
+ExtentHandle::~ExtentHandle() { m_host->unpin(m_extent); }
+
+struct DiskHost::PoolDisk {
+    std::unique_ptr<ZxBlkVhd> disk;
+    std::mutex mutex;  // one readData or phase change at a time per disk object
+};
+
 std::string defaultCacheDir(const std::string& storeDir, const std::string& disk, int snapshot) {
     std::string store = realPath(storeDir);
     const char* xdg = std::getenv("XDG_CACHE_HOME");
@@ -43,7 +61,7 @@ std::string defaultCacheDir(const std::string& storeDir, const std::string& disk
     return base + "/zxblk/" + hash + "-" + disk + "-snap" + std::to_string(snapshot);
 }
 
-DiskHost::DiskHost(const HostOptions& options) : m_diskName(options.disk) {
+DiskHost::DiskHost(const HostOptions& options) : m_diskName(options.disk), m_readaheadMax(options.readaheadMax) {
     // Absolute from here on: a mount serves from "/" once it is running.
     std::string storeDir = realPath(options.storeDir);
     m_services = StoreServices::open(storeDir, options.services);
@@ -56,9 +74,11 @@ DiskHost::DiskHost(const HostOptions& options) : m_diskName(options.disk) {
     if (m_snapshot > newest)
         throw StoreError(storeDir + ": disk '" + options.disk + "' has snapshots 0 to " + std::to_string(newest) + ", not " +
                          std::to_string(m_snapshot));
+    m_record = record;
     m_size = record->size;
     m_extentSize = record->extentSize;
     const unsigned long long E = static_cast<unsigned long long>(m_extentSize);
+    m_extentCount = (m_size + E - 1) / E;
     if (options.cacheLimit && options.cacheLimit < E)
         throw StoreError("a cache limit of " + std::to_string(options.cacheLimit) + " bytes holds no extent of disk '" +
                          options.disk + "' (" + std::to_string(E) + " bytes each)");
@@ -72,6 +92,13 @@ DiskHost::DiskHost(const HostOptions& options) : m_diskName(options.disk) {
     if (::access((m_cacheDir + "/tmp").c_str(), W_OK) != 0)
         throw StoreError(m_cacheDir + ": cannot use it as the extent cache: " + std::strerror(errno));
     m_cache->clearTemporaries();  // left by a run that did not end cleanly
+    m_cache->setExtentSize(E);
+    // Extent files are not synced one by one: a run that did not stop
+    // cleanly may have left files whose bytes never reached the disk.
+    if (::access((m_cacheDir + "/dirty").c_str(), F_OK) == 0) {
+        m_dirty = true;
+        dropCache("extent cache " + m_cacheDir + " was not closed cleanly; its extents were dropped");
+    }
 
     // The cache holds the bytes of one disk as one list of snapshots shows it.
     std::string identity = "store " + storeDir + "\ndisk " + options.disk + "\nsnapshot " + std::to_string(m_snapshot) +
@@ -87,6 +114,9 @@ DiskHost::DiskHost(const HostOptions& options) : m_diskName(options.disk) {
         limit = std::max((avail + m_cache->usedBytes()) / 4, 8 * E);
     }
     m_cache->setCapacity(limit);
+    // Readahead never asks for more than a quarter of what the cache holds:
+    // in a cache of a few extents it would only push out what readers use.
+    m_readaheadMax = static_cast<unsigned>(std::min<uint64_t>(m_readaheadMax, limit / E / 4));
     // What a previous run left is used oldest first, as it was moved in.
     std::vector<std::pair<long long, uint64_t>> found;
     for (long long e : m_cache->extents()) {
@@ -95,7 +125,15 @@ DiskHost::DiskHost(const HostOptions& options) : m_diskName(options.disk) {
     }
     std::sort(found.begin(), found.end());
     for (auto& f : found) touch(f.second);
-    m_cache->setEvictionHandler([this](unsigned long long bytes) { evict(bytes); });
+    m_cache->setEvictionHandler([this](unsigned long long bytes) { return evict(bytes); });
+    m_cache->setMoveInHandler([this](long long e) {
+        std::lock_guard<std::mutex> lock(m_cacheMutex);
+        m_arrived.insert(static_cast<uint64_t>(e));
+        // A reader may have used and dropped it already, before this runs.
+        if (!m_cache->hasExtent(e)) return;
+        m_unsynced.insert(static_cast<uint64_t>(e));
+        touchLocked(static_cast<uint64_t>(e));
+    });
     if (m_cache->usedBytes() > limit) evict(m_cache->usedBytes() - limit);  // a smaller limit than last time
 
     m_services->registerWithPlatform();
@@ -103,33 +141,40 @@ DiskHost::DiskHost(const HostOptions& options) : m_diskName(options.disk) {
     // tried first), geometry, subclient, backing store, connect.
     const CopyRecord& top = record->copies[m_snapshot];
     std::string diskPath = top.browsePath.substr(0, top.browsePath.rfind('/'));
-    m_disk.reset(new ZxBlkVhd(options.disk, diskPath));
-    for (int i = 0; i <= m_snapshot; ++i) {
-        const CopyRecord& c = record->copies[i];
-        m_disk->addToBrowseStructList(c.storedExtentSize, static_cast<long long>(record->size), record->sectorSize,
-                                      std::to_string(record->diskId), c.browsePath, c.type);
-        m_disk->insertDiskPath(c.browsePath);
+    for (unsigned n = 0; n < std::max(1u, options.diskObjects); ++n) {
+        std::unique_ptr<PoolDisk> slot(new PoolDisk);
+        slot->disk.reset(new ZxBlkVhd(options.disk, diskPath));
+        ZxBlkVhd& disk = *slot->disk;
+        for (int i = 0; i <= m_snapshot; ++i) {
+            const CopyRecord& c = record->copies[i];
+            disk.addToBrowseStructList(c.storedExtentSize, static_cast<long long>(record->size), record->sectorSize,
+                                       std::to_string(record->diskId), c.browsePath, c.type);
+            disk.insertDiskPath(c.browsePath);
+        }
+        disk.setDiskParams(record->extentSize, static_cast<long long>(record->size), record->sectorSize,
+                           std::to_string(record->diskId));
+        SpecialOptsRecord special;
+        special.appId = record->subclientId;
+        special.idxKey1 = record->diskId;
+        special.idxKey2 = static_cast<uint64_t>(m_snapshot);
+        special.entityId = record->diskId;
+        FBRCtxSpecialOpts opts;
+        opts.specialOptsRecord = &special;
+        try {
+            disk.setSpecialOpts(CTXO_BLOCK_LEVEL, opts);
+        } catch (const ZxException& e) {
+            m_services->unregisterFromPlatform();
+            throw StoreError(storeDir + ": disk '" + options.disk + "': " + e.what());
+        }
+        disk.setRecallStore(m_cache.get());
+        disk.mountComplete = 0;  // the disk starts out being mounted
+        disk.metadataPhase = 0;
+        disk.extentFlushThreshold = options.flushThreshold;
+        disk.connect();
+        m_freeDisks.push_back(slot.get());
+        m_disks.push_back(std::move(slot));
     }
-    m_disk->setDiskParams(record->extentSize, static_cast<long long>(record->size), record->sectorSize,
-                          std::to_string(record->diskId));
-    SpecialOptsRecord special;
-    special.appId = record->subclientId;
-    special.idxKey1 = record->diskId;
-    special.idxKey2 = static_cast<uint64_t>(m_snapshot);
-    special.entityId = record->diskId;
-    FBRCtxSpecialOpts opts;
-    opts.specialOptsRecord = &special;
-    try {
-        m_disk->setSpecialOpts(CTXO_BLOCK_LEVEL, opts);
-    } catch (const ZxException& e) {
-        m_services->unregisterFromPlatform();
-        throw StoreError(storeDir + ": disk '" + options.disk + "': " + e.what());
-    }
-    m_disk->setRecallStore(m_cache.get());
-    m_disk->mountComplete = 0;  // the disk starts out being mounted
-    m_disk->metadataPhase = 0;
-    m_disk->extentFlushThreshold = options.flushThreshold;
-    m_disk->connect();
+    for (size_t i = 0; i < m_disks.size(); ++i) m_aheadThreads.emplace_back(&DiskHost::readaheadWorker, this);
 }
 
 // One process per cache: a second would clear the first one's temporary
@@ -139,12 +184,21 @@ void DiskHost::lockCache() {
     std::string path = m_cacheDir + "/lock";
     m_lock.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     if (!m_lock.is_valid()) throw StoreError(path + ": " + std::strerror(errno));
+    auto holder = [this] {
+        char text[64] = {0};
+        ssize_t n = ::pread(m_lock.get(), text, sizeof text - 1, 0);
+        return n > 0 ? std::string(text, static_cast<size_t>(n)) : std::string();
+    };
+    // A process that is stopping (syncing the cache after an unmount) is
+    // waited for: a mount right after an unmount is the common case.
+    for (int waited = 0; ::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0 && waited < 600 &&
+                         holder().find(" stopping") != std::string::npos;
+         ++waited)
+        ::usleep(50000);
     if (::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        char pid[32] = {0};
-        ssize_t n = ::pread(m_lock.get(), pid, sizeof pid - 1, 0);
+        std::string who = holder();
         m_lock.reset();
-        std::string who = n > 0 ? std::string(pid, static_cast<size_t>(n)) : std::string();
-        who.erase(std::remove(who.begin(), who.end(), '\n'), who.end());
+        who = who.substr(0, who.find_first_of(" \n"));
         throw StoreError("the extent cache " + m_cacheDir + " is in use by another zxblk process" +
                          (who.empty() ? std::string() : " (pid " + who + ")"));
     }
@@ -152,6 +206,11 @@ void DiskHost::lockCache() {
     std::string pid = std::to_string(::getpid()) + "\n";
     bool noted = ::ftruncate(m_lock.get(), 0) == 0 && ::pwrite(m_lock.get(), pid.data(), pid.size(), 0) > 0;
     (void)noted;
+}
+
+void DiskHost::dropCache(const std::string& why) {
+    if (!m_cache->extents().empty()) LogSink::write(0, kTag, why);
+    for (long long e : m_cache->extents()) m_cache->removeExtent(e);
 }
 
 // The cache belongs to one store, disk and list of snapshots: when that
@@ -167,9 +226,7 @@ void DiskHost::checkCacheIdentity(const std::string& identity) {
         std::fclose(f);
     }
     if (old == identity) return;
-    if (!m_cache->extents().empty())
-        LogSink::write(0, "DiskHost", "extent cache " + m_cacheDir + " held another disk or snapshot list; its extents were dropped");
-    for (long long e : m_cache->extents()) m_cache->removeExtent(e);
+    dropCache("extent cache " + m_cacheDir + " held another disk or snapshot list; its extents were dropped");
     std::string temp = path + ".new";
     FILE* f = std::fopen(temp.c_str(), "w");
     bool written = f && std::fwrite(identity.data(), 1, identity.size(), f) == identity.size();
@@ -181,19 +238,84 @@ void DiskHost::checkCacheIdentity(const std::string& identity) {
     }
 }
 
+// The mark goes down, durably, before the first extent file of this run is
+// moved in; a clean stop syncs the cache's file system once and takes it
+// away. A run that ends any other way leaves it for the next one to find.
+void DiskHost::markDirty() {
+    std::lock_guard<std::mutex> lock(m_cacheMutex);
+    if (m_dirty) return;
+    std::string path = m_cacheDir + "/dirty";
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    int dir = fd >= 0 ? ::open(m_cacheDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+    bool durable = dir >= 0 && ::fsync(dir) == 0;
+    int err = errno;
+    if (fd >= 0) ::close(fd);
+    if (dir >= 0) ::close(dir);
+    if (!durable) throw StoreError(path + ": cannot mark the extent cache in use: " + std::strerror(err));
+    m_dirty = true;
+}
+
 DiskHost::~DiskHost() {
     m_stopping = true;
-    if (m_prefetch.joinable()) m_prefetch.join();
+    std::string note = std::to_string(::getpid()) + " stopping\n";
+    bool noted = ::pwrite(m_lock.get(), note.data(), note.size(), 0) > 0;
+    (void)noted;  // a process that starts meanwhile then refuses instead of waiting
     {
-        std::lock_guard<std::mutex> lock(m_readMutex);
-        m_disk->disconnect();
+        std::lock_guard<std::mutex> lock(m_aheadMutex);
+        m_aheadQueue.clear();
+        m_aheadQueued.clear();
     }
-    m_services->shutdown();  // every recall has called back before the disk goes
+    m_aheadCond.notify_all();
+    for (std::thread& t : m_aheadThreads) t.join();
+    if (m_prefetch.joinable()) m_prefetch.join();
+    eachDisk([](ZxBlkVhd& disk) {
+        disk.disconnect();
+        return CUxError::Success();
+    });
+    m_services->shutdown();  // every recall has called back before the disks go
     m_services->unregisterFromPlatform();
+    std::lock_guard<std::mutex> lock(m_cacheMutex);
+    m_files.clear();
+    bool clean = m_unsynced.empty() || ::syncfs(m_lock.get()) == 0;
+    if (!clean) LogSink::write(kLevelError, kTag, m_cacheDir + ": cannot sync the extent cache: " + std::strerror(errno));
+    if (clean && m_dirty) ::unlink((m_cacheDir + "/dirty").c_str());
+}
+
+DiskHost::PoolDisk* DiskHost::takeDisk() {
+    std::unique_lock<std::mutex> lock(m_poolMutex);
+    m_poolCond.wait(lock, [this] { return !m_freeDisks.empty(); });
+    PoolDisk* disk = m_freeDisks.back();
+    m_freeDisks.pop_back();
+    return disk;
+}
+
+void DiskHost::giveBack(PoolDisk* disk) {
+    {
+        std::lock_guard<std::mutex> lock(m_poolMutex);
+        m_freeDisks.push_back(disk);
+    }
+    m_poolCond.notify_one();
+}
+
+// Applies a phase change to every disk object, each between its recalls;
+// returns "" or the first error.
+template <class F>
+std::string DiskHost::eachDisk(F apply) {
+    std::string error;
+    for (auto& slot : m_disks) {
+        std::lock_guard<std::mutex> lock(slot->mutex);
+        CUxError e = apply(*slot->disk);
+        if (e.IsError() && error.empty()) error = e.AsString();
+    }
+    return error;
 }
 
 void DiskHost::touch(uint64_t extent) {
     std::lock_guard<std::mutex> lock(m_cacheMutex);
+    touchLocked(extent);
+}
+
+void DiskHost::touchLocked(uint64_t extent) {
     auto it = m_useAt.find(extent);
     if (it != m_useAt.end()) {
         m_useOrder.splice(m_useOrder.begin(), m_useOrder, it->second);
@@ -214,91 +336,185 @@ void DiskHost::unpin(uint64_t extent) {
     if (it != m_pins.end() && --it->second <= 0) m_pins.erase(it);
 }
 
-// Called by the backing store when a move-in does not fit: the least
-// recently used extents that no read is using go until the bytes are free.
-// The pin check and the removal happen under one lock, so a reader that
-// pinned an extent either keeps it or finds it gone and recalls it.
-void DiskHost::evict(unsigned long long bytesToFree) {
-    uint64_t evicted = 0;
-    unsigned long long freed = 0;
-    {
-        std::lock_guard<std::mutex> lock(m_cacheMutex);
-        for (auto it = m_useOrder.end(); freed < bytesToFree && it != m_useOrder.begin();) {
-            --it;
-            uint64_t e = *it;
-            if (m_pins.count(e)) continue;
-            unsigned long long size = m_cache->extentFileSize(static_cast<long long>(e));
-            if (m_cache->removeExtent(static_cast<long long>(e)).IsError()) continue;
-            freed += size;
-            ++evicted;
-            m_useAt.erase(e);
-            it = m_useOrder.erase(it);
-        }
-    }
-    std::lock_guard<std::mutex> lock(m_statsMutex);
-    m_stats.evictions += evicted;
-}
-
-void DiskHost::forget(uint64_t extent) {
-    std::lock_guard<std::mutex> lock(m_cacheMutex);
-    if (m_pins.count(extent)) return;
+// With m_cacheMutex held. A reader that still holds the file keeps reading
+// it: the descriptor outlives the name.
+void DiskHost::removeLocked(uint64_t extent) {
     m_cache->removeExtent(static_cast<long long>(extent));
+    m_files.erase(extent);
+    m_unsynced.erase(extent);
     auto it = m_useAt.find(extent);
     if (it == m_useAt.end()) return;
     m_useOrder.erase(it->second);
     m_useAt.erase(it);
 }
 
-void DiskHost::ensureExtent(uint64_t extent) {
+// Called by the backing store when a move-in does not fit: the least
+// recently used extents that no read is using go until the bytes are free.
+// The pin check and the removal happen under one lock, so a reader that
+// pinned an extent either keeps it or finds it gone and recalls it.
+unsigned long long DiskHost::evict(unsigned long long bytesToFree) {
+    uint64_t evicted = 0;
+    unsigned long long freed = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_cacheMutex);
+        std::vector<uint64_t> victims;
+        for (auto it = m_useOrder.rbegin(); freed < bytesToFree && it != m_useOrder.rend(); ++it) {
+            if (m_pins.count(*it)) continue;
+            freed += m_cache->extentFileSize(static_cast<long long>(*it));
+            victims.push_back(*it);
+        }
+        for (uint64_t e : victims) removeLocked(e);
+        evicted = victims.size();
+    }
+    std::lock_guard<std::mutex> lock(m_statsMutex);
+    m_stats.evictions += evicted;
+    return freed;
+}
+
+bool DiskHost::holdsData(uint64_t extent) {
+    const uint64_t E = static_cast<uint64_t>(m_extentSize);
+    return extent < m_extentCount && m_services->holdsData(*m_record, m_snapshot, extent * E, E);
+}
+
+void DiskHost::forget(uint64_t extent) {
+    std::lock_guard<std::mutex> lock(m_cacheMutex);
+    if (m_pins.count(extent)) return;
+    removeLocked(extent);
+    if (m_forgotten.insert(extent).second) m_forgottenOrder.push_back(extent);
+    while (m_forgottenOrder.size() > 256) {
+        m_forgotten.erase(m_forgottenOrder.front());
+        m_forgottenOrder.pop_front();
+    }
+}
+
+// Makes the extent local unless it is; a reader of an extent that is being
+// recalled waits for that recall instead of starting another.
+void DiskHost::ensureExtent(uint64_t extent, bool ahead) {
     const long long e = static_cast<long long>(extent);
-    if (m_cache->hasExtent(e)) return touch(extent);
-    std::lock_guard<std::mutex> lock(m_readMutex);
-    if (m_cache->hasExtent(e)) return touch(extent);  // another reader made it local meanwhile
-    long len = 0;
-    unsigned char* buf = new unsigned char(0);  // the framework hands the provider a buffer it releases
-    bool ok = m_disk->readData(m_disk.get(), e * m_extentSize, &len, &buf);
-    delete buf;
+    if (m_cache->hasExtent(e)) {
+        if (!ahead) touch(extent);
+        return;
+    }
+    {
+        std::unique_lock<std::mutex> lock(m_recallMutex);
+        m_recallCond.wait(lock, [&] { return !m_inFlight.count(extent); });
+        if (m_cache->hasExtent(e)) {
+            lock.unlock();
+            if (!ahead) touch(extent);
+            return;
+        }
+        {
+            std::lock_guard<std::mutex> cacheLock(m_cacheMutex);
+            if (ahead && m_forgotten.count(extent)) return;
+            if (!ahead) m_forgotten.erase(extent);  // stale entries in the order are harmless
+        }
+        m_inFlight.insert(extent);
+    }
+    struct Done {
+        DiskHost* host;
+        uint64_t extent;
+        ~Done() {
+            {
+                std::lock_guard<std::mutex> lock(host->m_recallMutex);
+                host->m_inFlight.erase(extent);
+            }
+            host->m_recallCond.notify_all();
+        }
+    } done{this, extent};
+    recall(extent);
+    if (ahead) {
+        std::lock_guard<std::mutex> lock(m_statsMutex);
+        ++m_stats.readaheads;
+    }
+}
+
+void DiskHost::recall(uint64_t extent) {
+    const long long e = static_cast<long long>(extent);
+    const unsigned long long E = static_cast<unsigned long long>(m_extentSize);
+    markDirty();
+    PoolDisk* slot = takeDisk();
+    bool ok;
+    {
+        std::lock_guard<std::mutex> lock(slot->mutex);
+        long len = 0;
+        unsigned char* buf = new unsigned char(0);  // the framework hands the provider a buffer it releases
+        ok = slot->disk->readData(slot->disk.get(), e * m_extentSize, &len, &buf);
+        delete buf;
+    }
+    giveBack(slot);
+    bool arrived;
+    {
+        std::lock_guard<std::mutex> lock(m_cacheMutex);
+        arrived = m_arrived.erase(extent) != 0;
+    }
     std::string error;
     if (!ok)
         error = "extent " + std::to_string(extent) + " of disk " + m_diskName + " could not be recalled (see the log)";
-    else if (!m_cache->hasExtent(e))
+    else if (!arrived && m_cache->usedBytes() + E > m_cache->capacity())
         error = "extent " + std::to_string(extent) + " of disk " + m_diskName + " was recalled but does not fit in the cache (" +
                 std::to_string(m_cache->usedBytes()) + " of " + std::to_string(m_cache->capacity()) +
                 " bytes used by extents that reads are using)";
+    else if (!arrived)
+        error = "extent " + std::to_string(extent) + " of disk " + m_diskName +
+                " was recalled but could not be moved into the cache (see the log)";
     if (!error.empty()) {
         std::lock_guard<std::mutex> statsLock(m_statsMutex);
         ++m_stats.readErrors;
         throw StoreError(error);
     }
-    touch(extent);
     std::lock_guard<std::mutex> statsLock(m_statsMutex);
     ++m_stats.extentsRecalled;
     m_stats.bytesRecalled += static_cast<uint64_t>(m_extentSize);
 }
 
+// The extent's file, opened once while the cache keeps it.
+std::shared_ptr<ExtentHandle::File> DiskHost::openExtentFile(uint64_t extent) {
+    std::lock_guard<std::mutex> lock(m_cacheMutex);
+    auto it = m_files.find(extent);
+    if (it != m_files.end()) return it->second;
+    std::string path = m_cache->extentPath(static_cast<long long>(extent));
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) throw StoreError(path + ": " + std::strerror(errno));
+    auto file = std::make_shared<ExtentHandle::File>(fd);
+    m_files[extent] = file;
+    for (auto old = m_useOrder.rbegin(); m_files.size() > kOpenFiles && old != m_useOrder.rend(); ++old)
+        if (*old != extent && !m_pins.count(*old)) m_files.erase(*old);
+    return file;
+}
+
+std::unique_ptr<ExtentHandle> DiskHost::acquire(uint64_t extent) {
+    if (extent >= m_extentCount)
+        throw StoreError("extent " + std::to_string(extent) + " is past the end of disk " + m_diskName + " (" +
+                         std::to_string(m_extentCount) + " extents)");
+    // Pinned while it is used, so that no eviction takes it meanwhile.
+    pin(extent);
+    try {
+        ensureExtent(extent);
+        return std::unique_ptr<ExtentHandle>(new ExtentHandle(this, extent, openExtentFile(extent)));
+    } catch (...) {
+        unpin(extent);
+        throw;
+    }
+}
+
 void DiskHost::read(uint64_t offset, uint64_t length, void* buffer) {
     uint64_t end = std::min(offset + length, m_size);
+    if (offset >= end) return;
+    if (m_readaheadMax) noteRead(offset, end - offset);
     char* out = static_cast<char*>(buffer);
+    const uint64_t E = static_cast<uint64_t>(m_extentSize);
     for (uint64_t at = offset; at < end;) {
-        uint64_t extent = at / static_cast<uint64_t>(m_extentSize);
-        uint64_t within = at % static_cast<uint64_t>(m_extentSize);
-        uint64_t n = std::min<uint64_t>(end - at, static_cast<uint64_t>(m_extentSize) - within);
-        // Pinned while it is read, so that no eviction takes it meanwhile.
-        pin(extent);
-        struct Unpin {
-            DiskHost* host;
-            uint64_t extent;
-            ~Unpin() { host->unpin(extent); }
-        } unpin{this, extent};
-        ensureExtent(extent);
-        std::string path = m_cache->extentPath(static_cast<long long>(extent));
-        int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) throw StoreError(path + ": " + std::strerror(errno));
-        ssize_t got = ::pread(fd, out + (at - offset), n, static_cast<off_t>(within));
-        int err = errno;
-        ::close(fd);
-        if (got != static_cast<ssize_t>(n))
-            throw StoreError(path + ": short extent file (" + (got < 0 ? std::strerror(err) : std::to_string(got) + " bytes") + ")");
+        uint64_t within = at % E;
+        uint64_t n = std::min<uint64_t>(end - at, E - within);
+        std::unique_ptr<ExtentHandle> h = acquire(at / E);
+        for (uint64_t done = 0; done < n;) {
+            ssize_t got = ::pread(h->fd(), out + (at - offset) + done, n - done, static_cast<off_t>(within + done));
+            if (got < 0 && errno == EINTR) continue;
+            if (got <= 0)
+                throw StoreError(m_cache->extentPath(static_cast<long long>(h->extent())) + ": short extent file (" +
+                                 (got < 0 ? std::strerror(errno) : std::to_string(within + done) + " bytes") + ")");
+            done += static_cast<uint64_t>(got);
+        }
         at += n;
     }
 }
@@ -311,41 +527,32 @@ HostStats DiskHost::stats() const {
 // Mount extents are sent while the disk still counts as mounting: once
 // mountComplete is set the provider has nothing more to say about them.
 std::string DiskHost::markMountComplete() {
-    std::lock_guard<std::mutex> lock(m_readMutex);
-    CUxError e = m_disk->updateExtentFlag(true);
-    m_disk->mountComplete = 1;
+    std::string error = eachDisk([](ZxBlkVhd& disk) {
+        CUxError e = disk.updateExtentFlag(true);
+        disk.mountComplete = 1;
+        return e;
+    });
     m_mountComplete = true;
-    return e.IsError() ? e.AsString() : std::string();
+    return error;
 }
 
 std::string DiskHost::beginMetadata() {
-    std::lock_guard<std::mutex> lock(m_readMutex);
-    m_disk->metadataPhase = 1;
+    eachDisk([](ZxBlkVhd& disk) {
+        disk.metadataPhase = 1;
+        return CUxError::Success();
+    });
     m_metadataPhase = true;
     return std::string();
 }
 
 std::string DiskHost::endMetadata() {
-    std::lock_guard<std::mutex> lock(m_readMutex);
-    CUxError e = m_disk->updateExtentFlag(false);
-    m_disk->metadataPhase = 0;
-    m_metadataPhase = false;
-    return e.IsError() ? e.AsString() : std::string();
-}
-
-void DiskHost::prefetch(std::vector<uint64_t> extents) {
-    if (m_prefetch.joinable()) m_prefetch.join();
-    m_prefetch = std::thread([this, extents] {
-        for (uint64_t e : extents) {
-            if (m_stopping) return;
-            if (e >= (m_size + static_cast<uint64_t>(m_extentSize) - 1) / static_cast<uint64_t>(m_extentSize)) continue;
-            try {
-                ensureExtent(e);
-            } catch (const StoreError& err) {
-                LogSink::write(kLevelError, "DiskHost", std::string("prefetch: ") + err.what());
-            }
-        }
+    std::string error = eachDisk([](ZxBlkVhd& disk) {
+        CUxError e = disk.updateExtentFlag(false);
+        disk.metadataPhase = 0;
+        return e;
     });
+    m_metadataPhase = false;
+    return error;
 }
 
 std::string DiskHost::statsText() {
@@ -357,6 +564,7 @@ std::string DiskHost::statsText() {
     line("extent_size", static_cast<unsigned long long>(m_extentSize));
     line("extents_recalled", h.extentsRecalled);
     line("bytes_recalled", h.bytesRecalled);
+    line("extents_read_ahead", h.readaheads);
     line("read_errors", h.readErrors);
     line("evictions", h.evictions);
     line("cache_extents", m_cache->extents().size());

@@ -17,19 +17,38 @@
 
 namespace {
 
+// Tries the folder itself first: in a store that exists, its parents do too.
 int mkdirs(const std::string& dir) {
-    if (dir.empty()) return 0;
-    std::string partial;
-    size_t pos = 0;
-    while (pos != std::string::npos) {
-        pos = dir.find('/', pos + 1);
-        partial = dir.substr(0, pos);
-        if (partial.empty()) continue;
-        if (::mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return errno;
+    if (dir.empty() || dir == "/") return 0;
+    if (::mkdir(dir.c_str(), 0755) != 0) {
+        if (errno == ENOENT) {
+            size_t slash = dir.rfind('/');
+            if (slash == std::string::npos) return ENOENT;
+            if (int err = mkdirs(dir.substr(0, slash))) return err;
+            if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return errno;
+        } else if (errno != EEXIST) {
+            return errno;
+        }
     }
     struct stat st;
     if (::stat(dir.c_str(), &st) != 0) return errno;
     return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+}
+
+// Gives back the blocks of the ranges that read as holes but hold reserved,
+// never-written space: a walk over the file's holes, one punch each. A file
+// that is all data costs one seek.
+void releaseUnwritten(int fd, off_t size) {
+    off_t at = 0;
+    while (at < size) {
+        off_t hole = ::lseek(fd, at, SEEK_HOLE);
+        if (hole < 0 || hole >= size) return;
+        off_t data = ::lseek(fd, hole, SEEK_DATA);
+        if (data < 0) data = size;
+        // Not supported here: the file is still right, only larger on disk.
+        if (::fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, hole, data - hole) != 0) return;
+        at = data;
+    }
 }
 
 bool fileSize(const std::string& path, unsigned long long* size) {
@@ -52,12 +71,27 @@ void listDir(const std::string& dir, std::vector<std::string>* names) {
 ZxBlkBackingStore::ZxBlkBackingStore(const std::string& cacheDir, unsigned long long capacity)
     : m_dir(cacheDir), m_capacity(capacity) {
     while (m_dir.size() > 1 && m_dir.back() == '/') m_dir.pop_back();
-    mkdirs(m_dir + "/tmp");
-    mkdirs(m_dir + "/extents");
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ensureDirLocked(m_dir + "/tmp");
+        ensureDirLocked(m_dir + "/extents");
+    }
     rescan();
 }
 
 ZxBlkBackingStore::~ZxBlkBackingStore() {}
+
+int ZxBlkBackingStore::ensureDirLocked(const std::string& dir) {
+    if (m_dirs.count(dir)) return 0;
+    int err = mkdirs(dir);
+    if (!err) m_dirs.insert(dir);
+    return err;
+}
+
+void ZxBlkBackingStore::setExtentSize(unsigned long long bytes) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_extentSize = bytes;
+}
 
 void ZxBlkBackingStore::rescan() {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -112,7 +146,8 @@ CUxError ZxBlkBackingStore::makeParentDir(const std::string& path) {
     size_t slash = path.rfind('/');
     if (path.empty() || slash == std::string::npos)
         return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "no directory in path '%s'", path.c_str());
-    int err = mkdirs(path.substr(0, slash));
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int err = ensureDirLocked(path.substr(0, slash));
     if (err) return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot make the directory of %s", path.c_str());
     return CUxError::Success();
 }
@@ -134,10 +169,28 @@ CUxError ZxBlkBackingStore::moveInExtentFile(const std::string& tempPath, long l
     static const char* fn = "CUxError ZxBlkBackingStore::moveInExtentFile(const std::string&, long long)";
     if (extentNumber < 0)
         return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "bad extent number %lld", extentNumber);
-    unsigned long long size = 0;
-    if (tempPath.empty() || !fileSize(tempPath, &size))
+    int fd = tempPath.empty() ? -1 : ::open(tempPath.c_str(), O_RDWR | O_CLOEXEC);
+    struct stat st;
+    if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        if (fd >= 0) ::close(fd);
         return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR,
                                        "no temporary file '%s' to move in as extent %lld", tempPath.c_str(), extentNumber);
+    }
+    unsigned long long size = static_cast<unsigned long long>(st.st_size);
+    unsigned long long expected;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        expected = m_extentSize;
+    }
+    if (expected && size != expected) {
+        ::close(fd);
+        return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR,
+                                       "temporary file %s holds %llu bytes, not the extent size %llu: not moved in "
+                                       "as extent %lld",
+                                       tempPath.c_str(), size, expected, extentNumber);
+    }
+    releaseUnwritten(fd, st.st_size);
+    ::close(fd);
     std::string target = extentPath(extentNumber);
     std::unique_lock<std::mutex> lock(m_mutex);
     auto excess = [&]() -> unsigned long long {
@@ -145,11 +198,14 @@ CUxError ZxBlkBackingStore::moveInExtentFile(const std::string& tempPath, long l
         unsigned long long after = m_used - replaced + size;
         return m_capacity && after > m_capacity ? after - m_capacity : 0;
     };
-    if (excess() && m_evict) {
-        std::function<void(unsigned long long)> evict = m_evict;
+    // Other move-ins may take the room an eviction made before this one gets
+    // its lock back: ask again, a few times, for as long as asking frees room.
+    unsigned long long freed = 1;
+    for (int tries = 0; excess() && m_evict && freed && tries < 8; ++tries) {
+        std::function<unsigned long long(unsigned long long)> evict = m_evict;
         unsigned long long need = excess();
         lock.unlock();
-        evict(need);
+        freed = evict(need);
         lock.lock();
     }
     if (excess())
@@ -157,14 +213,30 @@ CUxError ZxBlkBackingStore::moveInExtentFile(const std::string& tempPath, long l
                                        "cache full: extent %lld (%llu bytes) does not fit in %llu of %llu bytes used",
                                        extentNumber, size, m_used, m_capacity);
     unsigned long long replaced = m_sizes.count(extentNumber) ? m_sizes[extentNumber] : 0;
-    int err = mkdirs(target.substr(0, target.rfind('/')));
+    std::string folder = target.substr(0, target.rfind('/'));
+    int err = ensureDirLocked(folder);
     if (err) return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot make the directory of %s", target.c_str());
-    if (::rename(tempPath.c_str(), target.c_str()) != 0)
-        return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), errno, "cannot move %s to %s", tempPath.c_str(), target.c_str());
+    err = ::rename(tempPath.c_str(), target.c_str()) == 0 ? 0 : errno;
+    if (err == ENOENT && ::access(tempPath.c_str(), F_OK) == 0) {
+        // The folder was removed behind the store's back: make it again.
+        m_dirs.clear();
+        err = ensureDirLocked(folder);
+        if (!err) err = ::rename(tempPath.c_str(), target.c_str()) == 0 ? 0 : errno;
+    }
+    if (err)
+        return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot move %s to %s", tempPath.c_str(), target.c_str());
     m_used = m_used - replaced + size;
     m_extents.insert(extentNumber);
     m_sizes[extentNumber] = size;
+    std::function<void(long long)> movedIn = m_movedIn;
+    lock.unlock();
+    if (movedIn) movedIn(extentNumber);
     return CUxError::Success();
+}
+
+void ZxBlkBackingStore::setMoveInHandler(std::function<void(long long)> handler) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_movedIn = std::move(handler);
 }
 
 bool ZxBlkBackingStore::hasExtent(long long n) {
@@ -199,7 +271,7 @@ unsigned long long ZxBlkBackingStore::capacity() {
     return m_capacity;
 }
 
-void ZxBlkBackingStore::setEvictionHandler(std::function<void(unsigned long long)> handler) {
+void ZxBlkBackingStore::setEvictionHandler(std::function<unsigned long long(unsigned long long)> handler) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_evict = std::move(handler);
 }

@@ -25,15 +25,24 @@ public:
     // disk of a million extents keeps a few dozen files per folder.
     CUxError getExtentFileName(long long extentNumber, std::string* name);
     // Atomically renames the temporary file into place. When the store would
-    // pass its capacity, the eviction handler (if any) is asked once to free
-    // room and the move-in is retried once; if it still does not fit, it
-    // fails with "cache full", nothing changes and the temporary file stays
-    // where it is.
+    // pass its capacity, the eviction handler (if any) is asked to free room,
+    // again (a few times) while it frees some that others' move-ins take; if it
+    // still does not fit, it fails with "cache full", nothing changes and the
+    // temporary file stays
+    // where it is. A file whose size is not the extent size (when known) is
+    // refused the same way: a recall that failed may have emptied it. Space
+    // that was reserved for the file and never written is given back first,
+    // so that zero stretches of an extent cost no disk blocks in the cache.
     CUxError moveInExtentFile(const std::string& tempPath, long long extentNumber);
+    // The size every extent file must have; 0 (the default) checks nothing.
+    void setExtentSize(unsigned long long bytes);
     // The host's eviction policy: called without the store's lock held, with
     // the number of bytes that must be freed; it removes extents of its
-    // choice through removeExtent.
-    void setEvictionHandler(std::function<void(unsigned long long bytesToFree)> handler);
+    // choice through removeExtent and returns how many bytes it freed.
+    void setEvictionHandler(std::function<unsigned long long(unsigned long long bytesToFree)> handler);
+    // Told of every extent moved in (after the store's lock is released):
+    // the host learns what arrived even when a reader drops it at once.
+    void setMoveInHandler(std::function<void(long long extentNumber)> handler);
 
     bool hasExtent(long long extentNumber);
     std::string extentPath(long long extentNumber) const;
@@ -49,11 +58,17 @@ public:
 
 private:
     void rescan();
+    // Makes a folder and its parents; the folders made or found once are
+    // remembered, so that an extent in a known folder costs no system call.
+    int ensureDirLocked(const std::string& dir);
     std::string m_dir;
     unsigned long long m_capacity;
     std::mutex m_mutex;
     std::set<long long> m_extents;
     std::map<long long, unsigned long long> m_sizes;
     unsigned long long m_used = 0;
-    std::function<void(unsigned long long)> m_evict;
+    unsigned long long m_extentSize = 0;
+    std::set<std::string> m_dirs;
+    std::function<unsigned long long(unsigned long long)> m_evict;
+    std::function<void(long long)> m_movedIn;
 };

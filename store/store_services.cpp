@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "framework/ZeroBytes.h"
 #include "platform/DMRService/RestoreTarget.h"
 #include "platform/Log.h"
 
@@ -159,6 +160,16 @@ int StoreServices::lookup(const SCParams&, const std::string& path, unsigned lon
     }
 }
 
+bool StoreServices::holdsData(const DiskRecord& disk, int snapshot, uint64_t offset, uint64_t length) {
+    try {
+        for (int i = std::min<int>(snapshot, static_cast<int>(disk.copies.size()) - 1); i >= 0; --i)
+            if (image(disk.copies[i])->holdsAny(offset, length)) return true;
+        return false;
+    } catch (const StoreError&) {
+        return true;
+    }
+}
+
 bool StoreServices::submit(const RecallJob& job, std::string& whyNot) {
     if (!job.target || !job.callback) return whyNot = "a recall needs a restore target and a callback", false;
     {
@@ -243,10 +254,24 @@ std::string StoreServices::stream(const RecallJob& job, uint64_t& bytes) {
         return "recall metadata position " + std::to_string(meta.position) + " does not match extent " + std::to_string(k) +
                " of " + copy->browsePath;
 
-    // The extent's bytes, zero where the copy holds nothing.
-    std::vector<uint8_t> data(C, 0);
-    for (const Piece& p : pieces)
-        if (p.fileOffset >= 0) img->readAt(static_cast<uint64_t>(p.fileOffset), data.data() + (p.virtualOffset - offset), p.length);
+    // The extent's bytes, zero where the copy holds nothing. Each worker
+    // keeps its buffer from one extent to the next and clears only what no
+    // piece of the file fills.
+    thread_local std::vector<uint8_t> data;
+    if (data.size() < C) data.resize(C);
+    uint64_t filled = offset;
+    auto clear = [&](uint64_t from, uint64_t to) {
+        if (to > from) std::memset(data.data() + (from - offset), 0, to - from);
+    };
+    for (const Piece& p : pieces) {
+        clear(filled, p.virtualOffset);
+        if (p.fileOffset >= 0)
+            img->readAt(static_cast<uint64_t>(p.fileOffset), data.data() + (p.virtualOffset - offset), p.length);
+        else
+            clear(p.virtualOffset, p.virtualOffset + p.length);
+        filled = p.virtualOffset + p.length;
+    }
+    clear(filled, offset + C);
     bool vhd = copy->type == kTypeDynamic || copy->type == kTypeDifferencing;
     std::vector<uint8_t> bitmap(512, 0);
     bool allPresent = true;
@@ -268,7 +293,7 @@ std::string StoreServices::stream(const RecallJob& job, uint64_t& bytes) {
             allPresent = allPresent && present;
         }
     }
-    bool allZero = std::all_of(data.begin(), data.end(), [](uint8_t b) { return b == 0; });
+    bool allZero = IsAllZeroBytes(data.data(), C);
 
     CRestoreTarget* target = job.target.get();
     CUxError status = target->Open(nullptr);

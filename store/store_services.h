@@ -51,6 +51,12 @@ public:
     // The store's extent index, or null when it could not be opened.
     std::shared_ptr<SqliteIndexService> index() const { return m_index; }
 
+    // Whether any snapshot of the disk up to `snapshot` keeps a byte of
+    // [offset, offset + length) in its file; where none does, the disk
+    // reads as zeros. True when a file cannot be read: the recall then
+    // says why.
+    bool holdsData(const DiskRecord& disk, int snapshot, uint64_t offset, uint64_t length);
+
     // ExtentLookupService
     bool open(const SCParams& params, const std::string& path, std::string& whyNot) override;
     int lookup(const SCParams& params, const std::string& path, unsigned long long extent,

@@ -180,6 +180,8 @@ void serve(const MountArgs& a, int& readyFd) {
     options.snapshot = a.snapshot;
     options.cacheDir = a.cache;
     options.flushThreshold = a.flushThreshold;
+    // A file system read in order (a copy, a scan) gets the extents ahead of it.
+    options.readaheadMax = 16;
     if (!a.limit.empty()) options.cacheLimit = parseSize(a.limit);
     std::unique_ptr<DiskHost> host(new DiskHost(options));
 

@@ -11,6 +11,7 @@
 
 #include "host/disk_host.h"
 #include "tools/commands.h"
+#include "tools/export_sink.h"
 
 namespace zxblk {
 namespace {
@@ -54,51 +55,53 @@ void registerExportCommand(CLI::App& app) {
     static DiskArgs args;
     static std::string out;
     addDiskOptions(cmd, args);
-    cmd->add_option("--out", out, "raw image to write")->required();
+    cmd->add_option("--out", out,
+                    "raw image to write: a file (written sparse, under a temporary name until complete), a block "
+                    "device, a FIFO, or - for standard output")
+        ->required();
     cmd->callback([] {
         applyCommonOptions();
         DiskHost host(hostOptions(args));
-        std::string partial = out + ".partial";
-        int fd = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        if (fd < 0) throw StoreError(partial + ": " + std::strerror(errno));
+        const uint64_t E = static_cast<uint64_t>(host.extentSize()), total = host.size();
+        ExportSink sink(out, total);
         bool progress = ::isatty(2);
         auto start = std::chrono::steady_clock::now();
-        uint64_t E = static_cast<uint64_t>(host.extentSize()), total = host.size();
-        std::vector<char> buffer(E);
+        // Recalls run this many extents ahead of the one being written, so
+        // that recalling and writing overlap.
+        const uint64_t window = 8;
         try {
-            for (uint64_t at = 0; at < total; at += E) {
-                uint64_t n = std::min(E, total - at);
-                host.read(at, n, buffer.data());
-                // Zero extents become holes in the image.
-                bool zero = std::all_of(buffer.begin(), buffer.begin() + n, [](char c) { return c == 0; });
-                if (zero) {
-                    if (::lseek(fd, static_cast<off_t>(n), SEEK_CUR) < 0) throw StoreError(partial + ": " + std::strerror(errno));
+            for (uint64_t e = 0; e < host.extentCount(); ++e) {
+                host.readahead(e + 1, window);
+                uint64_t n = std::min(E, total - e * E);
+                // What no snapshot holds is zeros: nothing to recall.
+                if (!host.holdsData(e)) {
+                    sink.zeros(e * E, n);
                 } else {
-                    writeAll(fd, buffer.data(), n, partial);
+                    std::unique_ptr<ExtentHandle> extent = host.acquire(e);
+                    sink.copyFrom(extent->fd(), 0, e * E, n);
+                    extent.reset();
+                    // A recalled extent is not kept: an export reads each once.
+                    host.forget(e);
                 }
-                // A recalled extent is not kept: an export reads each once.
-                host.forget(at / E);
                 if (progress) {
-                    int pct = static_cast<int>((at + n) * 100 / total);
+                    int pct = static_cast<int>((e * E + n) * 100 / total);
                     std::fprintf(stderr, "\r[%-50s] %3d%%", std::string(pct / 2, '#').c_str(), pct);
                 }
             }
-            if (::ftruncate(fd, static_cast<off_t>(total)) != 0 || ::fsync(fd) != 0)
-                throw StoreError(partial + ": " + std::strerror(errno));
-            ::close(fd);
-            if (::rename(partial.c_str(), out.c_str()) != 0) throw StoreError(out + ": " + std::strerror(errno));
+            sink.commit();
         } catch (...) {
             if (progress) std::fprintf(stderr, "\n");
-            ::close(fd);
-            ::unlink(partial.c_str());
             throw;
         }
         double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         HostStats s = host.stats();
         if (progress) std::fprintf(stderr, "\n");
-        std::printf("exported %s snapshot %d to %s: %llu extents recalled, %llu bytes, %.2f s, %.1f MiB/s\n",
-                    args.disk.c_str(), host.snapshot(), out.c_str(), static_cast<unsigned long long>(s.extentsRecalled),
-                    static_cast<unsigned long long>(total), seconds, seconds > 0 ? total / 1048576.0 / seconds : 0.0);
+        // The image may be going to standard output: the summary goes beside it.
+        std::FILE* report = sink.toStandardOutput() ? stderr : stdout;
+        std::fprintf(report, "exported %s snapshot %d to %s: %llu extents recalled, %llu bytes, %.2f s, %.1f MiB/s\n",
+                     args.disk.c_str(), host.snapshot(), sink.describe().c_str(),
+                     static_cast<unsigned long long>(s.extentsRecalled), static_cast<unsigned long long>(total), seconds,
+                     seconds > 0 ? total / 1048576.0 / seconds : 0.0);
     });
 }
 

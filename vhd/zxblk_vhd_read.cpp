@@ -10,6 +10,7 @@
 #include "BlockLevel/Utilities/Windows/ZXVirtualDiskLibrary/ExtentRestoreTarget.h"
 #include "bitmap/BitmapInfo.h"
 #include "platform/FXErrorUtil.h"
+#include "platform/FXFile.h"
 #include "platform/ZxBlkBackingStore.h"
 #include "vhd/ZxBlkVhd.h"
 
@@ -66,6 +67,17 @@ bool ZxBlkVhd::createTempFile(ZxBlkDisk* disk, long* len, unsigned char** buf, s
     if (::ftruncate(fileno(file), static_cast<off_t>(extentSize)) != 0) {
         logger.DebugLvl(tag, -1, "Unable to size temp file %s to %lld bytes: %s", targetPath.c_str(), extentSize,
                         std::strerror(errno));
+        std::fclose(file);
+        ::unlink(tempPath.c_str());
+        return false;
+    }
+    // Reserving the extent's space now makes a full disk fail this read at
+    // once rather than half way through a recall; the backing store gives
+    // back what stays unwritten when the file is moved in.
+    status = FXFile::ZXReserveSpace(fileno(file), static_cast<ULONGLONG>(extentSize), targetPath);
+    if (status.IsError()) {
+        logger.DebugLvl(tag, -1, "Unable to reserve %lld bytes for temp file %s: %s", extentSize, targetPath.c_str(),
+                        status.AsString().c_str());
         std::fclose(file);
         ::unlink(tempPath.c_str());
         return false;

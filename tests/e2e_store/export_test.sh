@@ -28,6 +28,48 @@ for kind in dyn fixed; do
   ok "$kind VHD from qemu-img exports identical ($(stat -c %s "$work/$kind.out") bytes)"
 done
 
+# Zero extents stay holes in the image, found without reading them.
+python3 - "$work/dyn.ref" "$work/dyn.out" <<'PY' || fail "dynamic VHD export is not sparse where the disk is zero"
+import os, sys
+E = 1 << 20
+ref = open(sys.argv[1], "rb").read()
+fd = os.open(sys.argv[2], os.O_RDONLY)
+zero = [e for e in range(0, len(ref), E) if not any(ref[e:e + E])]
+assert len(zero) >= 6, len(zero)
+for e in zero:
+    try:
+        data = os.lseek(fd, e, os.SEEK_DATA)
+    except OSError:
+        data = len(ref)
+    assert data >= min(e + E, len(ref)), f"extent at {e} holds data at {data}"
+held = len(range(0, len(ref), E)) - len(zero)
+assert os.fstat(fd).st_blocks * 512 <= held * E, "more allocated than the extents holding data"
+PY
+ok "zero extents of the dynamic VHD are holes in the exported image"
+
+# Outputs that are not plain files are written in place, never renamed over.
+ref="$work/dyn.ref"
+exp() { "$zxblk" export --store "$work/store" --disk dyn --cache "$work/cache-out" "$@"; }
+exp --out - >"$work/stdout.img" 2>"$work/stderr" && cmp "$work/stdout.img" "$ref" || fail "export to - differs"
+grep -q "^exported dyn snapshot 0 to standard output" "$work/stderr" || fail "export to -: summary not on stderr"
+exp --out /dev/stdout 2>/dev/null | cmp - "$ref" || fail "export to /dev/stdout through a pipe differs"
+[ -L /dev/stdout ] || fail "/dev/stdout is no longer a link"
+mkfifo "$work/fifo"
+cat "$work/fifo" >"$work/fifo.img" &
+exp --out "$work/fifo" >/dev/null && wait $! && cmp "$work/fifo.img" "$ref" || fail "export into a FIFO differs"
+[ -p "$work/fifo" ] || fail "the FIFO was replaced"
+printf 'old bytes that must go' >"$work/target.img"
+ln -s target.img "$work/link.img"
+exp --out "$work/link.img" >/dev/null && cmp "$work/target.img" "$ref" || fail "export through a link differs"
+[ -L "$work/link.img" ] || fail "the link was replaced by a file"
+ok "standard output, /dev/stdout, a FIFO and a link are written in place"
+for bad in "$work" "$work/no/such/folder/x.img"; do
+  if exp --out "$bad" >/dev/null 2>"$work/err"; then fail "export to $bad succeeded"; fi
+  [ "$(wc -l <"$work/err")" = 1 ] || { cat "$work/err"; fail "export to $bad: not one line"; }
+done
+[ -z "$(find "$work" -maxdepth 1 -name '.*zxblk-*')" ] || fail "a failed export left a temporary file"
+ok "a folder or a missing folder as output is refused in one line, leaving nothing"
+
 # Chains written by the test writer: extents inside one block and across
 # several, a size that is not a whole number of extents.
 for plan in "2097152 3 11" "524288 2 12" "65536 2 13"; do

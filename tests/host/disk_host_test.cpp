@@ -386,4 +386,49 @@ TEST_F(DiskHostTest, PrefetchMakesExtentsLocalWithoutARead) {
     EXPECT_TRUE(fs::is_empty(dir + "/gone/tmp"));
 }
 
+TEST_F(DiskHostTest, ReadaheadFollowsSequentialReadersOnlyAndSparesExtentsInUse) {
+    const vhdtest::Bytes& merged = snaps[2].merged;
+    const uint64_t n = extentCount();
+    // Until the readahead workers have gone quiet (recalls stop coming).
+    auto settle = [](zxblk::DiskHost& host) {
+        for (uint64_t before = ~0ull; before != host.stats().extentsRecalled;) {
+            before = host.stats().extentsRecalled;
+            std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        }
+    };
+    struct Case {
+        const char* what;
+        unsigned long long limit;  // in extents
+        bool sequential;
+    } cases[] = {{"sequential, roomy cache", 64, true}, {"sequential, four-extent cache", 4, true}, {"random", 64, false}};
+    for (const Case& c : cases) {
+        zxblk::HostOptions o = options(dir + "/ra-" + std::to_string(&c - cases), c.limit * E);
+        o.readaheadMax = 16;
+        zxblk::DiskHost host(o);
+        // A reader holds extent 0 throughout: nothing may take it from the cache.
+        std::unique_ptr<zxblk::ExtentHandle> held = host.acquire(0);
+        std::mt19937 rng(7);
+        vhdtest::Bytes all(size());
+        for (uint64_t at = 0; at < size();) {
+            uint64_t len = std::min<uint64_t>(32768, size() - at);
+            uint64_t offset = c.sequential ? at : rng() % (size() - len);
+            ASSERT_TRUE(readMatches(host, merged, offset, len)) << c.what;
+            at += len;
+        }
+        settle(host);
+        zxblk::HostStats st = host.stats();
+        EXPECT_EQ(st.readErrors, 0u) << c.what;
+        for (long long e : cached(host)) EXPECT_LT(static_cast<uint64_t>(e), n) << c.what;
+        EXPECT_TRUE(host.cache().hasExtent(0)) << c.what;
+        vhdtest::Bytes first(E);
+        ASSERT_EQ(::pread(held->fd(), first.data(), E, 0), static_cast<ssize_t>(E));
+        EXPECT_TRUE(std::equal(first.begin(), first.end(), merged.begin())) << c.what;
+        if (c.sequential)
+            EXPECT_GT(st.readaheads, n / 4) << c.what;
+        else
+            EXPECT_EQ(st.readaheads, 0u) << c.what;
+        EXPECT_LE(host.cache().usedBytes(), c.limit * E) << c.what;
+    }
+}
+
 }  // namespace

@@ -1,4 +1,5 @@
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -99,14 +100,56 @@ TEST_F(BackingStoreTest, MoveInCapacityReplaceAndRestart) {
     EXPECT_EQ(again.usedBytes(), 1500u);
 }
 
-TEST_F(BackingStoreTest, FullStoreAsksItsEvictionHandlerOnceThenRetries) {
+// A known extent size refuses files of any other size (a failed recall may
+// have emptied its file); reserved space that was never written is given
+// back at move-in, written blocks stay; a folder removed behind the store's
+// back is made again.
+TEST_F(BackingStoreTest, MoveInChecksSizeAndGivesBackUnwrittenSpace) {
+    const off_t E = 1 << 20;
+    ZxBlkBackingStore s(dir, 0);
+    s.setExtentSize(E);
+    std::string empty = makeTemp(s, 0, 'x');
+    CUxError e = s.moveInExtentFile(empty, 1);
+    ASSERT_TRUE(e.IsError());
+    EXPECT_NE(e.AsString().find("temporary file " + empty + " holds 0 bytes, not the extent size 1048576"),
+              std::string::npos)
+        << e.AsString();
+    EXPECT_EQ(access(empty.c_str(), F_OK), 0);
+    EXPECT_FALSE(s.hasExtent(1));
+
+    // Reserved throughout, one stretch written in the middle: the blocks of
+    // that stretch are all that is left.
+    std::string temp = makeTemp(s, 0, 'x');
+    int fd = open(temp.c_str(), O_RDWR);
+    ASSERT_EQ(fallocate(fd, 0, 0, E), 0);
+    std::string middle(8192, 'm');
+    ASSERT_EQ(pwrite(fd, middle.data(), middle.size(), 40960), 8192);
+    close(fd);
+    std::system(("rm -rf '" + dir + "/extents'").c_str());
+    ASSERT_FALSE(s.moveInExtentFile(temp, 1).IsError());
+    std::string expected(E, '\0');
+    expected.replace(40960, middle.size(), middle);
+    EXPECT_TRUE(slurp(s.extentPath(1)) == expected);
+    fd = open(s.extentPath(1).c_str(), O_RDONLY);
+    EXPECT_EQ(lseek(fd, 0, SEEK_DATA), 40960);
+    EXPECT_EQ(lseek(fd, 40960, SEEK_HOLE), 40960 + 8192);
+    EXPECT_EQ(lseek(fd, 40960 + 8192, SEEK_DATA), -1);
+    struct stat st;
+    fstat(fd, &st);
+    EXPECT_EQ(st.st_blocks * 512, 8192);
+    close(fd);
+}
+
+TEST_F(BackingStoreTest, FullStoreAsksItsEvictionHandlerWhileItFreesRoom) {
     ZxBlkBackingStore s(dir, 3000);
     std::vector<unsigned long long> asked;
     std::vector<long long> victims = {1};
     s.setEvictionHandler([&](unsigned long long need) {
         asked.push_back(need);
-        for (long long v : victims) s.removeExtent(v);  // the handler calls back into the store
+        unsigned long long freed = 0;
+        for (long long v : victims) freed += s.extentFileSize(v), s.removeExtent(v);  // the handler calls back into the store
         victims.clear();
+        return freed;
     });
     ASSERT_FALSE(s.moveInExtentFile(makeTemp(s, 1000, 'a'), 1).IsError());
     ASSERT_FALSE(s.moveInExtentFile(makeTemp(s, 1500, 'b'), 2).IsError());
@@ -116,7 +159,7 @@ TEST_F(BackingStoreTest, FullStoreAsksItsEvictionHandlerOnceThenRetries) {
     EXPECT_EQ(asked, (std::vector<unsigned long long>{500}));
     EXPECT_EQ(s.extents(), (std::vector<long long>{2, 3}));
     EXPECT_EQ(slurp(s.extentPath(3)), std::string(1000, 'c'));
-    // A handler that frees nothing: asked once, then "cache full".
+    // A handler that frees nothing: asked once more only after it freed room, then "cache full".
     std::string d = makeTemp(s, 1000, 'd');
     CUxError full = s.moveInExtentFile(d, 4);
     ASSERT_TRUE(full.IsError());

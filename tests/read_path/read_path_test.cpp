@@ -1,5 +1,9 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <thread>
 
+#include "platform/FXFile.h"
 #include "read_path/read_fixture.h"
 
 namespace readtest {
@@ -274,6 +278,49 @@ TEST_F(ReadPathTest, DifferencingChainReadsAsTheMergedDisk) {
             ASSERT_TRUE(read(d, k * E));
             ASSERT_EQ(slurp(store->extentPath(k)), merged) << "seed " << seed << " extent " << k;
         }
+    }
+}
+
+// A full disk fails a read before anything is recalled; a write that the
+// disk refuses only when the buffered bytes finally go out fails the recall.
+// Either way nothing is moved in and no temporary file stays. Extents of
+// zeros, recalled or held by no copy, take no blocks in the cache.
+TEST_F(ReadPathTest, FullDisksFailEarlyAndZeroExtentsStayHoles) {
+    std::mt19937 rng(10);
+    store->setExtentSize(MiB);
+    ZxBlkVhd& d = makeDisk({{"/c", 0, 7}}, MiB);
+    hold("/c", 0, {randomBytes(rng, MiB), {}, {}});
+    hold("/c", 1, {Bytes(MiB, 0), {}, {}});
+    zxblk::LogCapture capture;
+    auto logged = [&](const std::string& a, const std::string& b) {
+        for (auto& l : capture.lines())
+            if (l.text.find(a) != std::string::npos && l.text.find(b) != std::string::npos) return true;
+        return false;
+    };
+    zxblk::armFileFault({zxblk::FileOp::Reserve, 0, ENOSPC, 0});
+    EXPECT_FALSE(read(d, 0));
+    EXPECT_TRUE(restore->jobs().empty());
+    EXPECT_TRUE(logged("Unable to reserve 1048576 bytes for temp file " + dir + "/tmp/", "No space left on device"));
+    zxblk::armFileFault({zxblk::FileOp::Commit, 0, ENOSPC, 0});
+    EXPECT_FALSE(read(d, 0));
+    EXPECT_EQ(restore->jobs().size(), 1u);
+    EXPECT_TRUE(logged("recall of /c/Extent0 failed: ", "No space left on device"));
+    zxblk::clearFileFaults();
+    EXPECT_FALSE(store->hasExtent(0));
+    restore->waitIdle();
+    EXPECT_TRUE(tempFiles().empty());
+
+    for (long long e : {1, 2}) {  // extent 2 is held by no copy
+        ASSERT_TRUE(read(d, e * MiB));
+        std::string file = store->extentPath(e);
+        EXPECT_EQ(slurp(file), Bytes(MiB, 0));
+        struct stat st;
+        ASSERT_EQ(stat(file.c_str(), &st), 0);
+        EXPECT_EQ(st.st_blocks, 0) << "extent " << e;
+        int fd = open(file.c_str(), O_RDONLY);
+        EXPECT_EQ(lseek(fd, 0, SEEK_DATA), -1);
+        EXPECT_EQ(errno, ENXIO);
+        close(fd);
     }
 }
 

@@ -1,13 +1,16 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <random>
 
 #include "BlockLevel/Utilities/Windows/ZXVirtualDiskLibrary/ExtentRestoreTarget.h"
 #include "platform/FXFile.h"
 #include "platform/Log.h"
+#include "platform/ZxBlkBackingStore.h"
 #include "restore_target/stream_model.h"
 
 namespace {
@@ -389,6 +392,80 @@ TEST_F(RestoreTargetTest, InjectedFailuresKeepWhatWasWritten) {
         EXPECT_NE(at.Open(nullptr).AsString().find("CExtentRestoreTarget::Open(void*)"), std::string::npos);
         at.Close(false);
     }
+}
+
+// The stretches of a file that hold data, as the file system reports them.
+std::vector<std::pair<off_t, off_t>> dataRanges(const std::string& file) {
+    std::vector<std::pair<off_t, off_t>> ranges;
+    int fd = open(file.c_str(), O_RDONLY);
+    for (off_t at = 0;;) {
+        off_t data = lseek(fd, at, SEEK_DATA);
+        if (data < 0) break;
+        at = lseek(fd, data, SEEK_HOLE);
+        ranges.emplace_back(data, at);
+    }
+    close(fd);
+    return ranges;
+}
+
+// An extent file is sized and its space reserved before the recall, as the
+// read path does; what the stream leaves zero must cost no blocks once the
+// file is in the cache, however the zeros came (never written, a whole-extent
+// hole, zero bytes, with or without a sector at a time).
+TEST_F(RestoreTargetTest, ZeroStretchesStayHolesAfterMoveIn) {
+    const uint32_t E = 1 << 20, kData = 64 << 10;
+    enum Stream { Nothing, WholeHole, ZeroBytes, DataThenZeros };
+    struct Case {
+        const char* what;
+        Stream stream;
+        bool bySector;  // a sectors-to-write bitmap: the target goes a sector at a time
+    };
+    const Case cases[] = {
+        {"never written", Nothing, false},         {"whole-extent hole", WholeHole, false},
+        {"hole, by sector", WholeHole, true},      {"zero bytes", ZeroBytes, false},
+        {"zero bytes, by sector", ZeroBytes, true}, {"data then zeros, by sector", DataThenZeros, true},
+    };
+    std::string dir = path + ".store";
+    std::vector<uint8_t> zeros(E, 0), data(kData, 0x6B);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::system(("rm -rf '" + dir + "'").c_str());
+        ZxBlkBackingStore store(dir, 0);
+        store.setExtentSize(E);
+        std::string temp;
+        FILE* f = nullptr;
+        ASSERT_FALSE(store.openTempFile(&temp, &f).IsError());
+        ASSERT_EQ(ftruncate(fileno(f), E), 0);
+        ASSERT_FALSE(FXFile::ZXReserveSpace(fileno(f), E, temp).IsError());
+        fclose(f);
+        CExtentRestoreTarget t(temp, E, 512, false);
+        t.SetRestoreToExistingFileAt(0);
+        if (c.bySector) t.SetSectorsToWrite(bitmapOf(std::vector<bool>(E / 512, true)));
+        ASSERT_FALSE(t.Open(nullptr).IsError());
+        CUxError e;
+        if (c.stream == WholeHole) e = t.WriteHole(E);
+        if (c.stream == ZeroBytes) e = t.Write(zeros.data(), E);
+        if (c.stream == DataThenZeros) {
+            e = t.Write(data.data(), kData);
+            if (!e.IsError()) e = t.Write(zeros.data(), E - kData);
+        }
+        ASSERT_FALSE(e.IsError()) << e.AsString();
+        ASSERT_FALSE(t.Flush().IsError());
+        t.Close(false);
+        ASSERT_FALSE(store.moveInExtentFile(temp, 0).IsError());
+        std::vector<uint8_t> expected(zeros);
+        std::vector<std::pair<off_t, off_t>> expectedRanges;
+        if (c.stream == DataThenZeros) {
+            std::fill(expected.begin(), expected.begin() + kData, 0x6B);
+            expectedRanges.emplace_back(0, kData);
+        }
+        EXPECT_TRUE(slurp(store.extentPath(0)) == expected);
+        EXPECT_EQ(dataRanges(store.extentPath(0)), expectedRanges);
+        struct stat st;
+        ASSERT_EQ(stat(store.extentPath(0).c_str(), &st), 0);
+        EXPECT_EQ(static_cast<off_t>(st.st_blocks) * 512, expectedRanges.empty() ? 0 : kData);
+    }
+    std::system(("rm -rf '" + dir + "'").c_str());
 }
 
 }  // namespace
