@@ -440,6 +440,9 @@ void DiskHost::recall(uint64_t extent) {
         unsigned char* buf = new unsigned char(0);  // the framework hands the provider a buffer it releases
         ok = slot->disk->readData(slot->disk.get(), e * m_extentSize, &len, &buf);
         delete buf;
+        // The provider leaves the temporary file of a failed read (or of a
+        // move-in that failed) in place; a long mount must not pile them up.
+        m_cache->discardTemporary();
     }
     giveBack(slot);
     bool arrived;

@@ -30,8 +30,13 @@ int g_calls[kFileOps] = {};
 
 std::atomic<unsigned long long> g_kernelWrites{0}, g_kernelOthers{0};
 
+// Whether any fault is armed: the data path asks on every call and must not
+// take a lock for it.
+std::atomic<bool> g_faultsArmed{false};
+
 // Returns the armed fault for this call, if any (and consumes it).
 bool takeFault(FileOp op, FileFault* out) {
+    if (!g_faultsArmed.load(std::memory_order_acquire)) return false;
     std::lock_guard<std::mutex> lock(g_faultMutex);
     if (g_faults.empty()) return false;
     int index = g_calls[static_cast<int>(op)]++;
@@ -39,6 +44,7 @@ bool takeFault(FileOp op, FileFault* out) {
         if (it->op == op && it->callIndex == index) {
             *out = *it;
             g_faults.erase(it);
+            g_faultsArmed = !g_faults.empty();
             return true;
         }
     }
@@ -52,11 +58,13 @@ void armFileFault(const FileFault& fault) {
     if (g_faults.empty())
         for (int& c : g_calls) c = 0;
     g_faults.push_back(fault);
+    g_faultsArmed = true;
 }
 
 void clearFileFaults() {
     std::lock_guard<std::mutex> lock(g_faultMutex);
     g_faults.clear();
+    g_faultsArmed = false;
     for (int& c : g_calls) c = 0;
 }
 

@@ -11,6 +11,7 @@
 
 #include "framework/WinTypes.h"
 #include "platform/FXErrorUtil.h"
+#include "platform/FXFile.h"
 #include "platform/FXString.h"
 
 #define BS_LOCATION(fn) FXCodeLocation("platform/ZxBlkBackingStore", fn, __LINE__)
@@ -138,7 +139,37 @@ CUxError ZxBlkBackingStore::openTempFile(std::string* path, FILE** file) {
     }
     *path = name.data();
     *file = stream;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_temps[std::this_thread::get_id()] = *path;
     return CUxError::Success();
+}
+
+CUxError ZxBlkBackingStore::reserveTempFile(FILE* file, const std::string& path, unsigned long long bytes) {
+    CUxError status = FXFile::ZXReserveSpace(file ? fileno(file) : -1, bytes, path);
+    unsigned long long freed = 1;
+    for (int tries = 0; status.IsError() && status.Code() == -ENOSPC && freed && tries < 8; ++tries) {
+        std::function<unsigned long long(unsigned long long)> evict;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            evict = m_evict;
+        }
+        if (!evict) break;
+        freed = evict(bytes);
+        if (freed) status = FXFile::ZXReserveSpace(fileno(file), bytes, path);
+    }
+    return status;
+}
+
+void ZxBlkBackingStore::discardTemporary() {
+    std::string path;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it = m_temps.find(std::this_thread::get_id());
+        if (it == m_temps.end()) return;
+        path = it->second;
+        m_temps.erase(it);
+    }
+    ::unlink(path.c_str());
 }
 
 CUxError ZxBlkBackingStore::makeParentDir(const std::string& path) {
@@ -228,6 +259,8 @@ CUxError ZxBlkBackingStore::moveInExtentFile(const std::string& tempPath, long l
     m_used = m_used - replaced + size;
     m_extents.insert(extentNumber);
     m_sizes[extentNumber] = size;
+    auto temp = m_temps.find(std::this_thread::get_id());
+    if (temp != m_temps.end() && temp->second == tempPath) m_temps.erase(temp);
     std::function<void(long long)> movedIn = m_movedIn;
     lock.unlock();
     if (movedIn) movedIn(extentNumber);

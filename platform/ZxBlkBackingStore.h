@@ -6,6 +6,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "framework/CUxError.h"
@@ -21,6 +22,13 @@ public:
     // writing. Its name holds only [A-Za-z0-9._/-].
     CUxError openTempFile(std::string* path, FILE** file);
     CUxError makeParentDir(const std::string& path);
+    // Reserves the space of a temporary file. When the file system is full,
+    // the eviction handler is asked to free room, as for a full cache, for as
+    // long as it frees some; only then does the reservation fail.
+    CUxError reserveTempFile(FILE* file, const std::string& path, unsigned long long bytes);
+    // Removes the temporary file that the calling thread opened last, if it
+    // was not moved in: what a failed read leaves behind.
+    void discardTemporary();
     // Extent files fan out over two levels of folders (256 x 256), so that a
     // disk of a million extents keeps a few dozen files per folder.
     CUxError getExtentFileName(long long extentNumber, std::string* name);
@@ -71,4 +79,5 @@ private:
     std::set<std::string> m_dirs;
     std::function<unsigned long long(unsigned long long)> m_evict;
     std::function<void(long long)> m_movedIn;
+    std::map<std::thread::id, std::string> m_temps;  // each reading thread's open temporary
 };

@@ -15,6 +15,10 @@ bool ZxEventH::wait(unsigned long timeoutMs) {
     unsigned long divisor = g_waitDivisor.load();
     unsigned long effective = timeoutMs / divisor;
     if (divisor > 1 && effective == 0 && timeoutMs > 0) effective = 1;
+    // The clock's deadline must not overflow (which would end the wait at
+    // once): a century is as good as forever.
+    const unsigned long kCentury = 100ul * 365 * 24 * 3600 * 1000;
+    if (effective > kCentury) effective = kCentury;
     std::unique_lock<std::mutex> lock(m_mutex);
     bool signaled =
         m_cond.wait_for(lock, std::chrono::milliseconds(effective), [this] { return m_signaled; });

@@ -68,18 +68,17 @@ bool ZxBlkVhd::createTempFile(ZxBlkDisk* disk, long* len, unsigned char** buf, s
         logger.DebugLvl(tag, -1, "Unable to size temp file %s to %lld bytes: %s", targetPath.c_str(), extentSize,
                         std::strerror(errno));
         std::fclose(file);
-        ::unlink(tempPath.c_str());
-        return false;
+        return false;  // the file stays; the host clears what a failed read leaves
     }
     // Reserving the extent's space now makes a full disk fail this read at
     // once rather than half way through a recall; the backing store gives
-    // back what stays unwritten when the file is moved in.
-    status = FXFile::ZXReserveSpace(fileno(file), static_cast<ULONGLONG>(extentSize), targetPath);
+    // back what stays unwritten when the file is moved in, and makes room in
+    // the cache when its file system is full.
+    status = store->reserveTempFile(file, targetPath, static_cast<unsigned long long>(extentSize));
     if (status.IsError()) {
         logger.DebugLvl(tag, -1, "Unable to reserve %lld bytes for temp file %s: %s", extentSize, targetPath.c_str(),
                         status.AsString().c_str());
         std::fclose(file);
-        ::unlink(tempPath.c_str());
         return false;
     }
     std::fclose(file);
@@ -139,10 +138,7 @@ bool ZxBlkVhd::readData(ZxBlkDisk* disk, long long offset, long* len, unsigned c
             if (!anyBitSet(*neededSectors, static_cast<unsigned long long>(i) * sb * 8, sb * 8ull)) continue;
             bool failed = false;
             recallCopyExtent(disk, *copy, idx, i, offset, targetPath, neededSectors, failed);
-            if (failed) {
-                ::unlink(tempPath.c_str());
-                return false;
-            }
+            if (failed) return false;  // the temporary file stays; the host clears it
         }
         firstCopy = false;
     }

@@ -159,6 +159,7 @@ if t dd if="$work/m6/disk.raw" of=/dev/null bs=1M skip=6 count=1 status=none 2>"
 grep -q "Input/output error" "$work/err" || { cat "$work/err"; fail "not EIO"; }
 t cmp <(dd if="$work/m6/disk.raw" bs=1M count=4 status=none) <(head -c $((4 * 1048576)) "$work/r.raw") || fail "the intact extents"
 mounted "$work/m6" || fail "the mount died"
+[ -z "$(ls "$work/cache6/tmp")" ] || fail "a failed read left its temporary file in the cache"
 grep -q "read of .* failed: extent 6 of disk cut could not be recalled" "$work/cache6/mount.log" ||
   { cat "$work/cache6/mount.log"; fail "no log line for the failed read"; }
 ok "a cut snapshot file gives EIO past its end, the first 4 MiB still read, and the log says which extent"
@@ -210,3 +211,23 @@ unmount "$work/m8"
 for _ in $(seq 100); do [ -e "$work/cache8/dirty" ] || break; sleep 0.1; done
 [ -e "$work/cache8/dirty" ] && fail "a clean stop left the dirty mark"
 ok "after SIGKILL mid-read the remount drops the untrusted cache and reads every byte right"
+
+# A cache on a small file system that another writer fills: the mount
+# evicts its own extents to make room instead of failing reads.
+mkdir -p "$work/small"
+if mount -t tmpfs -o size=16m zxblk-test "$work/small" 2>/dev/null; then
+  trap 'umount -l "$work/small" 2>/dev/null || true; cleanup' EXIT
+  head -c $((48 * 1048576)) /dev/urandom >"$work/big.raw"
+  "$zxblk" import --store "$work/store" --disk big "$work/big.raw" >/dev/null
+  mount_disk "$work/m9" --disk big --cache "$work/small/cache" --cache-limit 1G
+  t cmp -n $((8 * 1048576)) "$work/m9/disk.raw" "$work/big.raw" || fail "small file system: the first 8 MiB"
+  for i in $(seq 64); do head -c 1048576 /dev/zero >"$work/small/filler$i" 2>/dev/null || break; done
+  [ "$(df --output=avail -B1M "$work/small" | tail -1)" -le 1 ] || fail "the filler did not fill the file system"
+  t cmp "$work/m9/disk.raw" "$work/big.raw" || fail "a 48 MiB disk through a full 16 MiB cache file system: wrong bytes"
+  [ "$(stat_of "$work/m9" read_errors)" = 0 ] || fail "read errors on a full cache file system"
+  ok "a 48 MiB disk reads right through a cache on a 16 MiB file system that another writer filled ($(stat_of "$work/m9" evictions) evictions)"
+  unmount "$work/m9"
+  umount "$work/small"
+else
+  echo "skipped: a cache on a small full file system (cannot mount a tmpfs here)"
+fi

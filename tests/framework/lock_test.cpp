@@ -103,6 +103,15 @@ TEST(Event, SetBeforeAndDuringWaitAndTimeOut) {
     EXPECT_TRUE(ev.wait(60000));
     setter.join();
 
+    // A time-out too long for the clock still waits for the set().
+    ev.reset();
+    std::thread late([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        ev.set();
+    });
+    EXPECT_TRUE(ev.wait(static_cast<unsigned long>(-1)));
+    late.join();
+
     ev.reset();
     ZxEventH::SetWaitDivisorForTests(1000);  // 300000 ms becomes 300 ms
     auto start = std::chrono::steady_clock::now();

@@ -318,12 +318,23 @@ TEST_F(RestoreTargetTest, OutOfRangeStreamsAreRefusedBeforeWriting) {
     big.Close(false);
     EXPECT_TRUE(slurp(path).empty());
 
-    // A sectors-to-write bitmap smaller than the extent is refused.
-    CExtentRestoreTarget narrow(path, 8192, 512, false);  // 16 sectors, a 1-byte bitmap
-    narrow.SetSectorsToWrite(bitmapOf(std::vector<bool>(4, true)));
+    // A sectors-to-write bitmap shorter than the extent: the sectors past
+    // its end are not wanted, neither as data nor as missing sectors.
+    spit(path, std::vector<uint8_t>(8192, 5));
+    CExtentRestoreTarget narrow(path, 8192, 512, true);  // 16 sectors, a 1-byte bitmap
+    narrow.SetSectorsToWrite(bitmapOf(std::vector<bool>(8, true)));
     ASSERT_FALSE(narrow.Open(nullptr).IsError());
-    EXPECT_TRUE(narrow.Write(d.data(), 512).IsError());
+    std::vector<uint8_t> six(6 * 512, 6);
+    EXPECT_FALSE(narrow.Write(six.data(), static_cast<unsigned>(six.size())).IsError());
+    EXPECT_FALSE(narrow.WriteHole(10 * 512).IsError());
     narrow.Close(false);
+    std::vector<uint8_t> want(8192, 5);
+    std::fill(want.begin(), want.begin() + 6 * 512, 6);
+    EXPECT_EQ(slurp(path), want);
+    boost::shared_ptr<CBitmapInfo> parents;
+    narrow.GetParentSectors(parents);
+    ASSERT_TRUE(parents);
+    for (unsigned s = 0; s < 16; ++s) EXPECT_EQ(parents->IsBitSet(s), s == 6 || s == 7) << "sector " << s;
 }
 
 TEST_F(RestoreTargetTest, InjectedFailuresKeepWhatWasWritten) {

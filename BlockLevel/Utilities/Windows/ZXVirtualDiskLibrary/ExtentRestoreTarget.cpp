@@ -81,13 +81,20 @@ CUxError CExtentRestoreTarget::Close(bool) {
 
 bool CExtentRestoreTarget::Exists() { return false; }
 
+// A sectors-to-write bitmap may be shorter than the extent (a copy whose
+// extent is not a whole number of bitmap bytes): the sectors past its end
+// are not wanted here, and an older copy supplies them.
+bool CExtentRestoreTarget::IsSectorWanted(unsigned int sector) {
+    return static_cast<unsigned long long>(sector) < static_cast<unsigned long long>(m_ptrSectorsToWrite->Size()) * 8 &&
+           m_ptrSectorsToWrite->IsBitSet(sector);
+}
+
 unsigned int CExtentRestoreTarget::GetRemainderSectorBytes() {
     return m_nSectorSize - (m_nCurrentOffset % m_nSectorSize);
 }
 
-// A stream that would run past the extent, or bitmaps that cannot describe
-// every sector of it, are refused before a byte is written: the bitmaps have
-// no room for such sectors and the file must not grow past the extent.
+// A stream that would run past the extent is refused before a byte is
+// written: the file must not grow past the extent.
 CUxError CExtentRestoreTarget::CheckRange(const FXCodeLocation& location, unsigned int length) {
     if (m_nSectorSize == 0)
         return FXErrorUtil::ErrorWin32(location, ERROR_INTERNAL_ERROR, "sector size 0 for %s", m_strTargetPath.c_str());
@@ -95,13 +102,6 @@ CUxError CExtentRestoreTarget::CheckRange(const FXCodeLocation& location, unsign
         return FXErrorUtil::ErrorWin32(location, ERROR_INTERNAL_ERROR,
                                        "stream of %u bytes at offset %u runs past the extent size %u of %s", length,
                                        m_nCurrentOffset, m_nExtentSize, m_strTargetPath.c_str());
-    unsigned long long sectors = (static_cast<unsigned long long>(m_nExtentSize) + m_nSectorSize - 1) / m_nSectorSize;
-    if (m_ptrSectorsToWrite && m_ptrSectorsToWrite->Size() * 8 < sectors)
-        return FXErrorUtil::ErrorWin32(location, ERROR_INTERNAL_ERROR,
-                                       "sectors-to-write bitmap of %llu bytes cannot cover the %llu sectors of "
-                                       "extent size %u (offset %u)",
-                                       static_cast<unsigned long long>(m_ptrSectorsToWrite->Size()), sectors,
-                                       m_nExtentSize, m_nCurrentOffset);
     return CUxError::Success();
 }
 
@@ -172,7 +172,7 @@ CUxError CExtentRestoreTarget::WriteInternal(const void* data, unsigned int leng
         for (unsigned int done = 0; done < length && !status.IsError();) {
             unsigned int chunk = std::min(length - done, GetRemainderSectorBytes());
             unsigned int sector = m_nCurrentOffset / m_nSectorSize;
-            status = m_ptrSectorsToWrite->IsBitSet(sector) ? WriteData(bytes + done, chunk) : SeekData(chunk);
+            status = IsSectorWanted(sector) ? WriteData(bytes + done, chunk) : SeekData(chunk);
             done += chunk;
         }
     }
@@ -190,7 +190,7 @@ CUxError CExtentRestoreTarget::WriteHole(unsigned int length) {
         for (unsigned int done = 0; done < length && !status.IsError();) {
             unsigned int chunk = std::min(length - done, GetRemainderSectorBytes());
             unsigned int sector = m_nCurrentOffset / m_nSectorSize;
-            if (m_ptrSectorsToWrite->IsBitSet(sector))
+            if (IsSectorWanted(sector))
                 status = full ? WriteZeroes(chunk) : SetMissingSectorBits(chunk);
             else
                 status = SeekData(chunk);

@@ -56,6 +56,7 @@ private:
     CUxError SetMissingSectorBits(unsigned int length);
     CUxError GatherHoleBitmap(const void*& data, unsigned int& length);
     unsigned int GetRemainderSectorBytes();
+    bool IsSectorWanted(unsigned int sector);
     CUxError CheckRange(const FXCodeLocation& location, unsigned int length);
     void AccumulateLog(LOG_MSG_ENTRY kind, int bytes);
     void AccumulateExtentDataSummary(LOG_MSG_ENTRY kind);
