@@ -284,6 +284,24 @@ TEST_F(ReadPathTest, DifferencingChainReadsAsTheMergedDisk) {
     }
 }
 
+// A differencing copy added without an extent size works with extents of
+// 2,047 sectors and a sectors bitmap of 2,040: the sectors past the bitmap
+// are not wanted from it, and the copy beneath supplies them.
+TEST_F(ReadPathTest, DifferencingCopyWithoutExtentSizeReadsAsTheMergedDisk) {
+    const long long E = 1 << 20, C = E - 512;
+    std::mt19937 rng(9);
+    ZxBlkVhd& d = makeDisk({{"/base", E, 13}, {"/diff", 0, 14}}, E);
+    Bytes base = randomBytes(rng, E), diff = randomBytes(rng, C), merged = base;
+    std::vector<bool> present(4096);
+    for (unsigned s = 0; s < 2040; ++s) present[s] = rng() % 3 == 0;
+    for (unsigned s = 0; s < 2040; ++s)
+        if (present[s]) std::copy(diff.begin() + s * 512, diff.begin() + (s + 1) * 512, merged.begin() + s * 512);
+    hold("/base", 0, {base, bitmapOf(std::vector<bool>(4096, true)), {}});
+    hold("/diff", 0, {diff, bitmapOf(present), {}});
+    ASSERT_TRUE(read(d, 0));
+    EXPECT_TRUE(slurp(store->extentPath(0)) == merged);
+}
+
 // A full disk fails a read before anything is recalled; a write that the
 // disk refuses only when the buffered bytes finally go out fails the recall.
 // Either way nothing is moved in and no temporary file stays. Extents of
