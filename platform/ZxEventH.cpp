@@ -27,10 +27,11 @@ bool ZxEventH::wait(unsigned long timeoutMs) {
 }
 
 void ZxEventH::set() {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_signaled = true;
-    }
+    // Notified under the lock: a waiter that wakes may destroy the event at
+    // once (a read that ends frees its disk object), so the setter must be
+    // done with the condition before the waiter can get the mutex.
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_signaled = true;
     m_cond.notify_all();
 }
 
