@@ -22,6 +22,13 @@ unmount() {
   for _ in $(seq 100); do mounted "$1" || return 0; sleep 0.1; done
   fail "$1 did not unmount"
 }
+# Waits for the process that served CACHE (its pid heads CACHE/lock) to exit.
+wait_stopped() {
+  local pid
+  pid=$(cut -d' ' -f1 "$1/lock")
+  for _ in $(seq 300); do kill -0 "$pid" 2>/dev/null || return 0; sleep 0.1; done
+  fail "the process serving $1 did not stop"
+}
 stat_of() { awk -v k="$2" '$1 == k { print $2 }' "$1/.stats"; }
 sql() { sqlite3 "$work/store/index.sqlite" "$1"; }
 
@@ -159,11 +166,13 @@ if t dd if="$work/m6/disk.raw" of=/dev/null bs=1M skip=6 count=1 status=none 2>"
 grep -q "Input/output error" "$work/err" || { cat "$work/err"; fail "not EIO"; }
 t cmp <(dd if="$work/m6/disk.raw" bs=1M count=4 status=none) <(head -c $((4 * 1048576)) "$work/r.raw") || fail "the intact extents"
 mounted "$work/m6" || fail "the mount died"
-[ -z "$(ls "$work/cache6/tmp")" ] || fail "a failed read left its temporary file in the cache"
 grep -q "read of .* failed: extent 6 of disk cut could not be recalled" "$work/cache6/mount.log" ||
   { cat "$work/cache6/mount.log"; fail "no log line for the failed read"; }
-ok "a cut snapshot file gives EIO past its end, the first 4 MiB still read, and the log says which extent"
 unmount "$work/m6"
+# Once the process has stopped, no failed read has left a temporary file.
+wait_stopped "$work/cache6"
+[ -z "$(ls "$work/cache6/tmp")" ] || fail "a failed read left its temporary file in the cache"
+ok "a cut snapshot file gives EIO past its end, the first 4 MiB still read, and the log says which extent"
 
 # In the foreground, SIGTERM and SIGINT unmount cleanly and the process
 # exits 0 (under the sanitizers, also without leaks).
@@ -208,7 +217,7 @@ mount_disk "$work/m8" --disk chain --cache "$work/cache8" 2>"$work/m8.err"
 t cmp "$work/m8/disk.raw" "$work/chain/snap3.raw" || fail "after SIGKILL and a remount: wrong bytes"
 grep -q "cache8 was not closed cleanly; its extents were dropped" "$work/m8.err" || fail "no word of the dropped cache"
 unmount "$work/m8"
-for _ in $(seq 100); do [ -e "$work/cache8/dirty" ] || break; sleep 0.1; done
+wait_stopped "$work/cache8"
 [ -e "$work/cache8/dirty" ] && fail "a clean stop left the dirty mark"
 ok "after SIGKILL mid-read the remount drops the untrusted cache and reads every byte right"
 
@@ -227,6 +236,7 @@ if mount -t tmpfs -o size=16m zxblk-test "$work/small" 2>/dev/null; then
   [ "$(stat_of "$work/m9" read_errors)" = 0 ] || fail "read errors on a full cache file system"
   ok "a 48 MiB disk reads right through a cache on a 16 MiB file system that another writer filled ($(stat_of "$work/m9" evictions) evictions)"
   unmount "$work/m9"
+  wait_stopped "$work/small/cache"
   umount "$work/small"
 else
   echo "skipped: a cache on a small full file system (cannot mount a tmpfs here)"
