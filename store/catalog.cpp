@@ -5,11 +5,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
+
+#include "store/vhd_image.h"
 
 namespace zxblk {
 
@@ -39,7 +42,73 @@ struct Reader {
         if (!v.is_string()) fail(where + key, "not a string");
         return v.get<std::string>();
     }
+    // Fields that older catalogs lack read as 0 or empty.
+    uint64_t optionalU64(const json& obj, const std::string& key, const std::string& where, uint64_t max) const {
+        return obj.contains(key) ? u64(obj, key, where, max) : 0;
+    }
+    std::string optionalStr(const json& obj, const std::string& key, const std::string& where) const {
+        return obj.contains(key) ? str(obj, key, where) : std::string();
+    }
 };
+
+// Where each value of one kind was first seen, to name both places when it
+// comes again.
+class FirstSeen {
+public:
+    FirstSeen(const Reader& r, const char* what) : m_r(r), m_what(what) {}
+    void add(const std::string& value, const std::string& field, const std::string& where) {
+        auto seen = m_seen.emplace(value, where);
+        if (!seen.second) m_r.fail(where + "." + field, "'" + value + "' is also the " + m_what + " of " + seen.first->second);
+    }
+
+private:
+    const Reader& m_r;
+    const char* m_what;
+    std::map<std::string, std::string> m_seen;
+};
+
+std::string diskAt(size_t i) { return "disks[" + std::to_string(i) + "]"; }
+std::string copyAt(size_t i, size_t k) { return diskAt(i) + ".copies[" + std::to_string(k) + "]"; }
+
+// What no tool writes and no reader may trust: a disk without snapshots, a
+// name or id used twice, counters that would hand out an id in use,
+// sizes that disagree, a snapshot chain with a repeat or a break in it.
+void checkInvariants(const Catalog& c, const Reader& r) {
+    FirstSeen names(r, "name"), diskIds(r, "id"), ids(r, "archive file id"), paths(r, "browse path");
+    uint64_t topDiskId = 0, topArchiveFileId = 0;
+    for (size_t i = 0; i < c.disks.size(); ++i) {
+        const DiskRecord& d = c.disks[i];
+        std::string where = diskAt(i) + ".";
+        names.add(d.name, "name", diskAt(i));
+        diskIds.add(std::to_string(d.diskId), "diskId", diskAt(i));
+        topDiskId = std::max(topDiskId, d.diskId);
+        if (d.copies.empty()) r.fail(where + "copies", "disk '" + d.name + "' has no snapshot");
+        FirstSeen uniqueIds(r, "unique id");
+        for (size_t k = 0; k < d.copies.size(); ++k) {
+            const CopyRecord& cr = d.copies[k];
+            std::string cw = copyAt(i, k) + ".";
+            ids.add(std::to_string(cr.archiveFileId), "archiveFileId", copyAt(i, k));
+            topArchiveFileId = std::max(topArchiveFileId, cr.archiveFileId);
+            paths.add(cr.browsePath, "browsePath", copyAt(i, k));
+            if (!cr.uniqueId.empty()) uniqueIds.add(cr.uniqueId, "uniqueId", copyAt(i, k));
+            if (cr.size && cr.size != d.size)
+                r.fail(cw + "size", std::to_string(cr.size) + " bytes, but disk '" + d.name + "' has " + std::to_string(d.size));
+            bool differencing = cr.type == kTypeDifferencing;
+            if (k == 0 && differencing) r.fail(cw + "type", "the oldest snapshot of a disk cannot be a differencing VHD");
+            if (k > 0 && !differencing) r.fail(cw + "type", "a newer snapshot of a disk must be a differencing VHD");
+            if (!cr.parentUniqueId.empty() && differencing && cr.parentUniqueId != d.copies[k - 1].uniqueId)
+                r.fail(cw + "parentUniqueId", cr.parentUniqueId + " is not the unique id of the snapshot before it (" +
+                                                  d.copies[k - 1].uniqueId + ")");
+            if (!cr.parentUniqueId.empty() && !differencing) r.fail(cw + "parentUniqueId", "only a differencing VHD has a parent");
+        }
+    }
+    if (!c.disks.empty() && c.nextDiskId <= topDiskId)
+        r.fail("nextDiskId",
+               std::to_string(c.nextDiskId) + " is not above disk id " + std::to_string(topDiskId) + ", which is in use");
+    if (topArchiveFileId && c.nextArchiveFileId <= topArchiveFileId)
+        r.fail("nextArchiveFileId", std::to_string(c.nextArchiveFileId) + " is not above archive file id " +
+                                        std::to_string(topArchiveFileId) + ", which is in use");
+}
 
 void fsyncPath(const std::string& path, int flags) {
     int fd = ::open(path.c_str(), flags | O_CLOEXEC);
@@ -94,6 +163,7 @@ Catalog Catalog::load(const std::string& storeDir) {
         s.appType = static_cast<int32_t>(r.u64(subs[i], "appType", where, INT32_MAX));
         c.subclients[s.id] = s;
     }
+    std::map<std::pair<dev_t, ino_t>, std::string> files;
     const json& disks = r.member(j, "disks", "");
     if (!disks.is_array()) r.fail("disks", "not a list");
     for (size_t i = 0; i < disks.size(); ++i) {
@@ -121,20 +191,27 @@ Catalog Catalog::load(const std::string& storeDir) {
             cr.archiveFileId = r.u64(copies[k], "archiveFileId", cw);
             cr.uniqueId = r.str(copies[k], "uniqueId", cw);
             cr.importedAt = r.str(copies[k], "importedAt", cw);
+            cr.size = r.optionalU64(copies[k], "size", cw, 2040ULL << 30);
+            cr.fileSize = r.optionalU64(copies[k], "fileSize", cw, UINT64_MAX);
+            cr.parentUniqueId = r.optionalStr(copies[k], "parentUniqueId", cw);
             if (cr.type < kTypeRaw || cr.type > kTypeDifferencing) r.fail(cw + "type", "unknown disk type code");
             if (cr.copyExtentLength() != d.extentSize) r.fail(cw + "storedExtentSize", "does not match the disk's extent size");
             if (cr.file.empty() || cr.file[0] == '/' || cr.file.find("..") != std::string::npos)
                 r.fail(cw + "file", "must name a file inside the store");
             struct stat st;
             if (::stat((storeDir + "/" + cr.file).c_str(), &st) != 0) r.fail(cw + "file", cr.file + " is missing from the store");
+            // By inode, so that another spelling of a path or a hard link is the same file too.
+            auto seen = files.emplace(std::make_pair(st.st_dev, st.st_ino), copyAt(i, k));
+            if (!seen.second) r.fail(cw + "file", cr.file + " is also the file of " + seen.first->second);
             d.copies.push_back(cr);
         }
         c.disks.push_back(d);
     }
+    checkInvariants(c, r);
     return c;
 }
 
-void Catalog::save(const std::string& storeDir) const {
+void Catalog::save(const std::string& storeDir, const std::function<void()>& beforeReplace) const {
     json j;
     j["version"] = static_cast<int>(kVersion);
     j["nextArchiveFileId"] = nextArchiveFileId;
@@ -155,10 +232,15 @@ void Catalog::save(const std::string& storeDir) const {
     for (const DiskRecord& d : disks) {
         json dj = {{"name", d.name}, {"size", d.size}, {"sectorSize", d.sectorSize}, {"extentSize", d.extentSize},
                    {"subclientId", d.subclientId}, {"diskId", d.diskId}, {"copies", json::array()}};
-        for (const CopyRecord& c : d.copies)
-            dj["copies"].push_back({{"browsePath", c.browsePath}, {"file", c.file}, {"type", c.type},
-                                    {"storedExtentSize", c.storedExtentSize}, {"archiveFileId", c.archiveFileId},
-                                    {"uniqueId", c.uniqueId}, {"importedAt", c.importedAt}});
+        for (const CopyRecord& c : d.copies) {
+            json cj = {{"browsePath", c.browsePath}, {"file", c.file}, {"type", c.type},
+                       {"storedExtentSize", c.storedExtentSize}, {"archiveFileId", c.archiveFileId},
+                       {"uniqueId", c.uniqueId}, {"importedAt", c.importedAt}};
+            if (c.size) cj["size"] = c.size;
+            if (c.fileSize) cj["fileSize"] = c.fileSize;
+            if (!c.parentUniqueId.empty()) cj["parentUniqueId"] = c.parentUniqueId;
+            dj["copies"].push_back(cj);
+        }
         j["disks"].push_back(dj);
     }
     std::string path = catalogPath(storeDir), temp = path + ".new";
@@ -169,12 +251,38 @@ void Catalog::save(const std::string& storeDir) const {
         if (!out) throw StoreError(temp + ": cannot write the catalog: " + std::strerror(errno));
     }
     fsyncPath(temp, O_RDONLY);
+    if (beforeReplace) beforeReplace();
     if (::rename(temp.c_str(), path.c_str()) != 0) {
         int err = errno;
         ::unlink(temp.c_str());
         throw StoreError(path + ": cannot replace the catalog: " + std::strerror(err));
     }
     fsyncPath(storeDir, O_RDONLY | O_DIRECTORY);
+}
+
+uint64_t Catalog::takeArchiveFileId() {
+    uint64_t id = nextArchiveFileId;
+    for (const DiskRecord& d : disks)
+        for (const CopyRecord& c : d.copies) id = std::max(id, c.archiveFileId + 1);
+    nextArchiveFileId = id + 1;
+    return id;
+}
+
+uint64_t Catalog::takeDiskId() {
+    uint64_t id = nextDiskId;
+    for (const DiskRecord& d : disks) id = std::max(id, d.diskId + 1);
+    nextDiskId = id + 1;
+    return id;
+}
+
+uint32_t typeCode(ImageKind kind) {
+    switch (kind) {
+        case ImageKind::Raw: return kTypeRaw;
+        case ImageKind::Fixed: return kTypeFixed;
+        case ImageKind::Dynamic: return kTypeDynamic;
+        case ImageKind::Differencing: return kTypeDifferencing;
+    }
+    return 0;
 }
 
 DiskRecord* Catalog::findDisk(const std::string& name) {

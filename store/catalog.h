@@ -4,6 +4,7 @@
 // place, so a reader sees the old catalog or the new one, never a mix.
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -14,6 +15,8 @@ namespace zxblk {
 
 // Disk type codes of a copy, as the provider tells them apart.
 enum : uint32_t { kTypeRaw = 11, kTypeFixed = 12, kTypeDynamic = 13, kTypeDifferencing = 14 };
+enum class ImageKind;
+uint32_t typeCode(ImageKind kind);
 
 struct CopyRecord {
     std::string browsePath;  // names the disk inside this backup
@@ -23,6 +26,11 @@ struct CopyRecord {
     uint64_t archiveFileId = 0;
     std::string uniqueId;    // of a VHD, empty for raw images
     std::string importedAt;
+    // What the file was at import, so that a recall can tell it is still
+    // that file. 0 or empty in a catalog written before they were kept.
+    uint64_t size = 0;            // the disk size the file presents
+    uint64_t fileSize = 0;        // bytes of the file itself
+    std::string parentUniqueId;   // of a differencing VHD: the previous snapshot's uniqueId
     // The extent length the provider works with for this copy.
     int64_t copyExtentLength() const { return storedExtentSize - (type == kTypeDifferencing ? 512 : 0); }
 };
@@ -52,9 +60,17 @@ struct Catalog {
     uint64_t nextArchiveFileId = 1;
     uint64_t nextDiskId = 1;
 
-    // An absent catalog is an empty store; a bad one throws StoreError.
+    // An absent catalog is an empty store; a bad one, or one that breaks the
+    // store's invariants (a disk without snapshots, a name or id used twice,
+    // a counter below an id in use, sizes that disagree, a broken chain),
+    // throws StoreError.
     static Catalog load(const std::string& storeDir);
-    void save(const std::string& storeDir) const;
+    // Writes the catalog whole and renames it into place. `beforeReplace`
+    // runs when the new catalog is on disk and the old one still in place.
+    void save(const std::string& storeDir, const std::function<void()>& beforeReplace = nullptr) const;
+    // An id above every one in use, even when the counter was wound back.
+    uint64_t takeArchiveFileId();
+    uint64_t takeDiskId();
     DiskRecord* findDisk(const std::string& name);
     const DiskRecord* findDisk(const std::string& name) const;
     // Resolves a copy by its archive-file id or browse path.

@@ -7,29 +7,75 @@
 #include <algorithm>
 #include <cerrno>
 #include <cctype>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
+#include <set>
 
+#include "platform/Log.h"
 #include "store/catalog.h"
 #include "store/vhd_image.h"
 
 namespace zxblk {
 namespace {
 
+const char* const kTag = "importer";
+
+// A footer cookie at the end, or at the start where a dynamic disk keeps its
+// copy (the one left when the end is damaged).
 bool looksLikeVhd(const std::string& path) {
     if (path.size() > 4 && (path.compare(path.size() - 4, 4, ".vhd") == 0 || path.compare(path.size() - 4, 4, ".VHD") == 0))
         return true;
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return false;
-    char cookie[8] = {0};
+    auto cookieAt = [fd](off_t at) {
+        char cookie[8] = {0};
+        return ::pread(fd, cookie, 8, at) == 8 && std::memcmp(cookie, "conectix", 8) == 0;
+    };
     struct stat st;
-    bool vhd = ::fstat(fd, &st) == 0 && st.st_size >= 512 && ::pread(fd, cookie, 8, st.st_size - 512) == 8 &&
-               std::memcmp(cookie, "conectix", 8) == 0;
+    bool vhd = ::fstat(fd, &st) == 0 && st.st_size >= 512 && (cookieAt(st.st_size - 512) || (st.st_size >= 1024 && cookieAt(0)));
     ::close(fd);
     return vhd;
 }
 
-void copyFile(const std::string& from, const std::string& to) {
+// The tests of crash consistency end an import at a named step, as a kill
+// would: ZXBLK_IMPORT_DIE_AT=copied|renamed|renamed-all|catalog-written|saved.
+void dieAt(const char* step) {
+    const char* at = std::getenv("ZXBLK_IMPORT_DIE_AT");
+    if (at && std::strcmp(at, step) == 0) ::_exit(9);
+}
+
+// Files under snapshots/ that the catalog does not name were left by an
+// import that died before it replaced the catalog; no reader knows them, and
+// the store lock says no import is running. Compared by inode, so that no
+// spelling of a catalog path can make a named file look unnamed.
+void removeLeftovers(const std::string& storeDir, const Catalog& catalog) {
+    std::set<std::pair<dev_t, ino_t>> named;
+    struct stat st;
+    for (const DiskRecord& d : catalog.disks)
+        for (const CopyRecord& c : d.copies)
+            if (::stat((storeDir + "/" + c.file).c_str(), &st) == 0) named.emplace(st.st_dev, st.st_ino);
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(storeDir + "/snapshots", ec)) {
+        std::string path = entry.path().string();
+        if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || named.count({st.st_dev, st.st_ino})) continue;
+        if (::unlink(path.c_str()) == 0) LogSink::write(0, kTag, path + ": removed, left by an import that did not finish");
+    }
+}
+
+void syncFolder(const std::string& path) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || ::fsync(fd) != 0) {
+        int err = errno;
+        if (fd >= 0) ::close(fd);
+        throw StoreError(path + ": cannot sync the folder: " + std::strerror(err));
+    }
+    ::close(fd);
+}
+
+// Returns the bytes copied.
+uint64_t copyFile(const std::string& from, const std::string& to) {
     int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
     if (in < 0) throw StoreError(from + ": " + std::strerror(errno));
     int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -65,6 +111,7 @@ void copyFile(const std::string& from, const std::string& to) {
     }
     ::close(in);
     ::close(out);
+    return static_cast<uint64_t>(at);
 }
 
 std::string now() {
@@ -72,16 +119,6 @@ std::string now() {
     char buf[32];
     std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", std::gmtime(&t));
     return buf;
-}
-
-uint32_t typeOf(ImageKind kind) {
-    switch (kind) {
-        case ImageKind::Raw: return kTypeRaw;
-        case ImageKind::Fixed: return kTypeFixed;
-        case ImageKind::Dynamic: return kTypeDynamic;
-        case ImageKind::Differencing: return kTypeDifferencing;
-    }
-    return 0;
 }
 
 bool validName(const std::string& name) {
@@ -109,11 +146,14 @@ std::vector<std::string> importImages(const std::string& storeDir, const std::st
     std::vector<VhdImage> opened;
     for (const std::string& path : images) opened.push_back(VhdImage::open(path, !looksLikeVhd(path)));
     DiskRecord* existing = catalog.findDisk(diskName);
-    std::string previousId = existing ? existing->copies.back().uniqueId : "";
+    // The loader refuses a disk without snapshots; one that got here anyway
+    // takes a base image as a new disk would.
+    bool noSnapshots = !existing || existing->copies.empty();
+    std::string previousId = noSnapshots ? "" : existing->copies.back().uniqueId;
     uint64_t size = existing ? existing->size : opened.front().virtualSize();
     for (size_t i = 0; i < opened.size(); ++i) {
         const VhdImage& img = opened[i];
-        bool first = !existing && i == 0;
+        bool first = noSnapshots && i == 0;
         if (img.virtualSize() != size)
             throw StoreError(img.path() + ": current size: " + std::to_string(img.virtualSize()) + " bytes, but the disk has " +
                              std::to_string(size));
@@ -138,7 +178,7 @@ std::vector<std::string> importImages(const std::string& storeDir, const std::st
         fresh.name = diskName;
         fresh.size = size;
         fresh.extentSize = options.extentSize;
-        fresh.diskId = catalog.nextDiskId++;
+        fresh.diskId = catalog.takeDiskId();
         uint32_t sub = options.subclientId;
         if (sub == 0) {
             sub = 1;
@@ -164,6 +204,7 @@ std::vector<std::string> importImages(const std::string& storeDir, const std::st
     std::string clientName = catalog.clients.count(sub.clientId) ? catalog.clients.at(sub.clientId) : "client";
     std::vector<std::pair<std::string, std::string>> written;  // temporary, final
     std::vector<std::string> lines;
+    removeLeftovers(storeDir, catalog);
     try {
         for (size_t i = 0; i < opened.size(); ++i) {
             const VhdImage& img = opened[i];
@@ -171,25 +212,39 @@ std::vector<std::string> importImages(const std::string& storeDir, const std::st
             std::string name = diskName + "-snap" + std::to_string(index) + (img.kind() == ImageKind::Raw ? ".raw" : ".vhd");
             std::string final = storeDir + "/snapshots/" + name;
             struct stat st;
-            if (::stat(final.c_str(), &st) == 0) throw StoreError(final + ": already exists; the store is not consistent");
+            if (::stat(final.c_str(), &st) == 0)
+                throw StoreError(final + ": already exists, named by the catalog for another snapshot");
             written.emplace_back(final + ".partial", final);
-            copyFile(img.path(), written.back().first);
+            uint64_t copied = copyFile(img.path(), written.back().first);
+            if (copied != img.fileSize())
+                throw StoreError(img.path() + ": file size: " + std::to_string(img.fileSize()) + " bytes when checked, " +
+                                 std::to_string(copied) + " when copied; it changed during the import");
+            dieAt("copied");
             CopyRecord copy;
             copy.browsePath = "/" + clientName + "/" + sub.name + "/" + diskName + "/snap" + std::to_string(index);
             copy.file = "snapshots/" + name;
-            copy.type = typeOf(img.kind());
+            copy.type = typeCode(img.kind());
             copy.storedExtentSize = disk.extentSize + (copy.type == kTypeDifferencing ? 512 : 0);
-            copy.archiveFileId = catalog.nextArchiveFileId++;
+            copy.archiveFileId = catalog.takeArchiveFileId();
             copy.uniqueId = img.kind() == ImageKind::Raw ? "" : uniqueIdText(img.uniqueId());
             copy.importedAt = now();
+            copy.size = img.virtualSize();
+            copy.fileSize = copied;
+            if (img.kind() == ImageKind::Differencing) copy.parentUniqueId = uniqueIdText(img.parentUniqueId());
             disk.copies.push_back(copy);
             lines.push_back("imported " + img.path() + " as " + diskName + " snapshot " + std::to_string(index) + " (" +
                             kindName(img.kind()) + ", " + std::to_string(img.virtualSize()) + " bytes)");
         }
-        for (auto& w : written)
+        for (auto& w : written) {
             if (::rename(w.first.c_str(), w.second.c_str()) != 0) throw StoreError(w.second + ": " + std::strerror(errno));
+            dieAt("renamed");
+        }
+        // The new names reach the disk before the catalog that refers to them.
+        syncFolder(storeDir + "/snapshots");
+        dieAt("renamed-all");
         if (!existing) catalog.disks.push_back(fresh);
-        catalog.save(storeDir);
+        catalog.save(storeDir, [] { dieAt("catalog-written"); });
+        dieAt("saved");
     } catch (...) {
         for (auto& w : written) {
             ::unlink(w.first.c_str());

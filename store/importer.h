@@ -1,6 +1,8 @@
 // Puts disk images into a store: a VHD chain (base first) or one image, for
 // a new disk or as newer snapshots of a disk already there. Everything is
-// checked before the store changes; a failed import leaves it as it was.
+// checked before the store changes; a failed import leaves it as it was. An
+// import that died half way leaves at most files that the catalog does not
+// name, which the next import removes.
 #pragma once
 #include <cstdint>
 #include <string>

@@ -1,5 +1,7 @@
 #include "store/store_services.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -116,14 +118,47 @@ RestoreStats StoreServices::stats() const {
     return s;
 }
 
+// A snapshot file must still be the one its record describes: a file
+// swapped with another, replaced by its parent, taken from another disk, or a
+// record edited afterwards would otherwise serve wrong bytes without a word.
+// What an older catalog did not record is checked against the disk and the
+// chain alone.
+static void checkAgainstRecord(const VhdImage& img, const DiskRecord& disk, size_t index) {
+    const CopyRecord& copy = disk.copies[index];
+    auto mismatch = [&](const char* field, const std::string& recorded, const std::string& found) {
+        if (recorded != found)
+            throw StoreError(img.path() + ": " + field + ": the catalog records " + recorded + ", the file has " + found);
+    };
+    if (copy.type != kTypeRaw) {  // a raw file has no footer: its size is all there is to check
+        mismatch("disk type", "type " + std::to_string(copy.type), "type " + std::to_string(typeCode(img.kind())));
+        mismatch("unique id", copy.uniqueId, uniqueIdText(img.uniqueId()));
+        if (copy.type == kTypeDifferencing)
+            mismatch("parent unique id", index ? disk.copies[index - 1].uniqueId : "no parent", uniqueIdText(img.parentUniqueId()));
+        mismatch("current size", std::to_string(disk.size) + " bytes", std::to_string(img.virtualSize()) + " bytes");
+    }
+    // A raw file cut short still serves what is left, as it always has: the
+    // reads past the cut fail by themselves. Grown, it is another file.
+    bool cutRaw = copy.type == kTypeRaw && img.fileSize() < copy.fileSize;
+    if (copy.fileSize && !cutRaw)
+        mismatch("file size", std::to_string(copy.fileSize) + " bytes", std::to_string(img.fileSize()) + " bytes");
+}
+
 std::shared_ptr<VhdImage> StoreServices::image(const CopyRecord& copy) {
-    std::lock_guard<std::mutex> lock(m_imagesMutex);
-    auto it = m_images.find(copy.archiveFileId);
-    if (it != m_images.end()) return it->second;
     const DiskRecord* disk;
     const CopyRecord* found;
-    uint64_t rawSize = m_catalog.findCopy(copy.archiveFileId, &disk, &found) ? disk->size : 0;
-    auto img = std::make_shared<VhdImage>(VhdImage::open(m_dir + "/" + copy.file, copy.type == kTypeRaw, rawSize));
+    if (!m_catalog.findCopy(copy.archiveFileId, &disk, &found))
+        throw StoreError("no copy with archive file id " + std::to_string(copy.archiveFileId) + " in store " + m_dir);
+    std::string path = m_dir + "/" + copy.file;
+    // A stat per call is cheap against a recall, and catches a file replaced
+    // or rewritten while it is open: it is then opened and checked again.
+    struct stat st;
+    bool statted = ::stat(path.c_str(), &st) == 0;
+    std::lock_guard<std::mutex> lock(m_imagesMutex);
+    auto it = m_images.find(copy.archiveFileId);
+    if (it != m_images.end() && statted && it->second->stamp() == FileStamp::of(st)) return it->second;
+    if (it != m_images.end()) m_images.erase(it);
+    auto img = std::make_shared<VhdImage>(VhdImage::open(path, copy.type == kTypeRaw, disk->size));
+    checkAgainstRecord(*img, *disk, static_cast<size_t>(found - disk->copies.data()));
     m_images[copy.archiveFileId] = img;
     return img;
 }

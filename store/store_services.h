@@ -71,6 +71,8 @@ public:
 
 private:
     StoreServices(const std::string& dir, Catalog catalog, Options options);
+    // The copy's file, opened and checked against its catalog record once,
+    // and again whenever the file has changed since; throws StoreError.
     std::shared_ptr<VhdImage> image(const CopyRecord& copy);
     void work();
     void run(const RecallJob& job);

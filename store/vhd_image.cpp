@@ -7,6 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
+
+#include "platform/Log.h"
 
 namespace zxblk {
 namespace {
@@ -14,6 +17,11 @@ namespace {
 const uint32_t kUnallocated = 0xFFFFFFFFu;
 const uint64_t kMaxVirtualSize = 2040ULL << 30;  // the largest disk the format describes
 const uint32_t kMaxBlockSize = 256u << 20;
+// Every block of the largest disk at 512 KiB a block; more allocated blocks
+// than that is no disk anyone writes, and would cost memory for nothing.
+const uint64_t kMaxAllocatedBlocks = 1u << 22;
+const uint64_t kTableSlice = 16384;          // entries read at a time
+const uint64_t kDenseTableBytes = 4u << 20;  // a whole table this small is kept as it is
 
 uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
 uint64_t be64(const uint8_t* p) { return uint64_t(be32(p)) << 32 | be32(p + 4); }
@@ -72,23 +80,33 @@ void VhdImage::fail(const std::string& field, const std::string& why) const {
     throw StoreError(m_path + ": " + field + ": " + why);
 }
 
+FileStamp FileStamp::of(const struct stat& st) {
+    FileStamp s;
+    s.device = static_cast<uint64_t>(st.st_dev);
+    s.inode = static_cast<uint64_t>(st.st_ino);
+    s.size = static_cast<uint64_t>(st.st_size);
+    s.mtimeNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    return s;
+}
+
 VhdImage::VhdImage(VhdImage&& o) noexcept { *this = std::move(o); }
 
 VhdImage& VhdImage::operator=(VhdImage&& o) noexcept {
     if (this != &o) {
         if (m_fd >= 0) ::close(m_fd);
         m_path = std::move(o.m_path);
-        m_fd = o.m_fd;
-        o.m_fd = -1;
+        m_fd = std::exchange(o.m_fd, -1);
+        m_stamp = o.m_stamp;
         m_kind = o.m_kind;
         m_size = o.m_size;
-        m_fileSize = o.m_fileSize;
         m_blockSize = o.m_blockSize;
         m_bitmapBytes = o.m_bitmapBytes;
+        m_blocks = o.m_blocks;
         m_uniqueId = o.m_uniqueId;
         m_parentId = o.m_parentId;
         m_parentName = std::move(o.m_parentName);
-        m_bat = std::move(o.m_bat);
+        m_dense = std::move(o.m_dense);
+        m_sparse = std::move(o.m_sparse);
     }
     return *this;
 }
@@ -110,6 +128,68 @@ void VhdImage::readAt(uint64_t offset, void* buffer, size_t length) const {
     }
 }
 
+// The fields of one footer copy, or what makes it unusable.
+struct VhdImage::Footer {
+    std::string field, why;  // empty when the copy is sound
+    uint32_t type = 0;
+    uint64_t dataOffset = 0, size = 0;
+    UniqueId id{};
+    bool sound() const { return field.empty(); }
+    static Footer parse(const uint8_t* p) {
+        Footer f;
+        if (std::memcmp(p, "conectix", 8) != 0) {
+            f.field = "cookie";
+            f.why = "not a VHD file (no \"conectix\" footer)";
+        } else if (be32(p + 64) != checksum(p, 512, 64)) {
+            f.field = "checksum";
+            f.why = "does not match the footer";
+        }
+        f.type = be32(p + 60);
+        f.dataOffset = be64(p + 16);
+        f.size = be64(p + 48);
+        std::memcpy(f.id.data(), p + 68, 16);
+        return f;
+    }
+};
+
+// A dynamic or differencing file keeps its footer twice, at the end and at
+// offset 0. One damaged copy is survivable (`note` says which one was used);
+// two sound copies that disagree mean someone edited one of them, and the
+// file cannot be trusted to be either disk.
+VhdImage::Footer VhdImage::chooseFooter(std::string& note) const {
+    uint8_t bytes[512];
+    readAt(m_stamp.size - 512, bytes, 512);
+    Footer tail = Footer::parse(bytes);
+    if (tail.sound() && tail.type != 3 && tail.type != 4) return tail;  // a fixed disk keeps no copy at its start
+    Footer head;
+    if (m_stamp.size >= 1024) {
+        readAt(0, bytes, 512);
+        head = Footer::parse(bytes);
+    } else {
+        head.field = "size";
+        head.why = "the file is too short to hold it";
+    }
+    if (!tail.sound()) {
+        if (!head.sound() || (head.type != 3 && head.type != 4)) fail("footer " + tail.field, tail.why);
+        note = "the footer at the end is damaged (" + tail.field + ": " + tail.why + "); using its copy at offset 0";
+        return head;
+    }
+    if (!head.sound()) {
+        note = "the footer copy at offset 0 is damaged (" + head.field + ": " + head.why + "); using the footer at the end";
+        return tail;
+    }
+    auto differs = [&](const char* field, const std::string& atStart, const std::string& atEnd) {
+        if (atStart != atEnd)
+            fail("footer copy at offset 0", std::string(field) + " " + atStart + " differs from the footer at the end (" +
+                                                atEnd + ")");
+    };
+    differs("current size", std::to_string(head.size), std::to_string(tail.size));
+    differs("disk type", std::to_string(head.type), std::to_string(tail.type));
+    differs("data offset", std::to_string(head.dataOffset), std::to_string(tail.dataOffset));
+    differs("unique id", uniqueIdText(head.id), uniqueIdText(tail.id));
+    return tail;
+}
+
 VhdImage VhdImage::open(const std::string& path, bool raw, uint64_t rawSize) {
     VhdImage img;
     img.m_path = path;
@@ -117,40 +197,40 @@ VhdImage VhdImage::open(const std::string& path, bool raw, uint64_t rawSize) {
     if (img.m_fd < 0) throw StoreError(path + ": " + std::strerror(errno));
     struct stat st;
     if (::fstat(img.m_fd, &st) != 0 || !S_ISREG(st.st_mode)) img.fail("file", "not a regular file");
-    img.m_fileSize = static_cast<uint64_t>(st.st_size);
+    img.m_stamp = FileStamp::of(st);
+    const uint64_t fileSize = img.m_stamp.size;
     if (raw) {
         img.m_kind = ImageKind::Raw;
-        if (img.m_fileSize == 0 && rawSize == 0) img.fail("size", "an empty image holds no disk");
-        if (img.m_fileSize % 512) img.fail("size", std::to_string(img.m_fileSize) + " bytes is not a whole number of 512-byte sectors");
-        img.m_size = rawSize ? rawSize : img.m_fileSize;
+        if (fileSize == 0 && rawSize == 0) img.fail("size", "an empty image holds no disk");
+        if (fileSize % 512) img.fail("size", std::to_string(fileSize) + " bytes is not a whole number of 512-byte sectors");
+        img.m_size = rawSize ? rawSize : fileSize;
         return img;
     }
-    if (img.m_fileSize < 512) img.fail("footer", "file of " + std::to_string(img.m_fileSize) + " bytes is too short for a VHD footer");
-    uint8_t footer[512];
-    img.readAt(img.m_fileSize - 512, footer, 512);
-    if (std::memcmp(footer, "conectix", 8) != 0) img.fail("footer cookie", "not a VHD file (no \"conectix\" footer)");
-    if (be32(footer + 64) != checksum(footer, 512, 64)) img.fail("footer checksum", "does not match the footer");
-    uint32_t type = be32(footer + 60);
-    img.m_size = be64(footer + 48);
-    std::memcpy(img.m_uniqueId.data(), footer + 68, 16);
+    if (fileSize < 512) img.fail("footer", "file of " + std::to_string(fileSize) + " bytes is too short for a VHD footer");
+    std::string note;
+    Footer footer = img.chooseFooter(note);
+    img.m_size = footer.size;
+    img.m_uniqueId = footer.id;
     if (img.m_size == 0 || img.m_size % 512 || img.m_size > kMaxVirtualSize)
         img.fail("current size", std::to_string(img.m_size) + " bytes is not a disk size this format allows");
-    if (type == 2) {
+    if (footer.type == 2) {
         img.m_kind = ImageKind::Fixed;
-        if (img.m_fileSize != img.m_size + 512)
+        if (fileSize != img.m_size + 512)
             img.fail("current size", "a fixed disk of " + std::to_string(img.m_size) + " bytes needs a file of " +
-                                         std::to_string(img.m_size + 512) + " bytes, not " + std::to_string(img.m_fileSize));
+                                         std::to_string(img.m_size + 512) + " bytes, not " + std::to_string(fileSize));
         return img;
     }
-    if (type != 3 && type != 4) img.fail("disk type", std::to_string(type) + " is not fixed (2), dynamic (3) or differencing (4)");
-    img.m_kind = type == 3 ? ImageKind::Dynamic : ImageKind::Differencing;
-    uint64_t headerOffset = be64(footer + 16);
-    img.readDynamic(headerOffset);
+    if (footer.type != 3 && footer.type != 4)
+        img.fail("disk type", std::to_string(footer.type) + " is not fixed (2), dynamic (3) or differencing (4)");
+    img.m_kind = footer.type == 3 ? ImageKind::Dynamic : ImageKind::Differencing;
+    img.readDynamic(footer.dataOffset);
+    // Said only of a file that is otherwise sound: a refused one gets one line.
+    if (!note.empty()) LogSink::write(0, "VhdImage", path + ": " + note);
     return img;
 }
 
 void VhdImage::readDynamic(uint64_t headerOffset) {
-    uint64_t end = m_fileSize - 512;  // the footer copy at the end
+    uint64_t end = m_stamp.size - 512;  // the footer at the end
     if (headerOffset < 512 || headerOffset > end || end - headerOffset < 1024)
         fail("data offset", std::to_string(headerOffset) + " does not point at a dynamic header inside the file");
     uint8_t h[1024];
@@ -168,51 +248,89 @@ void VhdImage::readDynamic(uint64_t headerOffset) {
     if (entries < needed)
         fail("max table entries", std::to_string(entries) + " blocks cannot hold a disk of " + std::to_string(m_size) + " bytes");
     if (entries > needed + (1u << 20)) fail("max table entries", std::to_string(entries) + " is absurd for this disk");
+    m_blocks = static_cast<uint32_t>(needed);
     uint64_t sectorsPerBlock = m_blockSize / 512;
     m_bitmapBytes = static_cast<uint32_t>(((sectorsPerBlock + 7) / 8 + 511) / 512 * 512);
     uint64_t tableBytes = uint64_t(entries) * 4;
     if (tableOffset < 512 || tableOffset > end || end - tableOffset < tableBytes)
         fail("table offset", "block allocation table at " + std::to_string(tableOffset) + " runs past the end of the file");
-    std::vector<uint8_t> table(tableBytes);
-    readAt(tableOffset, table.data(), tableBytes);
-    m_bat.resize(needed);
-    struct Range {
-        uint64_t start, end, block;
-    };
-    std::vector<Range> used = {{headerOffset, headerOffset + 1024, ~0ULL}, {tableOffset, tableOffset + tableBytes, ~0ULL}};
-    for (uint64_t b = 0; b < needed; ++b) {
-        uint32_t sector = be32(table.data() + b * 4);
-        m_bat[b] = sector;
-        if (sector == kUnallocated) continue;
-        uint64_t start = uint64_t(sector) * 512, stop = start + m_bitmapBytes + m_blockSize;
-        if (stop > end)
-            fail("block allocation table entry " + std::to_string(b),
-                 "block at " + std::to_string(start) + " runs past the end of the file (" + std::to_string(m_fileSize) + " bytes)");
-        used.push_back({start, stop, b});
-    }
-    std::sort(used.begin(), used.end(), [](const Range& a, const Range& b) { return a.start < b.start; });
-    for (size_t i = 1; i < used.size(); ++i)
-        if (used[i].start < used[i - 1].end) {
-            const Range& r = used[i].block != ~0ULL ? used[i] : used[i - 1];
-            fail("block allocation table entry " + std::to_string(r.block), "block overlaps another block or the table");
+    if (tableOffset < headerOffset + 1024 && headerOffset < tableOffset + tableBytes)
+        fail("table offset", "block allocation table at " + std::to_string(tableOffset) + " overlaps the dynamic header");
+    readTable(tableOffset, tableBytes, headerOffset);
+}
+
+// Reads the table a slice at a time and keeps only its allocated entries, so
+// that a huge table that holds little costs little, and one that claims more
+// blocks than the file has room for is refused as soon as it does.
+void VhdImage::readTable(uint64_t tableOffset, uint64_t tableBytes, uint64_t headerOffset) {
+    const uint64_t end = m_stamp.size - 512, span = uint64_t(m_bitmapBytes) + m_blockSize;
+    const uint64_t room = (end - 512) / span;  // blocks that fit between the two footers
+    const uint64_t most = std::min(room, kMaxAllocatedBlocks);
+    auto clash = [](uint64_t start, uint64_t stop, uint64_t from, uint64_t length) { return start < from + length && from < stop; };
+    std::vector<Allocation> allocated;
+    std::vector<uint8_t> slice;
+    for (uint64_t first = 0; first < m_blocks; first += kTableSlice) {
+        uint64_t n = std::min<uint64_t>(kTableSlice, m_blocks - first);
+        slice.resize(n * 4);
+        readAt(tableOffset + first * 4, slice.data(), slice.size());
+        for (uint64_t i = 0; i < n; ++i) {
+            uint32_t sector = be32(slice.data() + i * 4);
+            if (sector == kUnallocated) continue;
+            uint64_t b = first + i, start = uint64_t(sector) * 512, stop = start + span;
+            auto refuse = [&](const std::string& why) { fail("block allocation table entry " + std::to_string(b), why); };
+            if (stop > end)
+                refuse("block at " + std::to_string(start) + " runs past the end of the file (" + std::to_string(m_stamp.size) +
+                       " bytes)");
+            if (start < 512 || clash(start, stop, headerOffset, 1024) || clash(start, stop, tableOffset, tableBytes))
+                refuse("block overlaps the footer copy, the dynamic header or the table");
+            if (allocated.size() == most)
+                refuse(most == room ? "more allocated blocks than a file of " + std::to_string(m_stamp.size) +
+                                          " bytes can hold (" + std::to_string(room) + ")"
+                                    : "more than " + std::to_string(most) + " allocated blocks, the most a disk here may have");
+            allocated.emplace_back(static_cast<uint32_t>(b), sector);
         }
+    }
+    // In file order every block must end before the next one starts.
+    std::sort(allocated.begin(), allocated.end(), [](const Allocation& a, const Allocation& b) { return a.second < b.second; });
+    for (size_t i = 1; i < allocated.size(); ++i)
+        if (uint64_t(allocated[i].second - allocated[i - 1].second) * 512 < span)
+            fail("block allocation table entry " + std::to_string(allocated[i].first), "block overlaps another block");
+    std::sort(allocated.begin(), allocated.end());
+    if (uint64_t(m_blocks) * sizeof(uint32_t) <= std::max<uint64_t>(kDenseTableBytes, allocated.size() * sizeof(allocated[0]))) {
+        m_dense.assign(m_blocks, kUnallocated);
+        for (const auto& a : allocated) m_dense[a.first] = a.second;
+    } else {
+        allocated.shrink_to_fit();
+        m_sparse = std::move(allocated);
+    }
+}
+
+uint32_t VhdImage::sectorOf(uint64_t block) const {
+    if (block >= m_blocks) return kUnallocated;
+    if (!m_dense.empty()) return m_dense[block];
+    auto it = std::lower_bound(m_sparse.begin(), m_sparse.end(), block,
+                               [](const Allocation& e, uint64_t b) { return e.first < b; });
+    return it != m_sparse.end() && it->first == block ? it->second : kUnallocated;
 }
 
 bool VhdImage::isBlockAllocated(uint64_t block) const {
     if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) return true;
-    return block < m_bat.size() && m_bat[block] != kUnallocated;
+    return sectorOf(block) != kUnallocated;
 }
 
 uint64_t VhdImage::blockDataOffset(uint64_t block) const {
     if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) return 0;
-    return uint64_t(m_bat.at(block)) * 512 + m_bitmapBytes;
+    uint32_t sector = sectorOf(block);
+    if (sector == kUnallocated) fail("block " + std::to_string(block), "not allocated");
+    return uint64_t(sector) * 512 + m_bitmapBytes;
 }
 
 std::vector<uint8_t> VhdImage::readBlockBitmap(uint64_t block) const {
     std::vector<uint8_t> bitmap(m_bitmapBytes, 0);
     if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) return std::vector<uint8_t>(m_bitmapBytes, 0xFF);
-    if (!isBlockAllocated(block)) return bitmap;
-    readAt(uint64_t(m_bat[block]) * 512, bitmap.data(), m_bitmapBytes);
+    uint32_t sector = sectorOf(block);
+    if (sector == kUnallocated) return bitmap;
+    readAt(uint64_t(sector) * 512, bitmap.data(), m_bitmapBytes);
     return bitmap;
 }
 

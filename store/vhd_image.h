@@ -2,9 +2,12 @@
 // field read from a file is checked before it is used; a bad file is refused
 // with one line naming the file and the field.
 #pragma once
+#include <sys/stat.h>
+
 #include <array>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "store/store_error.h"
@@ -26,6 +29,18 @@ struct Piece {
     uint64_t block;
 };
 
+// What tells one state of a file from another: a file renamed over it, a
+// rewrite, a change of size.
+struct FileStamp {
+    uint64_t device = 0, inode = 0, size = 0;
+    int64_t mtimeNs = 0;
+    static FileStamp of(const struct stat& st);
+    bool operator==(const FileStamp& o) const {
+        return device == o.device && inode == o.inode && size == o.size && mtimeNs == o.mtimeNs;
+    }
+    bool operator!=(const FileStamp& o) const { return !(*this == o); }
+};
+
 class VhdImage {
 public:
     // Opens and validates the whole file; throws StoreError. A raw image's
@@ -40,13 +55,15 @@ public:
     const std::string& path() const { return m_path; }
     ImageKind kind() const { return m_kind; }
     uint64_t virtualSize() const { return m_size; }
-    uint64_t fileSize() const { return m_fileSize; }
+    uint64_t fileSize() const { return m_stamp.size; }
+    // The file as it was when it was opened and checked.
+    const FileStamp& stamp() const { return m_stamp; }
     uint32_t blockSize() const { return m_blockSize; }  // 0 for raw and fixed
     uint32_t bitmapBytes() const { return m_bitmapBytes; }
     const UniqueId& uniqueId() const { return m_uniqueId; }
     const UniqueId& parentUniqueId() const { return m_parentId; }
     const std::string& parentName() const { return m_parentName; }
-    uint32_t blockCount() const { return static_cast<uint32_t>(m_bat.size()); }
+    uint32_t blockCount() const { return m_blocks; }
     bool isBlockAllocated(uint64_t block) const;
     // File offset of the block's first data sector (after its bitmap).
     uint64_t blockDataOffset(uint64_t block) const;
@@ -62,21 +79,33 @@ public:
     bool holdsAny(uint64_t offset, uint64_t length) const;
 
 private:
+    struct Footer;
+    using Allocation = std::pair<uint32_t, uint32_t>;  // (block, its first sector in the file)
     VhdImage() = default;
-    void fail(const std::string& field, const std::string& why) const;
+    [[noreturn]] void fail(const std::string& field, const std::string& why) const;
+    Footer chooseFooter(std::string& note) const;
     void readDynamic(uint64_t headerOffset);
+    void readTable(uint64_t tableOffset, uint64_t tableBytes, uint64_t headerOffset);
+    // The block's first sector in the file, or 0xFFFFFFFF when unallocated.
+    uint32_t sectorOf(uint64_t block) const;
 
     std::string m_path;
     int m_fd = -1;
+    FileStamp m_stamp;
     ImageKind m_kind = ImageKind::Raw;
     uint64_t m_size = 0;
-    uint64_t m_fileSize = 0;
     uint32_t m_blockSize = 0;
     uint32_t m_bitmapBytes = 0;
+    uint32_t m_blocks = 0;
     UniqueId m_uniqueId{};
     UniqueId m_parentId{};
     std::string m_parentName;
-    std::vector<uint32_t> m_bat;  // sector offsets; 0xFFFFFFFF unallocated
+    // The block table: whole (sector per block) when that is no larger than
+    // the allocated entries alone, otherwise only the allocated entries as
+    // (block, sector) sorted by block. A sparse table of a huge disk then
+    // costs what it holds, not what it could hold.
+    std::vector<uint32_t> m_dense;
+    std::vector<Allocation> m_sparse;
 };
 
 }  // namespace zxblk

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# An import that dies at any of its steps leaves a store that lists as it was
+# (or as the finished import), that the next import of the same snapshots
+# accepts without help, and that then exports right.
+set -euo pipefail
+zxblk=$1 chain=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "FAIL: $*"; exit 1; }
+
+"$chain" "$work" $((4 * 1048576)) 1048576 2 41 >/dev/null
+for step in copied renamed renamed-all catalog-written saved; do
+  for kind in new added; do  # a new disk's chain, or snapshots added to a disk already there
+    store="$work/$step-$kind"
+    images=("$work/snap1.vhd" "$work/snap2.vhd")
+    before=1
+    if [ "$kind" = added ]; then
+      "$zxblk" import --store "$store" --disk d "$work/snap0.vhd" >/dev/null
+    else
+      images=("$work/snap0.vhd" "${images[@]}")
+      before=0
+    fi
+    rc=0
+    ZXBLK_IMPORT_DIE_AT=$step "$zxblk" import --store "$store" --disk d "${images[@]}" >/dev/null 2>&1 || rc=$?
+    [ "$rc" = 9 ] || fail "$step, $kind disk: the import did not die at that step (exit $rc)"
+    "$zxblk" list --store "$store" >"$work/list" 2>"$work/err" || { cat "$work/err"; fail "$step, $kind disk: list refused"; }
+    listed=$(grep -c "^  snapshot" "$work/list" || true)
+    want=$before
+    [ "$step" = saved ] && want=3
+    [ "$listed" = "$want" ] || { cat "$work/list"; fail "$step, $kind disk: $listed snapshots listed, not $want"; }
+    if [ "$step" != saved ]; then
+      "$zxblk" import --store "$store" --disk d "${images[@]}" >/dev/null 2>"$work/err" ||
+        { cat "$work/err"; fail "$step, $kind disk: the next import was refused"; }
+    fi
+    left=$(ls -A "$store/snapshots" | grep -vxE 'd-snap[012]\.vhd' || true)
+    [ -z "$left" ] || fail "$step, $kind disk: left in the store: $left"
+    "$zxblk" export --store "$store" --disk d --out "$work/out" --cache "$work/cache-$step-$kind" >/dev/null 2>"$work/err" ||
+      { cat "$work/err"; fail "$step, $kind disk: export failed"; }
+    cmp "$work/out" "$work/snap2.raw" || fail "$step, $kind disk: the export differs from the plan"
+    echo "ok: killed at $step ($kind disk): store repaired by the next import, exports right"
+  done
+done

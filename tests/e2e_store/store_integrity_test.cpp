@@ -1,0 +1,266 @@
+// The store trusts nothing on disk: a catalog that breaks the store's own
+// invariants is refused on load (and by import, leaving it as it was), and a
+// snapshot file that is not the one its record describes fails the recall
+// that opens it, also when it changes after it was opened.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "platform/DMRService/RestoreTarget.h"
+#include "platform/Log.h"
+#include "store/catalog.h"
+#include "store/importer.h"
+#include "store/store_services.h"
+#include "support/vhd_writer.h"
+
+namespace {
+
+using nlohmann::json;
+
+struct NullTarget : CRestoreTarget {
+    CUxError Open(void*) override { return CUxError(); }
+    CUxError Write(const void*, unsigned) override { return CUxError(); }
+    CUxError WriteHole(unsigned) override { return CUxError(); }
+    CUxError Flush() override { return CUxError(); }
+    CUxError Close(bool) override { return CUxError(); }
+    bool Exists() override { return false; }
+};
+
+struct Completion {
+    std::mutex m;
+    std::condition_variable c;
+    bool done = false;
+    DMRestoreCompleted_t result;
+    static void callback(void* ctx, DMRestoreCompleted_t* d) {
+        auto* self = static_cast<Completion*>(ctx);
+        std::lock_guard<std::mutex> lock(self->m);
+        self->result = *d;
+        self->done = true;
+        self->c.notify_all();
+    }
+};
+
+std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void run(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
+
+// A store with disk "d" (a base and two differencing snapshots) and disk "e"
+// (another chain of the same size), made once per test; each case works on a
+// copy of it.
+class StoreIntegrityTest : public testing::Test {
+protected:
+    void SetUp() override {
+        dir = std::string(testing::TempDir()) + "integrity_" + std::to_string(getpid());
+        run("rm -rf '" + dir + "' && mkdir -p '" + dir + "/d' '" + dir + "/e'");
+        vhdtest::ChainPlan plan;
+        plan.size = 4 << 20;
+        plan.blockSize = 1 << 20;
+        plan.children = 2;
+        plan.seed = 61;
+        auto d = vhdtest::writeChain(dir + "/d", plan);
+        plan.children = 1;
+        plan.seed = 62;
+        auto e = vhdtest::writeChain(dir + "/e", plan);
+        zxblk::importImages(pristine(), "d", {d[0].vhd, d[1].vhd, d[2].vhd}, zxblk::ImportOptions());
+        zxblk::importImages(pristine(), "e", {e[0].vhd}, zxblk::ImportOptions());
+        spare = e[1].vhd;
+    }
+    void TearDown() override { std::system(("rm -rf '" + dir + "'").c_str()); }
+    std::string pristine() const { return dir + "/pristine"; }
+    std::string store() const { return dir + "/store"; }
+    void freshStore() { run("rm -rf '" + store() + "' && cp -a '" + pristine() + "' '" + store() + "'"); }
+    json catalog() const { return json::parse(slurp(zxblk::catalogPath(store()))); }
+    void putCatalog(const json& j) const { std::ofstream(zxblk::catalogPath(store()), std::ios::trunc) << j.dump(2); }
+    // A catalog as written before the per-copy sizes and parent ids were kept.
+    void dropRecordedFields(json& j) const {
+        for (json& d : j["disks"])
+            for (json& c : d["copies"]) c.erase("size"), c.erase("fileSize"), c.erase("parentUniqueId");
+    }
+    std::string snapshot(const std::string& name) const { return store() + "/snapshots/" + name; }
+
+    std::string dir, spare;
+};
+
+TEST_F(StoreIntegrityTest, LoaderRefusesCatalogsThatBreakTheStoresInvariants) {
+    struct Case {
+        const char* what;
+        std::function<void(json&)> edit;
+        const char* expected;  // after "<catalog>: "
+    };
+    const Case cases[] = {
+        {"a disk without snapshots", [](json& j) { j["disks"][1]["copies"] = json::array(); },
+         "disks[1].copies: disk 'e' has no snapshot"},
+        {"a disk name twice", [](json& j) { j["disks"][1]["name"] = "d"; }, "disks[1].name: 'd' is also the name of disks[0]"},
+        {"a disk id twice", [](json& j) { j["disks"][1]["diskId"] = j["disks"][0]["diskId"]; }, "disks[1].diskId: "},
+        {"an archive file id twice",
+         [](json& j) { j["disks"][1]["copies"][0]["archiveFileId"] = j["disks"][0]["copies"][2]["archiveFileId"]; },
+         "disks[1].copies[0].archiveFileId: '3' is also the archive file id of disks[0].copies[2]"},
+        {"the archive file id counter wound back", [](json& j) { j["nextArchiveFileId"] = 2; },
+         "nextArchiveFileId: 2 is not above archive file id 4, which is in use"},
+        {"the disk id counter wound back", [](json& j) { j["nextDiskId"] = 1; }, "nextDiskId: 1 is not above disk id 2"},
+        {"a disk size that is not its snapshots'", [](json& j) { j["disks"][0]["size"] = 8 << 20; },
+         "disks[0].copies[0].size: 4194304 bytes, but disk 'd' has 8388608"},
+        {"a snapshot appended twice", [](json& j) { j["disks"][0]["copies"].push_back(j["disks"][0]["copies"][2]); },
+         "disks[0].copies[3].file: snapshots/d-snap2.vhd is also the file of disks[0].copies[2]"},
+        {"one file for two snapshots", [](json& j) { j["disks"][1]["copies"][0]["file"] = "snapshots//d-snap0.vhd"; },
+         "disks[1].copies[0].file: snapshots//d-snap0.vhd is also the file of disks[0].copies[0]"},
+        {"a unique id twice in a chain",
+         [](json& j) { j["disks"][0]["copies"][2]["uniqueId"] = j["disks"][0]["copies"][1]["uniqueId"]; },
+         "disks[0].copies[2].uniqueId: "},
+        {"a wrong unique id", [](json& j) { j["disks"][0]["copies"][1]["uniqueId"] = "00000000-0000-0000-0000-000000000001"; },
+         "disks[0].copies[2].parentUniqueId: "},
+        {"a browse path twice",
+         [](json& j) { j["disks"][1]["copies"][0]["browsePath"] = j["disks"][0]["copies"][0]["browsePath"]; },
+         "disks[1].copies[0].browsePath: "},
+        {"a differencing snapshot first", [](json& j) { j["disks"][0]["copies"].erase(0); },
+         "disks[0].copies[0].type: the oldest snapshot of a disk cannot be a differencing VHD"},
+        {"a full image after a differencing one",
+         [](json& j) {
+             j["disks"][0]["copies"][2]["type"] = zxblk::kTypeDynamic;
+             j["disks"][0]["copies"][2]["storedExtentSize"] = 1 << 20;
+         },
+         "disks[0].copies[2].type: a newer snapshot of a disk must be a differencing VHD"},
+    };
+    freshStore();
+    const json good = catalog();
+    for (const Case& c : cases) {
+        json j = good;
+        c.edit(j);
+        putCatalog(j);
+        const std::string before = slurp(zxblk::catalogPath(store()));
+        std::string expected = zxblk::catalogPath(store()) + ": " + c.expected;
+        try {
+            zxblk::Catalog::load(store());
+            ADD_FAILURE() << c.what << ": loaded";
+        } catch (const zxblk::StoreError& e) {
+            EXPECT_EQ(std::string(e.what()).find(expected), 0u) << c.what << ": " << e.what();
+            EXPECT_EQ(std::string(e.what()).find('\n'), std::string::npos) << c.what;
+        }
+        // An import into such a store is refused the same way and leaves it as it was.
+        try {
+            zxblk::importImages(store(), "e", {spare}, zxblk::ImportOptions());
+            ADD_FAILURE() << c.what << ": imported into";
+        } catch (const zxblk::StoreError& e) {
+            EXPECT_EQ(std::string(e.what()).find(expected), 0u) << c.what << ": " << e.what();
+        }
+        EXPECT_EQ(slurp(zxblk::catalogPath(store())), before) << c.what;
+    }
+    // A catalog written before the per-copy records were kept still loads,
+    // and a new snapshot can be added to it.
+    json old = good;
+    dropRecordedFields(old);
+    putCatalog(old);
+    zxblk::Catalog loaded = zxblk::Catalog::load(store());
+    EXPECT_EQ(loaded.disks.at(0).copies.at(2).fileSize, 0u);
+    zxblk::importImages(store(), "e", {spare}, zxblk::ImportOptions());
+    zxblk::Catalog after = zxblk::Catalog::load(store());
+    const zxblk::CopyRecord& added = after.findDisk("e")->copies.at(1);
+    EXPECT_EQ(added.parentUniqueId, loaded.findDisk("e")->copies.at(0).uniqueId);
+    EXPECT_EQ(added.size, 4u << 20);
+}
+
+TEST_F(StoreIntegrityTest, NewIdsAreAboveEveryIdInUseWhateverTheCounters) {
+    freshStore();
+    zxblk::Catalog c = zxblk::Catalog::load(store());
+    c.nextArchiveFileId = 1;  // as a catalog edited by hand, or restored from an old copy, may say
+    c.nextDiskId = 1;
+    EXPECT_EQ(c.takeArchiveFileId(), 5u);  // four copies, ids 1 to 4
+    EXPECT_EQ(c.takeArchiveFileId(), 6u);
+    EXPECT_EQ(c.nextArchiveFileId, 7u);
+    EXPECT_EQ(c.takeDiskId(), 3u);
+    c.nextArchiveFileId = 40;
+    EXPECT_EQ(c.takeArchiveFileId(), 40u);  // a counter ahead of the ids is kept
+}
+
+TEST_F(StoreIntegrityTest, RecallRefusesASnapshotFileThatIsNotItsRecord) {
+    struct Case {
+        const char* what;
+        bool editsCatalog;  // the services are opened after the change, not before
+        std::function<void()> change;
+        const char* file;  // the snapshot file whose recall fails, named in the error
+        const char* field;
+    };
+    auto catalogEdit = [this](std::function<void(json&)> edit) {
+        return [this, edit] {
+            json j = catalog();
+            dropRecordedFields(j);  // a catalog that cannot tell by itself
+            edit(j);
+            putCatalog(j);
+        };
+    };
+    const Case cases[] = {
+        {"the newest snapshot replaced by its parent", false,
+         [this] { run("cp '" + snapshot("d-snap1.vhd") + "' '" + snapshot("d-snap2.vhd") + "'"); }, "d-snap2.vhd",
+         "unique id: the catalog records "},
+        {"two snapshot files swapped", false,
+         [this] {
+             run("cd '" + store() + "/snapshots' && mv d-snap1.vhd x && mv d-snap2.vhd d-snap1.vhd && mv x d-snap2.vhd");
+         },
+         "d-snap2.vhd", "unique id: the catalog records "},
+        {"another disk's file", false, [this] { run("cp '" + snapshot("e-snap0.vhd") + "' '" + snapshot("d-snap0.vhd") + "'"); },
+         "d-snap0.vhd", "unique id: the catalog records "},
+        {"bytes appended", false,
+         [this] { run("tail -c 512 '" + snapshot("d-snap2.vhd") + "' >>'" + snapshot("d-snap2.vhd") + "'"); }, "d-snap2.vhd",
+         "file size: the catalog records "},
+        {"the disk size edited", true, catalogEdit([](json& j) { j["disks"][0]["size"] = 8 << 20; }), "d-snap2.vhd",
+         "current size: the catalog records 8388608 bytes, the file has 4194304 bytes"},
+        {"the newest unique id edited", true,
+         catalogEdit([](json& j) { j["disks"][0]["copies"][2]["uniqueId"] = "00000000-0000-0000-0000-000000000001"; }),
+         "d-snap2.vhd", "unique id: the catalog records 00000000-0000-0000-0000-000000000001, the file has "},
+        {"a base unique id edited", true,
+         catalogEdit([](json& j) { j["disks"][0]["copies"][0]["uniqueId"] = "00000000-0000-0000-0000-000000000002"; }),
+         "d-snap1.vhd", "parent unique id: the catalog records 00000000-0000-0000-0000-000000000002, the file has "},
+    };
+    zxblk::LogCapture log;
+    for (const Case& c : cases) {
+        freshStore();
+        std::string file = c.file;
+        std::string path = "/localhost/default/" + file.substr(0, 1) + "/snap" + file.substr(6, 1);
+        std::string expected = snapshot(c.file) + ": " + c.field;
+        auto services = zxblk::StoreServices::open(store());
+        // Every file opened and checked, and a recall of the copy prepared, before the change.
+        unsigned long long first = 0, second = 0, k = 0;
+        for (const char* p : {"/localhost/default/d/snap0", "/localhost/default/d/snap1", "/localhost/default/d/snap2"})
+            ASSERT_LE(services->lookup(SCParams(), p, 0, first, second), 1) << c.what;
+        while (services->lookup(SCParams(), path, k, first, second) == 1) ++k;
+        ASSERT_LT(k, 4u) << c.what << ": no extent of " << path << " is held";
+        c.change();
+        if (c.editsCatalog) services = zxblk::StoreServices::open(store());
+        log.clear();
+        unsigned long long f2, s2;
+        EXPECT_EQ(services->lookup(SCParams(), path, k, f2, s2), 3) << c.what;
+        bool named = false;
+        for (const zxblk::LogLine& l : log.lines()) named = named || l.text.find(expected) != std::string::npos;
+        EXPECT_TRUE(named) << c.what << ": no log line with " << expected;
+
+        // The restore service refuses the recall itself, with the same line.
+        std::string extent = path + "/Extent" + std::to_string(k);
+        Completion done;
+        zxblk::RecallJob job;
+        job.srcPath = "1:2:0:" + std::to_string(first) + ":" + std::to_string(second) + ":1:" + std::to_string(extent.size()) +
+                      ":" + extent;
+        job.target = boost::shared_ptr<NullTarget>(new NullTarget());
+        job.callback = &Completion::callback;
+        job.context = &done;
+        std::string why;
+        ASSERT_TRUE(services->submit(job, why)) << why;
+        std::unique_lock<std::mutex> lock(done.m);
+        done.c.wait(lock, [&] { return done.done; });
+        EXPECT_NE(done.result.status, 0) << c.what;
+        EXPECT_EQ(done.result.error.find(expected), 0u) << c.what << ": " << done.result.error;
+    }
+}
+
+}  // namespace
