@@ -33,10 +33,17 @@ SqliteIndexService::SqliteIndexService(const std::string& storeDir) : m_path(sto
         throw StoreError(m_path + ": cannot open the index: " + why);
     }
     sqlite3_busy_timeout(m_db, 5000);
+}
+
+// The table is made when the first update comes: a process that only reads
+// a disk (an export) writes nothing to the index, and syncs nothing of it.
+void SqliteIndexService::makeTable() {
+    if (m_tableMade) return;
     exec("CREATE TABLE IF NOT EXISTS extent_flags ("
          " disk TEXT NOT NULL, disk_id INTEGER NOT NULL, snapshot INTEGER NOT NULL, extent INTEGER NOT NULL,"
          " kind TEXT NOT NULL, reports INTEGER NOT NULL, first_seen TEXT NOT NULL, last_seen TEXT NOT NULL,"
          " PRIMARY KEY (disk, snapshot, extent, kind))");
+    m_tableMade = true;
 }
 
 SqliteIndexService::~SqliteIndexService() { sqlite3_close(m_db); }
@@ -69,6 +76,7 @@ int SqliteIndexService::update(const databrowse::BrowseRequest& browse, const In
     }
     std::lock_guard<std::mutex> lock(m_mutex);
     try {
+        makeTable();
         exec("BEGIN IMMEDIATE");
     } catch (const StoreError& e) {
         LogSink::write(kLevelError, "SqliteIndexService", e.what());
@@ -114,6 +122,8 @@ std::vector<IndexRow> SqliteIndexService::rows(const std::string& disk, int64_t 
                 " WHERE disk = ?1 AND (?2 < 0 OR snapshot = ?2) AND (?3 = '' OR kind = ?3)"
                 " ORDER BY snapshot, kind, extent");
     std::vector<IndexRow> out;
+    if (!q.s && !m_tableMade && std::string(sqlite3_errmsg(m_db)).find("no such table") != std::string::npos)
+        return out;  // nothing was ever reported to this store
     if (!q.s) throw StoreError(m_path + ": " + sqlite3_errmsg(m_db));
     sqlite3_bind_text(q.s, 1, disk.c_str(), -1, SQLITE_TRANSIENT);
     sqlite3_bind_int64(q.s, 2, snapshot);

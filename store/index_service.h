@@ -37,6 +37,8 @@ public:
 
 private:
     void exec(const char* sql);
+    void makeTable();
+    bool m_tableMade = false;
     std::mutex m_mutex;
     sqlite3* m_db = nullptr;
     std::string m_path;
