@@ -12,8 +12,8 @@ PACKAGES=(
   cmake make g++ clang libclang-rt-14-dev pkg-config
   libboost-dev libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libcli11-dev libsqlite3-dev sqlite3
-  libfuse3-dev fuse3 nbdkit nbdkit-plugin-dev libnbd-bin
-  qemu-utils libvhdi-utils e2fsprogs python3
+  libfuse3-dev fuse3 nbdkit nbdkit-plugin-dev libnbd-bin libxxhash-dev
+  qemu-utils libvhdi-utils e2fsprogs python3 strace
 )
 
 say() { printf '==> %s\n' "$*"; }

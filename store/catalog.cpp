@@ -194,6 +194,14 @@ Catalog Catalog::load(const std::string& storeDir) {
             cr.size = r.optionalU64(copies[k], "size", cw, 2040ULL << 30);
             cr.fileSize = r.optionalU64(copies[k], "fileSize", cw, UINT64_MAX);
             cr.parentUniqueId = r.optionalStr(copies[k], "parentUniqueId", cw);
+            cr.sums = r.optionalStr(copies[k], "sums", cw);
+            cr.sumsChecksum = r.optionalStr(copies[k], "sumsChecksum", cw);
+            if (!cr.sums.empty() && (cr.sums[0] == '/' || cr.sums.find("..") != std::string::npos))
+                r.fail(cw + "sums", "must name a file inside the store");
+            bool hex = cr.sumsChecksum.size() == 16 &&
+                       cr.sumsChecksum.find_first_not_of("0123456789abcdef") == std::string::npos;
+            if (cr.sums.empty() ? !cr.sumsChecksum.empty() : !hex)
+                r.fail(cw + "sumsChecksum", cr.sums.empty() ? "given without a sums file" : "not 16 hex digits");
             if (cr.type < kTypeRaw || cr.type > kTypeDifferencing) r.fail(cw + "type", "unknown disk type code");
             if (cr.copyExtentLength() != d.extentSize) r.fail(cw + "storedExtentSize", "does not match the disk's extent size");
             if (cr.file.empty() || cr.file[0] == '/' || cr.file.find("..") != std::string::npos)
@@ -239,6 +247,7 @@ void Catalog::save(const std::string& storeDir, const std::function<void()>& bef
             if (c.size) cj["size"] = c.size;
             if (c.fileSize) cj["fileSize"] = c.fileSize;
             if (!c.parentUniqueId.empty()) cj["parentUniqueId"] = c.parentUniqueId;
+            if (!c.sums.empty()) cj["sums"] = c.sums, cj["sumsChecksum"] = c.sumsChecksum;
             dj["copies"].push_back(cj);
         }
         j["disks"].push_back(dj);

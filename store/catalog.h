@@ -31,6 +31,11 @@ struct CopyRecord {
     uint64_t size = 0;            // the disk size the file presents
     uint64_t fileSize = 0;        // bytes of the file itself
     std::string parentUniqueId;   // of a differencing VHD: the previous snapshot's uniqueId
+    // The side file with the checksums of the file's blocks, and the XXH3 of
+    // that side file (16 hex digits). Empty in a catalog written before they
+    // were kept: such a copy is served unchecked.
+    std::string sums;
+    std::string sumsChecksum;
     // The extent length the provider works with for this copy.
     int64_t copyExtentLength() const { return storedExtentSize - (type == kTypeDifferencing ? 512 : 0); }
 };

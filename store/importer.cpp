@@ -55,12 +55,15 @@ void removeLeftovers(const std::string& storeDir, const Catalog& catalog) {
     struct stat st;
     for (const DiskRecord& d : catalog.disks)
         for (const CopyRecord& c : d.copies)
-            if (::stat((storeDir + "/" + c.file).c_str(), &st) == 0) named.emplace(st.st_dev, st.st_ino);
-    std::error_code ec;
-    for (const auto& entry : std::filesystem::directory_iterator(storeDir + "/snapshots", ec)) {
-        std::string path = entry.path().string();
-        if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || named.count({st.st_dev, st.st_ino})) continue;
-        if (::unlink(path.c_str()) == 0) LogSink::write(0, kTag, path + ": removed, left by an import that did not finish");
+            for (const std::string* file : {&c.file, &c.sums})
+                if (!file->empty() && ::stat((storeDir + "/" + *file).c_str(), &st) == 0) named.emplace(st.st_dev, st.st_ino);
+    for (const char* folder : {"/snapshots", "/sums"}) {
+        std::error_code ec;
+        for (const auto& entry : std::filesystem::directory_iterator(storeDir + folder, ec)) {
+            std::string path = entry.path().string();
+            if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || named.count({st.st_dev, st.st_ino})) continue;
+            if (::unlink(path.c_str()) == 0) LogSink::write(0, kTag, path + ": removed, left by an import that did not finish");
+        }
     }
 }
 
@@ -114,6 +117,39 @@ uint64_t copyFile(const std::string& from, const std::string& to) {
     return static_cast<uint64_t>(at);
 }
 
+void writeWhole(const std::string& path, const std::string& bytes) {
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) throw StoreError(path + ": " + std::strerror(errno));
+    for (size_t done = 0; done < bytes.size();) {
+        ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            int err = errno;
+            ::close(fd);
+            throw StoreError(path + ": " + std::strerror(err));
+        }
+        done += static_cast<size_t>(n);
+    }
+    if (::fsync(fd) != 0) {
+        int err = errno;
+        ::close(fd);
+        throw StoreError(path + ": " + std::strerror(err));
+    }
+    ::close(fd);
+}
+
+// Taken from the image as it was checked: a source that changes while it is
+// copied then fails the verification of the blocks that changed, rather
+// than being vouched for.
+BlockSums sumsOf(const VhdImage& img, const std::string& name) {
+    BlockSums sums;
+    sums.fileName = name;
+    sums.unitBytes = img.sumUnitBytes();
+    sums.units = img.sumUnits();
+    for (uint64_t u = img.nextHeldUnit(0); u < sums.units; u = img.nextHeldUnit(u + 1)) sums.entries.push_back({u, img.sumOf(u)});
+    return sums;
+}
+
 std::string now() {
     std::time_t t = std::time(nullptr);
     char buf[32];
@@ -137,8 +173,9 @@ std::vector<std::string> importImages(const std::string& storeDir, const std::st
     if (options.extentSize < 65536 || options.extentSize > (2 << 20) || (options.extentSize & (options.extentSize - 1)))
         throw StoreError("extent size " + std::to_string(options.extentSize) + ": not a power of two from 64 KiB to 2 MiB");
     if (::mkdir(storeDir.c_str(), 0755) != 0 && errno != EEXIST) throw StoreError(storeDir + ": " + std::strerror(errno));
-    if (::mkdir((storeDir + "/snapshots").c_str(), 0755) != 0 && errno != EEXIST)
-        throw StoreError(storeDir + "/snapshots: " + std::strerror(errno));
+    for (const char* folder : {"/snapshots", "/sums"})
+        if (::mkdir((storeDir + folder).c_str(), 0755) != 0 && errno != EEXIST)
+            throw StoreError(storeDir + folder + ": " + std::strerror(errno));
     StoreLock lock(storeDir);
     Catalog catalog = Catalog::load(storeDir);
 
@@ -214,15 +251,23 @@ std::vector<std::string> importImages(const std::string& storeDir, const std::st
             struct stat st;
             if (::stat(final.c_str(), &st) == 0)
                 throw StoreError(final + ": already exists, named by the catalog for another snapshot");
+            std::string sums = sumsOf(img, name).serialize();
             written.emplace_back(final + ".partial", final);
             uint64_t copied = copyFile(img.path(), written.back().first);
             if (copied != img.fileSize())
                 throw StoreError(img.path() + ": file size: " + std::to_string(img.fileSize()) + " bytes when checked, " +
                                  std::to_string(copied) + " when copied; it changed during the import");
+            std::string sumsFinal = storeDir + "/sums/" + name + ".sums";
+            if (::stat(sumsFinal.c_str(), &st) == 0)
+                throw StoreError(sumsFinal + ": already exists, named by the catalog for another snapshot");
+            written.emplace_back(sumsFinal + ".partial", sumsFinal);
+            writeWhole(written.back().first, sums);
             dieAt("copied");
             CopyRecord copy;
             copy.browsePath = "/" + clientName + "/" + sub.name + "/" + diskName + "/snap" + std::to_string(index);
             copy.file = "snapshots/" + name;
+            copy.sums = "sums/" + name + ".sums";
+            copy.sumsChecksum = sumText(xxh3(sums.data(), sums.size()));
             copy.type = typeCode(img.kind());
             copy.storedExtentSize = disk.extentSize + (copy.type == kTypeDifferencing ? 512 : 0);
             copy.archiveFileId = catalog.takeArchiveFileId();
@@ -241,6 +286,7 @@ std::vector<std::string> importImages(const std::string& storeDir, const std::st
         }
         // The new names reach the disk before the catalog that refers to them.
         syncFolder(storeDir + "/snapshots");
+        syncFolder(storeDir + "/sums");
         dieAt("renamed-all");
         if (!existing) catalog.disks.push_back(fresh);
         catalog.save(storeDir, [] { dieAt("catalog-written"); });

@@ -1,6 +1,8 @@
 #include "store/store_services.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -143,7 +145,63 @@ static void checkAgainstRecord(const VhdImage& img, const DiskRecord& disk, size
         mismatch("file size", std::to_string(copy.fileSize) + " bytes", std::to_string(img.fileSize()) + " bytes");
 }
 
-std::shared_ptr<VhdImage> StoreServices::image(const CopyRecord& copy) {
+std::shared_ptr<const BlockSums> loadBlockSums(const std::string& storeDir, const CopyRecord& copy, const VhdImage& img) {
+    if (copy.sums.empty()) return nullptr;
+    std::string path = storeDir + "/" + copy.sums;
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) throw StoreError(path + ": " + std::strerror(errno));
+    struct stat st;
+    // Never more than a header and one entry per block of the image.
+    uint64_t most = 4096 + 64 + 24 * img.sumUnits();
+    std::string bytes;
+    if (::fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) <= most) {
+        bytes.resize(static_cast<size_t>(st.st_size));
+        size_t done = 0;
+        while (done < bytes.size()) {
+            ssize_t n = ::pread(fd, &bytes[done], bytes.size() - done, static_cast<off_t>(done));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            done += static_cast<size_t>(n);
+        }
+        bytes.resize(done);
+    } else {
+        ::close(fd);
+        throw StoreError(path + ": size: larger than the checksums of " + std::to_string(img.sumUnits()) + " blocks");
+    }
+    ::close(fd);
+    std::string found = sumText(xxh3(bytes.data(), bytes.size()));
+    if (found != copy.sumsChecksum)
+        throw StoreError(path + ": checksum: the catalog records " + copy.sumsChecksum + ", the file has " + found);
+    auto sums = std::make_shared<BlockSums>(BlockSums::parse(bytes, path));
+    std::string base = copy.file.substr(copy.file.rfind('/') + 1);
+    if (sums->fileName != base) throw StoreError(path + ": file name: holds the checksums of " + sums->fileName + ", not " + base);
+    if (sums->unitBytes != img.sumUnitBytes() || sums->units != img.sumUnits())
+        throw StoreError(path + ": block size: " + std::to_string(sums->units) + " blocks of " +
+                         std::to_string(sums->unitBytes) + " bytes, but " + img.path() + " has " +
+                         std::to_string(img.sumUnits()) + " of " + std::to_string(img.sumUnitBytes()));
+    return sums;
+}
+
+std::shared_ptr<VhdImage> openCopyImage(const std::string& storeDir, const DiskRecord& disk, size_t index) {
+    const CopyRecord& copy = disk.copies.at(index);
+    auto img = std::make_shared<VhdImage>(VhdImage::open(storeDir + "/" + copy.file, copy.type == kTypeRaw, disk.size));
+    checkAgainstRecord(*img, disk, index);
+    // A bad side file fails the recalls of this file, not the lookups that
+    // tell which copy holds an extent.
+    try {
+        img->attachSums(loadBlockSums(storeDir, copy, *img));
+    } catch (const StoreError& e) {
+        img->attachSums(nullptr, e.what());
+    }
+    return img;
+}
+
+std::shared_ptr<VhdImage> StoreServices::image(const CopyRecord& copy, bool recheck) {
+    if (!recheck) {
+        std::lock_guard<std::mutex> lock(m_imagesMutex);
+        auto it = m_images.find(copy.archiveFileId);
+        if (it != m_images.end()) return it->second;
+    }
     const DiskRecord* disk;
     const CopyRecord* found;
     if (!m_catalog.findCopy(copy.archiveFileId, &disk, &found))
@@ -157,8 +215,7 @@ std::shared_ptr<VhdImage> StoreServices::image(const CopyRecord& copy) {
     auto it = m_images.find(copy.archiveFileId);
     if (it != m_images.end() && statted && it->second->stamp() == FileStamp::of(st)) return it->second;
     if (it != m_images.end()) m_images.erase(it);
-    auto img = std::make_shared<VhdImage>(VhdImage::open(path, copy.type == kTypeRaw, disk->size));
-    checkAgainstRecord(*img, *disk, static_cast<size_t>(found - disk->copies.data()));
+    auto img = openCopyImage(m_dir, *disk, static_cast<size_t>(found - disk->copies.data()));
     m_images[copy.archiveFileId] = img;
     return img;
 }
@@ -198,7 +255,9 @@ int StoreServices::lookup(const SCParams&, const std::string& path, unsigned lon
 bool StoreServices::holdsData(const DiskRecord& disk, int snapshot, uint64_t offset, uint64_t length) {
     try {
         for (int i = std::min<int>(snapshot, static_cast<int>(disk.copies.size()) - 1); i >= 0; --i)
-            if (image(disk.copies[i])->holdsAny(offset, length)) return true;
+            // Which blocks a file allocates is asked per extent ahead of any
+            // recall; the recall itself checks the file again.
+            if (image(disk.copies[i], false)->holdsAny(offset, length)) return true;
         return false;
     } catch (const StoreError&) {
         return true;
@@ -300,8 +359,9 @@ std::string StoreServices::stream(const RecallJob& job, uint64_t& bytes) {
     };
     for (const Piece& p : pieces) {
         clear(filled, p.virtualOffset);
+        // Nothing is streamed from a block whose bytes differ from those imported.
         if (p.fileOffset >= 0)
-            img->readAt(static_cast<uint64_t>(p.fileOffset), data.data() + (p.virtualOffset - offset), p.length);
+            img->readVerified(p, data.data() + (p.virtualOffset - offset));
         else
             clear(p.virtualOffset, p.virtualOffset + p.length);
         filled = p.virtualOffset + p.length;

@@ -73,7 +73,9 @@ private:
     StoreServices(const std::string& dir, Catalog catalog, Options options);
     // The copy's file, opened and checked against its catalog record once,
     // and again whenever the file has changed since; throws StoreError.
-    std::shared_ptr<VhdImage> image(const CopyRecord& copy);
+    // The copy's open image, checked against its record; `recheck` false
+    // takes one already open without asking whether its file changed.
+    std::shared_ptr<VhdImage> image(const CopyRecord& copy, bool recheck = true);
     void work();
     void run(const RecallJob& job);
     // Streams one copy extent into the job's target; returns "" or why not.
@@ -92,6 +94,15 @@ private:
     std::vector<std::thread> m_workers;
     std::atomic<uint64_t> m_jobs{0}, m_failures{0}, m_bytes{0};
 };
+
+// The checksums recorded for a copy's file at import, checked against the
+// catalog's record of the side file; null for a copy imported before they
+// were kept. Throws StoreError naming the side file.
+std::shared_ptr<const BlockSums> loadBlockSums(const std::string& storeDir, const CopyRecord& copy, const VhdImage& img);
+// Opens snapshot `index` of the disk, checks the file against its catalog
+// record and attaches its checksums (or why they cannot be used, which then
+// fails every verification). Throws StoreError.
+std::shared_ptr<VhdImage> openCopyImage(const std::string& storeDir, const DiskRecord& disk, size_t index);
 
 // Parts of a recall metadata string "1:2:0:<afid>:<pos>:1:<len>:<path>".
 struct RecallMetadata {

@@ -4,8 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <xxhash.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -107,6 +110,10 @@ VhdImage& VhdImage::operator=(VhdImage&& o) noexcept {
         m_parentName = std::move(o.m_parentName);
         m_dense = std::move(o.m_dense);
         m_sparse = std::move(o.m_sparse);
+        m_sums = std::move(o.m_sums);
+        m_sumsError = std::move(o.m_sumsError);
+        m_verified = std::move(o.m_verified);
+        m_verifyLocks = std::move(o.m_verifyLocks);
     }
     return *this;
 }
@@ -256,13 +263,22 @@ void VhdImage::readDynamic(uint64_t headerOffset) {
         fail("table offset", "block allocation table at " + std::to_string(tableOffset) + " runs past the end of the file");
     if (tableOffset < headerOffset + 1024 && headerOffset < tableOffset + tableBytes)
         fail("table offset", "block allocation table at " + std::to_string(tableOffset) + " overlaps the dynamic header");
-    readTable(tableOffset, tableBytes, headerOffset);
+    // A differencing disk keeps its parent's locators in sectors of their own
+    // (code, space, length, offset): no block may lie over one it uses.
+    std::vector<std::pair<uint64_t, uint64_t>> locators;
+    for (int i = 0; i < 8 && m_kind == ImageKind::Differencing; ++i) {
+        const uint8_t* l = h + 576 + 24 * i;
+        uint64_t length = be32(l + 8), offset = be64(l + 16);
+        if (be32(l) != 0 && length && offset < m_stamp.size) locators.emplace_back(offset, (length + 511) / 512 * 512);
+    }
+    readTable(tableOffset, tableBytes, headerOffset, locators);
 }
 
 // Reads the table a slice at a time and keeps only its allocated entries, so
 // that a huge table that holds little costs little, and one that claims more
 // blocks than the file has room for is refused as soon as it does.
-void VhdImage::readTable(uint64_t tableOffset, uint64_t tableBytes, uint64_t headerOffset) {
+void VhdImage::readTable(uint64_t tableOffset, uint64_t tableBytes, uint64_t headerOffset,
+                         const std::vector<std::pair<uint64_t, uint64_t>>& locators) {
     const uint64_t end = m_stamp.size - 512, span = uint64_t(m_bitmapBytes) + m_blockSize;
     const uint64_t room = (end - 512) / span;  // blocks that fit between the two footers
     const uint64_t most = std::min(room, kMaxAllocatedBlocks);
@@ -283,6 +299,8 @@ void VhdImage::readTable(uint64_t tableOffset, uint64_t tableBytes, uint64_t hea
                        " bytes)");
             if (start < 512 || clash(start, stop, headerOffset, 1024) || clash(start, stop, tableOffset, tableBytes))
                 refuse("block overlaps the footer copy, the dynamic header or the table");
+            for (const auto& l : locators)
+                if (clash(start, stop, l.first, l.second)) refuse("block overlaps a parent locator");
             if (allocated.size() == most)
                 refuse(most == room ? "more allocated blocks than a file of " + std::to_string(m_stamp.size) +
                                           " bytes can hold (" + std::to_string(room) + ")"
@@ -355,6 +373,188 @@ bool VhdImage::holdsAny(uint64_t offset, uint64_t length) const {
     for (const Piece& p : pieces(offset, length))
         if (p.fileOffset >= 0) return true;
     return false;
+}
+
+uint64_t xxh3(const void* data, size_t length) { return XXH3_64bits(data, length); }
+
+std::string sumText(uint64_t sum) {
+    char text[17];
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(sum));
+    return text;
+}
+
+namespace {
+
+const size_t kSumsHeader = 36;  // up to the snapshot file's name
+const size_t kSumsEntry = 24;
+
+void putLe(std::string& out, uint64_t v, int bytes) {
+    for (int i = 0; i < bytes; ++i) out += static_cast<char>(v >> (8 * i));
+}
+
+uint64_t getLe(const uint8_t* p, int bytes) {
+    uint64_t v = 0;
+    for (int i = bytes - 1; i >= 0; --i) v = v << 8 | p[i];
+    return v;
+}
+
+}  // namespace
+
+std::string BlockSums::serialize() const {
+    std::string out = "ZXBLKSUM";
+    putLe(out, kVersion, 4);
+    putLe(out, unitBytes, 4);
+    putLe(out, units, 8);
+    putLe(out, entries.size(), 8);
+    putLe(out, fileName.size(), 4);
+    out += fileName;
+    for (const Entry& e : entries) {
+        putLe(out, e.unit, 8);
+        putLe(out, e.sum.data, 8);
+        putLe(out, e.sum.bitmap, 8);
+    }
+    return out;
+}
+
+BlockSums BlockSums::parse(const std::string& bytes, const std::string& source) {
+    auto fail = [&](const std::string& field, const std::string& why) { throw StoreError(source + ": " + field + ": " + why); };
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(bytes.data());
+    if (bytes.size() < kSumsHeader || std::memcmp(p, "ZXBLKSUM", 8) != 0) fail("header", "not a checksum file");
+    if (getLe(p + 8, 4) != kVersion) fail("version", std::to_string(getLe(p + 8, 4)) + " is not " + std::to_string(kVersion));
+    BlockSums s;
+    s.unitBytes = static_cast<uint32_t>(getLe(p + 12, 4));
+    s.units = getLe(p + 16, 8);
+    uint64_t count = getLe(p + 24, 8), nameLength = getLe(p + 32, 4);
+    if (nameLength > bytes.size() - kSumsHeader) fail("file name", "runs past the end of the file");
+    s.fileName = bytes.substr(kSumsHeader, nameLength);
+    size_t rest = bytes.size() - kSumsHeader - nameLength;
+    if (count > s.units || rest % kSumsEntry || rest / kSumsEntry != count)
+        fail("entries", std::to_string(count) + " entries of " + std::to_string(s.units) + " blocks do not fill the " +
+                            std::to_string(rest) + " bytes after the header");
+    s.entries.reserve(count);
+    for (const uint8_t* e = p + kSumsHeader + nameLength; e < p + bytes.size(); e += kSumsEntry) {
+        Entry entry{getLe(e, 8), {getLe(e + 8, 8), getLe(e + 16, 8)}};
+        if (entry.unit >= s.units || (!s.entries.empty() && entry.unit <= s.entries.back().unit))
+            fail("entry " + std::to_string(s.entries.size()),
+                 "block " + std::to_string(entry.unit) + " is out of order or past the last block");
+        s.entries.push_back(entry);
+    }
+    return s;
+}
+
+const BlockSums::Entry* BlockSums::entry(uint64_t unit) const {
+    auto it = std::lower_bound(entries.begin(), entries.end(), unit, [](const Entry& e, uint64_t u) { return e.unit < u; });
+    return it != entries.end() && it->unit == unit ? &*it : nullptr;
+}
+
+uint32_t VhdImage::sumUnitBytes() const {
+    return m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed ? kSumChunk : m_blockSize;
+}
+
+uint64_t VhdImage::sumUnits() const {
+    return m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed ? (m_size + kSumChunk - 1) / kSumChunk : m_blocks;
+}
+
+bool VhdImage::unitHeld(uint64_t unit) const { return unit < sumUnits() && isBlockAllocated(unit); }
+
+uint64_t VhdImage::nextHeldUnit(uint64_t from) const {
+    const uint64_t units = sumUnits();
+    if (from >= units || m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) return std::min(from, units);
+    if (m_dense.empty()) {  // walks what is allocated, never the whole table of a huge sparse disk
+        auto it = std::lower_bound(m_sparse.begin(), m_sparse.end(), from,
+                                   [](const Allocation& e, uint64_t b) { return e.first < b; });
+        return it == m_sparse.end() ? units : it->first;
+    }
+    while (from < units && m_dense[from] == kUnallocated) ++from;
+    return from;
+}
+
+UnitSum VhdImage::sumOf(uint64_t unit, uint64_t copyFrom, uint64_t copyLength, uint8_t* copyTo) const {
+    UnitSum sum;
+    uint64_t at, length;
+    if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) {
+        at = unit * kSumChunk;
+        if (at >= m_size) fail("block " + std::to_string(unit), "past the end of the disk");
+        length = std::min<uint64_t>(kSumChunk, m_size - at);
+    } else {
+        uint32_t sector = sectorOf(unit);
+        if (sector == kUnallocated) fail("block " + std::to_string(unit), "not allocated");
+        std::vector<uint8_t> bitmap(m_bitmapBytes);
+        readAt(uint64_t(sector) * 512, bitmap.data(), bitmap.size());
+        sum.bitmap = xxh3(bitmap.data(), bitmap.size());
+        at = uint64_t(sector) * 512 + m_bitmapBytes;
+        length = m_blockSize;
+    }
+    // A slice at a time: a block may be as large as 256 MiB.
+    thread_local std::vector<uint8_t> buffer;
+    buffer.resize(std::min<uint64_t>(length, 2u << 20));
+    std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> state(XXH3_createState(), XXH3_freeState);
+    if (!state) throw StoreError(m_path + ": block " + std::to_string(unit) + ": out of memory for its checksum");
+    XXH3_64bits_reset(state.get());
+    for (uint64_t done = 0; done < length;) {
+        size_t n = static_cast<size_t>(std::min<uint64_t>(buffer.size(), length - done));
+        readAt(at + done, buffer.data(), n);
+        XXH3_64bits_update(state.get(), buffer.data(), n);
+        uint64_t from = std::max(done, copyFrom), to = std::min(done + n, copyFrom + copyLength);
+        if (copyTo && from < to) std::memcpy(copyTo + (from - copyFrom), buffer.data() + (from - done), to - from);
+        done += n;
+    }
+    sum.data = XXH3_64bits_digest(state.get());
+    return sum;
+}
+
+bool VhdImage::checkUnit(const BlockSums& sums, uint64_t unit, std::string& why, uint64_t copyFrom,
+                         uint64_t copyLength, uint8_t* copyTo) const {
+    const BlockSums::Entry* entry = sums.entry(unit);
+    const UnitSum* recorded = entry ? &entry->sum : nullptr;
+    if (!recorded) return why = "checksum mismatch (the block holds data, but none was recorded for it)", false;
+    UnitSum found = sumOf(unit, copyFrom, copyLength, copyTo);
+    if (found.data != recorded->data)
+        why = "checksum mismatch in its data (recorded " + sumText(recorded->data) + ", read " + sumText(found.data) + ")";
+    else if (found.bitmap != recorded->bitmap)
+        why = "checksum mismatch in its sector bitmap (recorded " + sumText(recorded->bitmap) + ", read " +
+              sumText(found.bitmap) + ")";
+    else
+        return true;
+    return false;
+}
+
+void VhdImage::attachSums(std::shared_ptr<const BlockSums> sums, std::string error) {
+    m_sums = std::move(sums);
+    m_sumsError = std::move(error);
+    size_t words = m_sums ? (m_sums->entries.size() + 63) / 64 : 0;
+    m_verified.reset(words ? new std::atomic<uint64_t>[words] : nullptr);
+    for (size_t i = 0; i < words; ++i) m_verified[i] = 0;
+    m_verifyLocks.reset(new std::mutex[kVerifyStripes]);
+}
+
+void VhdImage::readVerified(const Piece& piece, uint8_t* into) const {
+    if (!m_sumsError.empty()) throw StoreError(m_sumsError);
+    if (!m_sums) return readAt(static_cast<uint64_t>(piece.fileOffset), into, piece.length);
+    const uint64_t unitBytes = sumUnitBytes(), end = piece.virtualOffset + piece.length;
+    for (uint64_t at = piece.virtualOffset; at < end;) {
+        uint64_t unit = at / unitBytes, within = at % unitBytes, n = std::min(end - at, unitBytes - within);
+        uint8_t* to = into + (at - piece.virtualOffset);
+        uint64_t fileAt = static_cast<uint64_t>(piece.fileOffset) + (at - piece.virtualOffset);
+        at += n;
+        const BlockSums::Entry* recorded = m_sums->entry(unit);
+        size_t index = recorded ? static_cast<size_t>(recorded - m_sums->entries.data()) : 0;
+        uint64_t bit = uint64_t(1) << (index % 64);
+        auto sound = [&] { return recorded && (m_verified[index / 64].load(std::memory_order_acquire) & bit); };
+        if (sound()) {
+            readAt(fileAt, to, n);
+            continue;
+        }
+        std::lock_guard<std::mutex> lock(m_verifyLocks[index % kVerifyStripes]);
+        if (sound()) {
+            readAt(fileAt, to, n);
+            continue;
+        }
+        std::string why;
+        if (!checkUnit(*m_sums, unit, why, within, n, to))
+            throw StoreError(m_path + ": block " + std::to_string(unit) + ": " + why);
+        m_verified[index / 64].fetch_or(bit, std::memory_order_release);
+    }
 }
 
 }  // namespace zxblk

@@ -5,7 +5,10 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <atomic>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -40,6 +43,40 @@ struct FileStamp {
     }
     bool operator!=(const FileStamp& o) const { return !(*this == o); }
 };
+
+// XXH3 of the bytes of one unit of a snapshot: a VHD block's data and its
+// sector bitmap, or a chunk of a fixed VHD or raw image (no bitmap: 0).
+struct UnitSum {
+    uint64_t data = 0, bitmap = 0;
+    bool operator==(const UnitSum& o) const { return data == o.data && bitmap == o.bitmap; }
+};
+
+// The checksums recorded for one snapshot file at import, kept beside it in
+// a side file, since VHD keeps none of its data. The side file, all numbers
+// little-endian:
+//   "ZXBLKSUM", u32 version (1), u32 unit bytes, u64 units of the image,
+//   u64 entries, u32 length of the snapshot file's name, the name,
+//   then per allocated unit in rising order: u64 unit, u64 data sum, u64 bitmap sum.
+struct BlockSums {
+    static constexpr uint32_t kVersion = 1;
+    struct Entry {
+        uint64_t unit;
+        UnitSum sum;
+    };
+    std::string fileName;  // of the snapshot file, without its folder
+    uint32_t unitBytes = 0;
+    uint64_t units = 0;
+    std::vector<Entry> entries;
+
+    std::string serialize() const;
+    // Checks the layout; `source` names the side file in errors. Throws StoreError.
+    static BlockSums parse(const std::string& bytes, const std::string& source);
+    const Entry* entry(uint64_t unit) const;  // null when none is recorded
+};
+
+// XXH3 (64 bits) of a byte range; also what the catalog keeps of a side file.
+uint64_t xxh3(const void* data, size_t length);
+std::string sumText(uint64_t sum);  // 16 hex digits
 
 class VhdImage {
 public:
@@ -78,6 +115,33 @@ public:
     // Whether any byte of the range lies in the file (always for raw/fixed).
     bool holdsAny(uint64_t offset, uint64_t length) const;
 
+    // Checksum units: the blocks of a dynamic or differencing VHD, chunks of
+    // kSumChunk bytes of the disk of a fixed VHD or raw image.
+    static constexpr uint32_t kSumChunk = 2u << 20;
+    uint32_t sumUnitBytes() const;
+    uint64_t sumUnits() const;
+    bool unitHeld(uint64_t unit) const;
+    // The first unit from `from` on that the file holds, or sumUnits().
+    uint64_t nextHeldUnit(uint64_t from) const;
+    // Reads the unit whole and hashes it; throws StoreError on a read error.
+    // `copyLength` bytes from `copyFrom` within the unit's data are also
+    // copied to `copyTo` from that same read.
+    UnitSum sumOf(uint64_t unit, uint64_t copyFrom = 0, uint64_t copyLength = 0, uint8_t* copyTo = nullptr) const;
+    // Compares the unit with its recorded sum; false with the reason when
+    // they differ. Throws StoreError on a read error. Copies as sumOf does.
+    bool checkUnit(const BlockSums& sums, uint64_t unit, std::string& why, uint64_t copyFrom = 0,
+                   uint64_t copyLength = 0, uint8_t* copyTo = nullptr) const;
+    // Sums recorded for this file, or why they could not be used (then
+    // every verification fails with that reason). Set before the image is
+    // shared between threads.
+    void attachSums(std::shared_ptr<const BlockSums> sums, std::string error = std::string());
+    bool hasSums() const { return m_sums || !m_sumsError.empty(); }
+    // Reads a piece that lies in the file into `into`. With sums attached,
+    // each unit it touches is checked whole the first time (once per open
+    // image), the piece's bytes taken from that same read; a mismatch
+    // throws StoreError naming the file and the block.
+    void readVerified(const Piece& piece, uint8_t* into) const;
+
 private:
     struct Footer;
     using Allocation = std::pair<uint32_t, uint32_t>;  // (block, its first sector in the file)
@@ -85,7 +149,8 @@ private:
     [[noreturn]] void fail(const std::string& field, const std::string& why) const;
     Footer chooseFooter(std::string& note) const;
     void readDynamic(uint64_t headerOffset);
-    void readTable(uint64_t tableOffset, uint64_t tableBytes, uint64_t headerOffset);
+    void readTable(uint64_t tableOffset, uint64_t tableBytes, uint64_t headerOffset,
+                   const std::vector<std::pair<uint64_t, uint64_t>>& locators);
     // The block's first sector in the file, or 0xFFFFFFFF when unallocated.
     uint32_t sectorOf(uint64_t block) const;
 
@@ -106,6 +171,15 @@ private:
     // costs what it holds, not what it could hold.
     std::vector<uint32_t> m_dense;
     std::vector<Allocation> m_sparse;
+    std::shared_ptr<const BlockSums> m_sums;
+    std::string m_sumsError;
+    // One bit per recorded unit found sound since the file was opened, so a
+    // block is hashed once however many extents read it. Extents of one
+    // block are often recalled at once: a striped lock makes the second
+    // wait for the first one's answer instead of hashing the block again.
+    mutable std::unique_ptr<std::atomic<uint64_t>[]> m_verified;
+    static constexpr size_t kVerifyStripes = 16;
+    mutable std::unique_ptr<std::mutex[]> m_verifyLocks;
 };
 
 }  // namespace zxblk

@@ -23,5 +23,6 @@ void registerReadCommand(CLI::App& app);
 void registerMountCommand(CLI::App& app);
 void registerIndexCommand(CLI::App& app);
 void registerDemoCommand(CLI::App& app);
+void registerVerifyCommand(CLI::App& app);
 
 }  // namespace zxblk

@@ -43,6 +43,7 @@ int main(int argc, char** argv) {
     zxblk::registerMountCommand(app);
     zxblk::registerIndexCommand(app);
     zxblk::registerDemoCommand(app);
+    zxblk::registerVerifyCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
