@@ -390,19 +390,16 @@ void DiskHost::forget(uint64_t extent) {
 // Makes the extent local unless it is; a reader of an extent that is being
 // recalled waits for that recall instead of starting another.
 void DiskHost::ensureExtent(uint64_t extent, bool ahead) {
-    const long long e = static_cast<long long>(extent);
-    if (m_cache->hasExtent(e)) {
+    auto local = [&] {
+        if (!m_cache->hasExtent(static_cast<long long>(extent))) return false;
         if (!ahead) touch(extent);
-        return;
-    }
+        return true;
+    };
+    if (local()) return;
     {
         std::unique_lock<std::mutex> lock(m_recallMutex);
         m_recallCond.wait(lock, [&] { return !m_inFlight.count(extent); });
-        if (m_cache->hasExtent(e)) {
-            lock.unlock();
-            if (!ahead) touch(extent);
-            return;
-        }
+        if (local()) return;
         {
             std::lock_guard<std::mutex> cacheLock(m_cacheMutex);
             if (ahead && m_forgotten.count(extent)) return;
@@ -450,16 +447,14 @@ void DiskHost::recall(uint64_t extent) {
         std::lock_guard<std::mutex> lock(m_cacheMutex);
         arrived = m_arrived.erase(extent) != 0;
     }
-    std::string error;
+    std::string error, what = "extent " + std::to_string(extent) + " of disk " + m_diskName;
     if (!ok)
-        error = "extent " + std::to_string(extent) + " of disk " + m_diskName + " could not be recalled (see the log)";
+        error = what + " could not be recalled (see the log)";
     else if (!arrived && m_cache->usedBytes() + E > m_cache->capacity())
-        error = "extent " + std::to_string(extent) + " of disk " + m_diskName + " was recalled but does not fit in the cache (" +
-                std::to_string(m_cache->usedBytes()) + " of " + std::to_string(m_cache->capacity()) +
-                " bytes used by extents that reads are using)";
+        error = what + " was recalled but does not fit in the cache (" + std::to_string(m_cache->usedBytes()) + " of " +
+                std::to_string(m_cache->capacity()) + " bytes used by extents that reads are using)";
     else if (!arrived)
-        error = "extent " + std::to_string(extent) + " of disk " + m_diskName +
-                " was recalled but could not be moved into the cache (see the log)";
+        error = what + " was recalled but could not be moved into the cache (see the log)";
     if (!error.empty()) {
         std::lock_guard<std::mutex> statsLock(m_statsMutex);
         ++m_stats.readErrors;

@@ -70,8 +70,10 @@ void registerExportCommand(CLI::App& app) {
         // that recalling and writing overlap.
         const uint64_t window = 8;
         try {
+            host.readahead(1, window);
             for (uint64_t e = 0; e < host.extentCount(); ++e) {
-                host.readahead(e + 1, window);
+                // The window moves on by one: only the extent entering it is new.
+                host.readahead(e + window, 1);
                 uint64_t n = std::min(E, total - e * E);
                 // What no snapshot holds is zeros: nothing to recall.
                 if (!host.holdsData(e)) {
