@@ -3,27 +3,18 @@
 
 corruption_sweep.py ZXBLK MAKE_VHD_CHAIN TAMPER_PY COUNT SEED WORKDIR [ONLY]
 
-Sources: a dynamic and a fixed VHD made by qemu-img from a small random raw
-disk with zero runs, and a chain (a dynamic base and two differencing
-children) from the test tree's chain writer. Each mutant goes into a fresh
-copy of a clean store (the chain's earlier snapshots already imported for a
-child) and must either be refused (exit non-zero, exactly one line on stderr,
-the store byte for byte as before) or be accepted and export exactly the disk
-an independent reference reads:
-  - qemu-img convert of the mutant, for the qemu-made images, where it reads
-    the mutant and agrees on the disk size;
-  - the clean image's disk, when the mutation is in bytes that cannot change
-    the disk (one footer copy while the other is intact, ids, geometry,
-    locators of a disk without a parent, cut-off or appended bytes);
-  - for the writer's images, its plan (snapN.raw) when no data or bitmap
-    byte changed, or the plan with exactly the changed sectors redone from
-    the mutant's own bytes (data flips, bitmap flips, a block unallocated).
-Anything else accepted counts as "no reference". A crash, a hang, a
-sanitizer report, two or more lines of error, or a changed store after a
-refusal is always a failure.
-
-Every mutant draws from its own generator seeded by (SEED, number), so
-`ONLY=N` rebuilds and runs mutant N alone and keeps its files in WORKDIR.
+Sources: qemu-img's dynamic and fixed VHDs of a random raw disk with zero
+runs, and the chain writer's base and two differencing children. Each mutant
+goes into a copy of a clean store (a child's earlier snapshots already in it)
+and must be refused (non-zero exit, one line on stderr, the store unchanged)
+or export exactly what an independent reference reads: qemu-img's reading of
+the mutant (same disk size); the clean disk when the changed bytes cannot
+change it; or, for the writer's images, its plan, with exactly the changed
+sectors redone from the mutant's own bytes after data or bitmap flips or a
+block unallocated. Anything else accepted is "no reference"; a crash, hang,
+sanitizer report, multi-line error or changed store after a refusal fails.
+Mutant N draws from a generator seeded by (SEED, N): ONLY=N reruns it alone
+and keeps its files in WORKDIR.
 """
 import hashlib
 import os
@@ -33,27 +24,25 @@ import struct
 import subprocess
 import sys
 
-zxblk, chain_tool, tamper, count, seed, work = sys.argv[1:7]
+zxblk, chain_tool, _tamper, count, seed, work = sys.argv[1:7]
 count, seed = int(count), int(seed)
 only = int(sys.argv[7]) if len(sys.argv) > 7 else None
-TIMEOUT = 60
 SANITIZER = ("AddressSanitizer", "UndefinedBehaviorSanitizer", "LeakSanitizer", "runtime error:", "ThreadSanitizer")
 
 
-def run(cmd, **kw):
-    """(returncode or 'hang', stdout, stderr) of a command under a time limit."""
+def run(cmd):
+    """(returncode or 'hang', stderr) of a command under a time limit."""
     try:
-        p = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=TIMEOUT, **kw)
-        return p.returncode, p.stdout, p.stderr.decode(errors="replace")
+        p = subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, timeout=60)
+        return p.returncode, p.stderr.decode(errors="replace")
     except subprocess.TimeoutExpired as e:
-        return "hang", b"", (e.stderr or b"").decode(errors="replace")
+        return "hang", (e.stderr or b"").decode(errors="replace")
 
 
 def must(cmd):
-    rc, out, err = run(cmd)
+    rc, err = run(cmd)
     if rc != 0:
         sys.exit(f"setup failed: {' '.join(cmd)}: {err.strip()}")
-    return out
 
 
 def read(path):
@@ -61,17 +50,8 @@ def read(path):
         return f.read()
 
 
-def write(path, data):
-    with open(path, "wb") as f:
-        f.write(data)
-
-
-def be32(b, at):
-    return struct.unpack(">I", b[at:at + 4])[0]
-
-
-def be64(b, at):
-    return struct.unpack(">Q", b[at:at + 8])[0]
+def be(b, at, n=4):
+    return int.from_bytes(b[at:at + n], "big")
 
 
 def fix_checksum(buf, at, length, field):
@@ -79,46 +59,41 @@ def fix_checksum(buf, at, length, field):
     buf[at + field:at + field + 4] = struct.pack(">I", ~sum(buf[at:at + length]) & 0xFFFFFFFF)
 
 
-# ---------------------------------------------------------------- the sources
-
 class Source:
     """A clean image, what it reads as, and where its structures are."""
 
-    def __init__(self, name, path, clean_ref, store, disk, qemu, parent_ref=None):
-        self.name, self.path, self.store, self.disk, self.qemu = name, path, store, disk, qemu
-        self.data = read(path)
-        self.clean_ref = read(clean_ref)
+    def __init__(self, name, file, store, disk, qemu, parent=None):
+        s = work + "/src/"
+        self.name, self.path, self.store, self.disk, self.qemu = name, s + file + ".vhd", store, disk, qemu
+        self.data = d = read(self.path)
+        self.clean_ref = read(s + file + (".ref" if qemu else ".raw"))
         # What a sector not held by this image reads as: the parent's disk, or zeros.
-        self.parent_ref = read(parent_ref) if parent_ref else bytes(len(self.clean_ref))
-        d = self.data
+        self.parent_ref = read(s + parent + ".raw") if parent else bytes(len(self.clean_ref))
         self.size = len(d)
         self.footer_at = self.size - 512
-        self.type = be32(d, self.footer_at + 60)
+        self.type = be(d, self.footer_at + 60)
         self.blocks = []  # (index, sector of its bitmap)
         if self.type in (3, 4):
-            self.header_at = be64(d, self.footer_at + 16)
-            self.table_at = be64(d, self.header_at + 16)
-            self.entries = be32(d, self.header_at + 28)
-            self.block_size = be32(d, self.header_at + 32)
+            self.header_at = be(d, self.footer_at + 16, 8)
+            self.table_at = be(d, self.header_at + 16, 8)
+            self.entries = be(d, self.header_at + 28)
+            self.block_size = be(d, self.header_at + 32)
             self.bitmap_bytes = ((self.block_size // 512 + 7) // 8 + 511) // 512 * 512
-            for i in range(self.entries):
-                e = be32(d, self.table_at + 4 * i)
-                if e != 0xFFFFFFFF:
-                    self.blocks.append((i, e))
+            self.blocks = [(i, e) for i in range(self.entries) if (e := be(d, self.table_at + 4 * i)) != 0xFFFFFFFF]
             self.table_bytes = (self.entries * 4 + 511) // 512 * 512
 
     def block_at(self, offset):
         """(index, bitmap start) of the allocated block holding a file offset, or None."""
         for i, sector in self.blocks:
-            start = sector * 512
-            if start <= offset < start + self.bitmap_bytes + self.block_size:
-                return i, start
+            if sector * 512 <= offset < sector * 512 + self.bitmap_bytes + self.block_size:
+                return i, sector * 512
         return None
 
 
 def setup():
     rng = random.Random(seed)
-    os.makedirs(work + "/src", exist_ok=True)
+    s = work + "/src/"
+    os.makedirs(s, exist_ok=True)
     # A raw disk of 8 MiB: random bytes with zero runs of several lengths,
     # one of them a whole 2 MiB block so the dynamic image leaves it out.
     disk = bytearray(rng.randbytes(8 << 20))
@@ -127,30 +102,27 @@ def setup():
         at = rng.randrange(0, 8 << 20) // 512 * 512
         n = rng.choice([512, 4096, 65536, 300 * 1024])
         disk[at:at + n] = bytes(min(n, len(disk) - at))
-    write(work + "/src/disk.raw", disk)
+    with open(s + "disk.raw", "wb") as f:
+        f.write(disk)
     for sub in ("dynamic", "fixed"):
         must(["qemu-img", "convert", "-q", "-f", "raw", "-O", "vpc", "-o", f"subformat={sub},force_size=on",
-              work + "/src/disk.raw", f"{work}/src/{sub}.vhd"])
-        must(["qemu-img", "convert", "-q", "-f", "vpc", "-O", "raw", f"{work}/src/{sub}.vhd", f"{work}/src/{sub}.ref"])
-        if read(f"{work}/src/{sub}.ref") != bytes(disk):
+              s + "disk.raw", f"{s}{sub}.vhd"])
+        must(["qemu-img", "convert", "-q", "-f", "vpc", "-O", "raw", f"{s}{sub}.vhd", f"{s}{sub}.ref"])
+        if read(f"{s}{sub}.ref") != bytes(disk):
             sys.exit(f"setup failed: qemu-img does not read back its own {sub} VHD as the raw disk")
-    must([chain_tool, work + "/src", str(4 << 20), str(256 << 10), "2", str(seed % 1000003 + 1)])
-
+    must([chain_tool, s, str(4 << 20), str(256 << 10), "2", str(seed % 1000003 + 1)])
     # Clean stores: A holds the chain's base (disk "c"), B its base and first child.
-    must([zxblk, "import", "--store", work + "/storeA", "--disk", "c", work + "/src/snap0.vhd"])
-    must([zxblk, "import", "--store", work + "/storeB", "--disk", "c", work + "/src/snap0.vhd", work + "/src/snap1.vhd"])
-    must([zxblk, "import", "--store", work + "/storeE", "--disk", "z", work + "/src/disk.raw"])
-    s = work + "/src/"
+    for store, disk_name, files in (("A", "c", ["snap0.vhd"]), ("B", "c", ["snap0.vhd", "snap1.vhd"]),
+                                    ("E", "z", ["disk.raw"])):
+        must([zxblk, "import", "--store", f"{work}/store{store}", "--disk", disk_name] + [s + f for f in files])
     return [
-        Source("qemu-dynamic", s + "dynamic.vhd", s + "dynamic.ref", "storeA", "m", True),
-        Source("qemu-fixed", s + "fixed.vhd", s + "fixed.ref", "storeA", "m", True),
-        Source("chain-base", s + "snap0.vhd", s + "snap0.raw", "storeE", "m", False),
-        Source("chain-child1", s + "snap1.vhd", s + "snap1.raw", "storeA", "c", False, s + "snap0.raw"),
-        Source("chain-child2", s + "snap2.vhd", s + "snap2.raw", "storeB", "c", False, s + "snap1.raw"),
+        Source("qemu-dynamic", "dynamic", "storeA", "m", True),
+        Source("qemu-fixed", "fixed", "storeA", "m", True),
+        Source("chain-base", "snap0", "storeE", "m", False),
+        Source("chain-child1", "snap1", "storeA", "c", False, "snap0"),
+        Source("chain-child2", "snap2", "storeB", "c", False, "snap1"),
     ]
 
-
-# ---------------------------------------------------------------- mutations
 
 FOOTER_FIELDS = {  # name: (offset, length, changes the disk when edited in every copy)
     "cookie": (0, 8, False), "features": (8, 4, False), "data offset": (16, 8, True),
@@ -161,13 +133,12 @@ HEADER_FIELDS = {
     "cookie": (0, 8), "table offset": (16, 8), "max table entries": (28, 4), "block size": (32, 4),
     "checksum": (36, 4), "parent unique id": (40, 16), "parent name": (64, 512),
 }
+LOCATOR_FIELDS = {"code": (0, 4), "data space": (4, 4), "data length": (8, 4), "offset": (16, 8)}
 
 
 class Mutant:
-    def __init__(self, src, data):
-        self.src = src
-        self.data = bytearray(data)
-        self.what = []
+    def __init__(self, src):
+        self.src, self.data, self.what = src, bytearray(src.data), []
         self.inert = False        # no accepting reader may present another disk
         self.must_refuse = False  # no reader may accept it
         self.delta = None         # changed file offsets whose sectors a reference redoes
@@ -176,89 +147,67 @@ class Mutant:
 
 
 def field_value(rng, src, name, old, length):
-    """A plausible or hostile new value for a footer or header field."""
-    choices = [rng.randbytes(length), bytes(length), b"\xff" * length]
+    """A plausible or hostile new value for a footer, header or locator field."""
     v = int.from_bytes(old, "big")
+    offsets = [0, 512, 1024, src.size - 512, src.size + 512, src.size * 4, 1 << 62]
     n = [v ^ (1 << rng.randrange(8 * length)), v + 1, v - 1 if v else 1, v * 2, v // 2, v + 512, v - 512 if v >= 512 else 512]
-    if name == "current size":
-        n += [v + (1 << 20), v - (1 << 20), 1 << 40, v + 1]
-    if name == "type":
-        n += [2, 3, 4, 5, 0]
-    if name in ("table offset", "data offset"):
-        n += [0, 512, 1024, src.size - 512, src.size + 512, src.size * 4, 1 << 62]
-    if name == "max table entries":
-        n += [0, 1, 0xFFFFFFFF, v * 4096, 1 << 24]
-    if name == "block size":
-        n += [0, 512, 4096, 3 << 20, 1 << 31, 0x80000000, src.block_size * 2 if src.type in (3, 4) else 1 << 21]
-    choices += [(x % (1 << (8 * length))).to_bytes(length, "big") for x in n]
-    return rng.choice(choices)
+    n += {"current size": [v + (1 << 20), v - (1 << 20), 1 << 40],
+          "type": [2, 3, 4, 5, 0],
+          "table offset": offsets, "data offset": offsets,
+          "offset": [512, 1536, src.size + 512],
+          "max table entries": [0, 1, 0xFFFFFFFF, v * 4096, 1 << 24],
+          "block size": [0, 512, 4096, 3 << 20, 1 << 31, src.block_size * 2 if src.type in (3, 4) else 1 << 21],
+          "code": [int.from_bytes(b"W2ru", "big"), int.from_bytes(b"W2ku", "big")]}.get(name, [])
+    return rng.choice([rng.randbytes(length), bytes(length), b"\xff" * length] +
+                      [(x % (1 << (8 * length))).to_bytes(length, "big") for x in n])
 
 
 def mutate_footer(m, rng):
+    """A named field or any one bit, in either footer copy or both."""
     src = m.src
-    copies = ["tail"] if src.type == 2 else rng.choice([["tail"], ["head"], ["head", "tail"]])
-    name = rng.choice(list(FOOTER_FIELDS))
-    off, length, shapes = FOOTER_FIELDS[name]
-    value = field_value(rng, src, name, bytes(src.data[src.footer_at + off:src.footer_at + off + length]), length)
-    fix = name != "checksum" and rng.random() < 0.7
-    for c in copies:
-        at = src.footer_at if c == "tail" else 0
-        m.data[at + off:at + off + length] = value
-        if fix:
-            fix_checksum(m.data, at, 512, 64)
-    m.what.append(f"footer {'+'.join(copies)} {name}={value.hex()}{' checksum fixed' if fix else ''}")
-    m.inert = len(copies) == 1 and src.type != 2 or not shapes
-
-
-def flip_footer_byte(m, rng):
-    src = m.src
-    copies = ["tail"] if src.type == 2 else rng.choice([["tail"], ["head"], ["head", "tail"]])
-    off = rng.choice([rng.randrange(512), rng.randrange(85)])
-    bit = 1 << rng.randrange(8)
-    for c in copies:
-        m.data[(src.footer_at if c == "tail" else 0) + off] ^= bit
-    m.what.append(f"footer {'+'.join(copies)} byte {off} ^= {bit:#x}")
-    shapes = any(o <= off < o + n and s for o, n, s in FOOTER_FIELDS.values())
+    copies = [src.footer_at] if src.type == 2 else rng.choice([[src.footer_at], [0], [0, src.footer_at]])
+    if rng.random() < 0.35:
+        off, bit = rng.choice([rng.randrange(512), rng.randrange(85)]), 1 << rng.randrange(8)
+        for at in copies:
+            m.data[at + off] ^= bit
+        m.what.append(f"footer at {copies} byte {off} ^= {bit:#x}")
+        shapes = any(o <= off < o + n and s for o, n, s in FOOTER_FIELDS.values())
+    else:
+        name = rng.choice(list(FOOTER_FIELDS))
+        off, length, shapes = FOOTER_FIELDS[name]
+        value = field_value(rng, src, name, bytes(src.data[src.footer_at + off:src.footer_at + off + length]), length)
+        fix = name != "checksum" and rng.random() < 0.7
+        for at in copies:
+            m.data[at + off:at + off + length] = value
+            if fix:
+                fix_checksum(m.data, at, 512, 64)
+        m.what.append(f"footer at {copies} {name}={value.hex()}{' checksum fixed' if fix else ''}")
     m.inert = len(copies) == 1 and src.type != 2 or not shapes
 
 
 def mutate_header(m, rng):
-    src = m.src
-    h = src.header_at
+    src, h = m.src, m.src.header_at
     if rng.random() < 0.3:  # a parent locator entry
-        i = rng.randrange(8)
-        at = h + 576 + 24 * i
-        sub = rng.choice([("code", 0, 4), ("data space", 4, 4), ("data length", 8, 4), ("offset", 16, 8)])
-        name, off, length = f"locator {i} {sub[0]}", sub[1], sub[2]
-        old = bytes(m.data[at + off:at + off + length])
-        value = rng.choice([rng.randbytes(length), b"\xff" * length, bytes(length),
-                            (src.size + 512).to_bytes(length, "big")[-length:],
-                            (512).to_bytes(length, "big"), (1536).to_bytes(length, "big"),
-                            (int.from_bytes(old, "big") ^ (1 << rng.randrange(8 * length))).to_bytes(length, "big"),
-                            b"W2ru" if length == 4 else old, b"W2ku" if length == 4 else old])
-        m.data[at + off:at + off + length] = value
-        content = False
+        i, name = rng.randrange(8), rng.choice(list(LOCATOR_FIELDS))
+        at, (off, length) = h + 576 + 24 * i, LOCATOR_FIELDS[name]
+        name_shown = f"locator {i} {name}"
     else:
-        name = rng.choice(list(HEADER_FIELDS))
-        off, length = HEADER_FIELDS[name]
-        at = h
-        old = bytes(m.data[at + off:at + off + length])
-        if name == "parent name":
-            i = rng.randrange(0, 512, 2)
-            value = bytearray(old)
-            value[i:i + 2] = rng.randbytes(2)
-            value = bytes(value)
-        else:
-            value = field_value(rng, src, name, old, length)
-        m.data[at + off:at + off + length] = value
-        content = name in ("table offset", "max table entries", "block size")
-        if name == "parent unique id" and src.type == 4 and value != old:
-            m.must_refuse = True  # a child of another disk than the one it follows
+        at, name = h, rng.choice(list(HEADER_FIELDS))
+        (off, length), name_shown = HEADER_FIELDS[name], name
+    old = bytes(m.data[at + off:at + off + length])
+    if name == "parent name":
+        i = rng.randrange(0, 512, 2)
+        value = old[:i] + rng.randbytes(2) + old[i + 2:]
+    else:
+        value = field_value(rng, src, name, old, length)
+    m.data[at + off:at + off + length] = value
+    if at == h and name == "parent unique id" and src.type == 4 and value != old:
+        m.must_refuse = True  # a child of another disk than the one it follows
     fix = name != "checksum" and rng.random() < 0.7
     if fix:
         fix_checksum(m.data, h, 1024, 36)
-    m.what.append(f"header {name}={value.hex()[:40]}{' checksum fixed' if fix else ''}")
-    m.inert = not content
+    m.what.append(f"header {name_shown}={value.hex()[:40]}{' checksum fixed' if fix else ''}")
+    m.inert = not (at == h and name in ("table offset", "max table entries", "block size"))
 
 
 def mutate_table(m, rng):
@@ -267,7 +216,6 @@ def mutate_table(m, rng):
         return mutate_header(m, rng)
     i, sector = rng.choice(src.blocks)
     other = rng.choice(src.blocks)[1]
-    unalloc = [k for k in range(src.entries) if k not in dict(src.blocks)]
     span = (src.bitmap_bytes + src.block_size) // 512
     kinds = {
         "past the end": src.size // 512 + rng.randrange(1, 64),
@@ -275,22 +223,17 @@ def mutate_table(m, rng):
         "into the header": rng.randrange(0, 3),
         "into the table": src.table_at // 512 + rng.randrange(src.table_bytes // 512),
         "overlapping another": other + rng.randrange(-span + 1, span),
-        "duplicate": other,
-        "one sector off": sector + rng.choice([-1, 1]),
-        "unallocated": 0xFFFFFFFF,
-        "random": rng.getrandbits(32),
-        "zero": 0,
+        "duplicate": other, "one sector off": sector + rng.choice([-1, 1]),
+        "unallocated": 0xFFFFFFFF, "random": rng.getrandbits(32), "zero": 0,
     }
     kind = rng.choice(list(kinds))
-    entry = i
+    value, entry = kinds[kind] & 0xFFFFFFFF, i
+    unalloc = [k for k in range(src.entries) if k not in dict(src.blocks)]
     if kind == "duplicate" and unalloc and rng.random() < 0.5:
         entry = rng.choice(unalloc)  # an unallocated block made to share another's data
-    if kind == "random" and rng.random() < 0.3:  # an entry past max table entries, in the table's padding
-        pad = src.table_bytes // 4 - src.entries
-        if pad > 0:
-            entry = src.entries + rng.randrange(pad)
-            kind = "padding entry"
-    value = kinds.get(kind, rng.getrandbits(32)) & 0xFFFFFFFF
+    pad = src.table_bytes // 4 - src.entries
+    if kind == "random" and pad > 0 and rng.random() < 0.3:  # an entry in the table's padding
+        entry, kind = src.entries + rng.randrange(pad), "padding entry"
     m.data[src.table_at + 4 * entry:src.table_at + 4 * entry + 4] = struct.pack(">I", value)
     m.what.append(f"table entry {entry} ({kind}) = {value:#x}")
     m.inert = kind == "padding entry"
@@ -298,132 +241,80 @@ def mutate_table(m, rng):
         m.unallocate = entry
 
 
-def mutate_bitmap(m, rng):
-    src = m.src
-    if not src.blocks:
-        return mutate_data(m, rng)
-    i, sector = rng.choice(src.blocks)
-    start = sector * 512
-    used = (src.block_size // 512 + 7) // 8
-    how = rng.choice(["bit", "bit", "byte", "zero", "ones", "padding"])
-    if how == "padding" and src.bitmap_bytes > used:
-        at = start + rng.randrange(used, src.bitmap_bytes)
-        m.data[at] ^= 0xFF
-        m.what.append(f"bitmap padding of block {i} byte {at - start}")
-        m.inert = True
-        return
-    changed = []
-    if how in ("bit", "byte", "padding"):
-        at = start + rng.randrange(used)
-        m.data[at] ^= (1 << rng.randrange(8)) if how != "byte" else rng.randrange(1, 256)
-        changed = [at]
-    else:
-        lo = rng.randrange(used)
-        hi = min(used, lo + rng.randrange(1, 64))
-        m.data[start + lo:start + hi] = (b"\0" if how == "zero" else b"\xff") * (hi - lo)
-        changed = list(range(start + lo, start + hi))
-    m.what.append(f"bitmap of block {i} ({how}) at bytes {changed[0] - start}..{changed[-1] - start}")
-    m.delta = changed
-    m.bitmap_dynamic = src.type == 3
-
-
-def mutate_data(m, rng):
-    src = m.src
+def mutate_block(m, rng):
+    """Bytes of a block's bitmap (its padding too) or its data, or of a fixed disk's data."""
+    src, bitmap, how = m.src, False, rng.choice(["bit", "bit", "byte", "run", "zero", "ones"])
     if src.type == 2:
         lo, hi = 0, src.size - 512
-    elif src.blocks:
-        i, sector = rng.choice(src.blocks)
-        lo = sector * 512 + src.bitmap_bytes
-        hi = lo + src.block_size
-    else:
+    elif not src.blocks:
         return mutate_footer(m, rng)
+    else:
+        i, sector = rng.choice(src.blocks)
+        start, used, bitmap = sector * 512, (src.block_size // 512 + 7) // 8, rng.random() < 0.5
+        lo, hi = (start, start + used) if bitmap else (start + src.bitmap_bytes, start + src.bitmap_bytes + src.block_size)
+        if bitmap and src.bitmap_bytes > used and rng.random() < 0.15:
+            at = start + rng.randrange(used, src.bitmap_bytes)
+            m.data[at] ^= 0xFF
+            m.what.append(f"bitmap padding of block {i} byte {at - start}")
+            m.inert = True
+            return
     at = rng.randrange(lo, hi)
-    n = rng.choice([1, 1, 4, 512, 3000])
-    changed = []
-    for k in range(at, min(at + n, hi)):
-        m.data[k] ^= rng.randrange(1, 256) if n > 1 else 1 << rng.randrange(8)
-        changed.append(k)
-    m.what.append(f"data bytes {at}..{changed[-1]} flipped")
-    m.delta = changed
+    m.delta = list(range(at, min(hi, at + (1 if how in ("bit", "byte") else rng.choice([4, 64, 512, 3000])))))
+    for k in m.delta:
+        m.data[k] = {"zero": 0, "ones": 0xFF}.get(how, m.data[k] ^ (1 << rng.randrange(8) if how == "bit" else rng.randrange(1, 256)))
+    m.what.append(f"{'bitmap' if bitmap else 'data'} bytes {at}..{m.delta[-1]} ({how})")
+    m.bitmap_dynamic = bitmap and src.type == 3
 
 
-def truncate(m, rng):
-    src = m.src
-    cut = rng.choice([src.size - 512, src.size - 1, src.size - rng.randrange(1, 1024), rng.randrange(0, src.size),
-                      rng.randrange(0, 2048), src.size - 512 - rng.randrange(1, 600000)])
-    cut = max(0, min(cut, src.size - 1))
-    del m.data[cut:]
-    m.what.append(f"truncated to {cut} bytes")
+def resize(m, rng):
+    """Bytes cut off the end, or appended."""
+    size = m.src.size
+    if rng.random() < 0.55:
+        cut = rng.choice([size - 512, size - 1, size - rng.randrange(1, 1024), rng.randrange(0, size),
+                          rng.randrange(0, 2048), size - 512 - rng.randrange(1, 600000)])
+        del m.data[max(0, min(cut, size - 1)):]
+        m.what.append(f"truncated to {len(m.data)} bytes")
+    else:
+        extra = rng.choice([rng.randbytes(rng.randrange(1, 4096)), bytes(rng.randrange(1, 70000)), m.src.data[-512:]])
+        m.data += extra
+        m.what.append(f"{len(extra)} bytes appended")
     m.inert = True
 
 
-def append(m, rng):
-    src = m.src
-    extra = rng.choice([rng.randbytes(rng.randrange(1, 4096)), bytes(512), bytes(rng.randrange(1, 70000)),
-                        bytes(src.data[-512:]), rng.randbytes(512)])
-    m.data += extra
-    m.what.append(f"{len(extra)} bytes appended")
-    m.inert = True
-
-
-def tamper_mode(m, rng, path):
-    modes = ["checksum", "checksum-both", "head-zero", "tail-size", "bat-past", "overlap", "blocksize", "truncate"]
-    if m.src.type == 4:
-        modes.append("parent")
-    mode = rng.choice(modes)
-    clean = path + ".clean"
-    write(clean, m.src.data)
-    rc, _, err = run([sys.executable, tamper, mode, clean, path])
-    os.unlink(clean)
-    if rc != 0:
-        sys.exit(f"{tamper} {mode} failed: {err.strip()}")
-    m.data = bytearray(read(path))
-    m.what.append(f"vhd_tamper {mode}")
-    m.inert = mode in ("checksum", "head-zero", "tail-size", "truncate")
-    m.must_refuse = mode == "parent"
+OPS = {  # kind: (weight for a fixed image, weight for a dynamic or differencing one)
+    mutate_footer: (7, 8), mutate_header: (0, 5.5), mutate_table: (0, 7), mutate_block: (2, 6), resize: (4, 4),
+}
 
 
 def make_mutant(sources, number, path):
     rng = random.Random(f"{seed}:{number}")
     src = rng.choices(sources, weights=[30, 12, 10, 20, 28])[0]
-    m = Mutant(src, src.data)
-    if src.type == 2:
-        ops = [(mutate_footer, 4), (flip_footer_byte, 3), (mutate_data, 2), (truncate, 2), (append, 2)]
-    else:
-        ops = [(mutate_footer, 5), (flip_footer_byte, 3), (mutate_header, 5), (mutate_table, 6), (mutate_bitmap, 3),
-               (mutate_data, 3), (truncate, 2), (append, 1.5), (tamper_mode, 1.5)]
-    op = rng.choices([o for o, _ in ops], weights=[w for _, w in ops])[0]
-    if op is tamper_mode:
-        tamper_mode(m, rng, path)
-    else:
-        op(m, rng)
-    write(path, m.data)
+    m = Mutant(src)
+    rng.choices(list(OPS), weights=[w[src.type != 2] for w in OPS.values()])[0](m, rng)
+    with open(path, "wb") as f:
+        f.write(m.data)
     return m
 
 
-# ---------------------------------------------------------------- references
-
-def sector_redone(m, ref, changed):
-    """`ref` with every sector touched by the changed file offsets read again
-    from the mutant: held sectors from its data, the others from the parent."""
-    src, out = m.src, bytearray(ref)
+def sector_redone(m, changed):
+    """The clean disk with every sector touched by the changed file offsets read
+    again from the mutant: held sectors from its data, the others from the parent."""
+    src, out = m.src, bytearray(m.src.clean_ref)
     for o in changed:
         hit = src.block_at(o)
         if hit is None:
             continue
         index, start = hit
-        base = index * src.block_size
         if o < start + src.bitmap_bytes:  # a bitmap byte: its 8 sectors
-            first = (o - start) * 8
-            sectors = range(first, first + 8)
+            sectors = range((o - start) * 8, (o - start) * 8 + 8)
         else:
             sectors = [(o - start - src.bitmap_bytes) // 512]
         for s in sectors:
-            at = base + s * 512
+            at = index * src.block_size + s * 512
             if at >= len(out):
                 continue
-            held = m.data[start + s // 8] & (0x80 >> (s % 8))
             data_at = start + src.bitmap_bytes + s * 512
+            held = m.data[start + s // 8] & (0x80 >> (s % 8))
             out[at:at + 512] = m.data[data_at:data_at + 512] if held else src.parent_ref[at:at + 512]
     return bytes(out)
 
@@ -431,24 +322,21 @@ def sector_redone(m, ref, changed):
 def references(m, path, mdir):
     """Candidate disks an accepting reader may present, each named."""
     src, refs = m.src, []
-    if src.qemu:
-        rc, _, _ = run(["qemu-img", "convert", "-q", "-f", "vpc", "-O", "raw", path, mdir + "/qemu.raw"])
-        if rc == 0:
-            refs.append(("qemu-img", read(mdir + "/qemu.raw")))
+    if src.qemu and run(["qemu-img", "convert", "-q", "-f", "vpc", "-O", "raw", path, mdir + "/qemu.raw"])[0] == 0:
+        refs.append(("qemu-img", read(mdir + "/qemu.raw")))
     if m.inert:
         refs.append(("clean image", src.clean_ref))
     if m.bitmap_dynamic:
         # qemu-img reads a dynamic block whole, whatever its bitmap says; a
         # reader may also take a clear bit of a disk without a parent as a
         # sector of zeros. Either reading passes, nothing else.
-        refs.append(("bitmap read, clear bits as zeros", sector_redone(m, src.clean_ref, m.delta)))
+        refs.append(("bitmap read, clear bits as zeros", sector_redone(m, m.delta)))
         if not src.qemu:
             refs.append(("bitmap ignored", src.clean_ref))
     elif m.delta is not None and src.type in (3, 4) and not src.qemu:
-        refs.append(("plan with changed sectors redone", sector_redone(m, src.clean_ref, m.delta)))
+        refs.append(("plan with changed sectors redone", sector_redone(m, m.delta)))
     if m.unallocate is not None and not src.qemu:
-        out = bytearray(src.clean_ref)
-        lo = m.unallocate * src.block_size
+        out, lo = bytearray(src.clean_ref), m.unallocate * src.block_size
         out[lo:lo + src.block_size] = src.parent_ref[lo:lo + src.block_size]
         refs.append(("plan with the block left to the parent", bytes(out)))
     if not src.qemu and m.delta is None and m.unallocate is None and not m.inert:
@@ -456,37 +344,32 @@ def references(m, path, mdir):
     return refs
 
 
-# ---------------------------------------------------------------- the sweep
-
 def store_state(store):
     rows = []
     for root, dirs, files in os.walk(store):
-        for d in dirs:
-            rows.append(("d", os.path.relpath(os.path.join(root, d), store)))
-        for f in files:
-            p = os.path.join(root, f)
-            rows.append(("f", os.path.relpath(p, store), os.path.getsize(p), hashlib.sha256(read(p)).hexdigest()))
+        rows += [("d", os.path.relpath(os.path.join(root, d), store)) for d in dirs]
+        rows += [("f", os.path.relpath(os.path.join(root, f), store), hashlib.sha256(read(os.path.join(root, f))).hexdigest())
+                 for f in files]
     return sorted(rows)
 
 
+def crashed(rc, err):
+    return rc == "hang" or rc < 0 or rc >= 128 or any(s in err for s in SANITIZER)
+
+
 def check(sources, number, mdir):
-    """None when the mutant was handled well, else why not; plus its class."""
+    """(description, class, note) of one mutant; class "failure" when it was handled badly."""
     shutil.rmtree(mdir, ignore_errors=True)
     os.makedirs(mdir)
-    path = mdir + "/mutant.vhd"
+    path, store = mdir + "/mutant.vhd", mdir + "/store"
     m = make_mutant(sources, number, path)
     desc = f"{m.src.name}: {'; '.join(m.what)}"
-    store = mdir + "/store"
     shutil.copytree(f"{work}/{m.src.store}", store, symlinks=True)
     before = store_state(store)
-    rc, _, err = run([zxblk, "import", "--store", store, "--disk", m.src.disk, path])
+    rc, err = run([zxblk, "import", "--store", store, "--disk", m.src.disk, path])
     lines = [l for l in err.splitlines() if l.strip()]
-    if rc == "hang":
-        return desc, "failure", "import hung"
-    if rc < 0 or rc >= 128:
-        return desc, "failure", f"import crashed (exit {rc}): {err.strip()[-300:]}"
-    if any(s in err for s in SANITIZER):
-        return desc, "failure", f"sanitizer report on import: {err.strip()[-300:]}"
+    if crashed(rc, err):
+        return desc, "failure", f"import crashed or hung (exit {rc}): {err.strip()[-300:]}"
     if rc != 0:
         if len(lines) != 1:
             return desc, "failure", f"refused with {len(lines)} lines of error: {err.strip()[:400]!r}"
@@ -495,12 +378,10 @@ def check(sources, number, mdir):
         return desc, "refused", lines[0]
     if m.must_refuse:
         return desc, "failure", f"accepted a child whose parent id is not its parent's ({err.strip()[:200]})"
-    rc, _, err = run([zxblk, "export", "--store", store, "--disk", m.src.disk, "--out", mdir + "/export.raw",
-                      "--cache", mdir + "/cache"])
-    if rc == "hang":
-        return desc, "failure", "accepted; export hung"
-    if rc < 0 or rc >= 128 or any(s in err for s in SANITIZER):
-        return desc, "failure", f"accepted; export crashed (exit {rc}): {err.strip()[-300:]}"
+    rc, err = run([zxblk, "export", "--store", store, "--disk", m.src.disk, "--out", mdir + "/export.raw",
+                   "--cache", mdir + "/cache"])
+    if crashed(rc, err):
+        return desc, "failure", f"accepted; export crashed or hung (exit {rc}): {err.strip()[-300:]}"
     if rc != 0:
         return desc, "failure", f"accepted but export fails: {err.strip().splitlines()[-1] if err.strip() else rc}"
     got = read(mdir + "/export.raw")
@@ -530,7 +411,7 @@ def main():
         if read(mdir + "/out.raw") != s.clean_ref:
             sys.exit(f"setup failed: the clean {s.name} does not export as its reference")
         shutil.rmtree(mdir)
-    tally = {"refused": 0, "identical": 0, "no-reference": 0, "failure": 0}
+    tally = dict.fromkeys(("refused", "identical", "no-reference", "failure"), 0)
     failures, noref = [], []
     numbers = [only] if only is not None else range(count)
     for n in numbers:
@@ -542,12 +423,9 @@ def main():
             print(f"FAIL mutant {n} ({desc}): {note}", flush=True)
         elif cls == "no-reference":
             noref.append((n, desc, note))
-        if os.environ.get("SWEEP_VERBOSE"):
-            print(f"mutant {n} ({desc}): {cls}: {note}", flush=True)
-        if only is not None:
-            print(f"mutant {n} ({desc}): {cls}: {note}; files kept in {mdir}")
-    if only is None:
-        shutil.rmtree(f"{work}/m", ignore_errors=True)
+        if only is not None or os.environ.get("SWEEP_VERBOSE"):
+            print(f"mutant {n} ({desc}): {cls}: {note}" + (f"; files kept in {mdir}" if only is not None else ""), flush=True)
+    shutil.rmtree(f"{work}/m", ignore_errors=True)
     for n, desc, note in noref:
         print(f"no reference: mutant {n} ({desc}): {note}")
     print(f"summary: seed {seed}: {len(numbers)} mutants, {tally['refused']} refused, "

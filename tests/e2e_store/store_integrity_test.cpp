@@ -5,11 +5,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
-#include <mutex>
+#include <future>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -33,24 +32,9 @@ struct NullTarget : CRestoreTarget {
     bool Exists() override { return false; }
 };
 
-struct Completion {
-    std::mutex m;
-    std::condition_variable c;
-    bool done = false;
-    DMRestoreCompleted_t result;
-    static void callback(void* ctx, DMRestoreCompleted_t* d) {
-        auto* self = static_cast<Completion*>(ctx);
-        std::lock_guard<std::mutex> lock(self->m);
-        self->result = *d;
-        self->done = true;
-        self->c.notify_all();
-    }
-};
-
 std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
 }
 
@@ -73,99 +57,82 @@ protected:
         plan.children = 1;
         plan.seed = 62;
         auto e = vhdtest::writeChain(dir + "/e", plan);
-        zxblk::importImages(pristine(), "d", {d[0].vhd, d[1].vhd, d[2].vhd}, zxblk::ImportOptions());
-        zxblk::importImages(pristine(), "e", {e[0].vhd}, zxblk::ImportOptions());
+        zxblk::importImages(dir + "/pristine", "d", {d[0].vhd, d[1].vhd, d[2].vhd}, zxblk::ImportOptions());
+        zxblk::importImages(dir + "/pristine", "e", {e[0].vhd}, zxblk::ImportOptions());
         spare = e[1].vhd;
+        store = dir + "/store";
     }
     void TearDown() override { std::system(("rm -rf '" + dir + "'").c_str()); }
-    std::string pristine() const { return dir + "/pristine"; }
-    std::string store() const { return dir + "/store"; }
-    void freshStore() { run("rm -rf '" + store() + "' && cp -a '" + pristine() + "' '" + store() + "'"); }
-    json catalog() const { return json::parse(slurp(zxblk::catalogPath(store()))); }
-    void putCatalog(const json& j) const { std::ofstream(zxblk::catalogPath(store()), std::ios::trunc) << j.dump(2); }
+    void freshStore() { run("rm -rf '" + store + "' && cp -a '" + dir + "/pristine' '" + store + "'"); }
+    json catalog() const { return json::parse(slurp(zxblk::catalogPath(store))); }
+    void putCatalog(const json& j) const { std::ofstream(zxblk::catalogPath(store), std::ios::trunc) << j.dump(2); }
     // A catalog as written before the per-copy sizes and parent ids were kept.
-    void dropRecordedFields(json& j) const {
+    static void dropRecordedFields(json& j) {
         for (json& d : j["disks"])
             for (json& c : d["copies"]) c.erase("size"), c.erase("fileSize"), c.erase("parentUniqueId");
     }
-    std::string snapshot(const std::string& name) const { return store() + "/snapshots/" + name; }
+    std::string snapshot(const std::string& name) const { return store + "/snapshots/" + name; }
 
-    std::string dir, spare;
+    std::string dir, spare, store;
 };
 
+// `f` throws a StoreError whose message starts with `expected`, on one line.
+void expectStoreError(const std::function<void()>& f, const std::string& expected, const std::string& what) {
+    try {
+        f();
+        ADD_FAILURE() << what << ": no error";
+    } catch (const zxblk::StoreError& e) {
+        EXPECT_EQ(std::string(e.what()).find(expected), 0u) << what << ": " << e.what();
+        EXPECT_EQ(std::string(e.what()).find('\n'), std::string::npos) << what;
+    }
+}
+
 TEST_F(StoreIntegrityTest, LoaderRefusesCatalogsThatBreakTheStoresInvariants) {
-    struct Case {
-        const char* what;
-        std::function<void(json&)> edit;
-        const char* expected;  // after "<catalog>: "
-    };
-    const Case cases[] = {
-        {"a disk without snapshots", [](json& j) { j["disks"][1]["copies"] = json::array(); },
-         "disks[1].copies: disk 'e' has no snapshot"},
-        {"a disk name twice", [](json& j) { j["disks"][1]["name"] = "d"; }, "disks[1].name: 'd' is also the name of disks[0]"},
-        {"a disk id twice", [](json& j) { j["disks"][1]["diskId"] = j["disks"][0]["diskId"]; }, "disks[1].diskId: "},
-        {"an archive file id twice",
-         [](json& j) { j["disks"][1]["copies"][0]["archiveFileId"] = j["disks"][0]["copies"][2]["archiveFileId"]; },
-         "disks[1].copies[0].archiveFileId: '3' is also the archive file id of disks[0].copies[2]"},
-        {"the archive file id counter wound back", [](json& j) { j["nextArchiveFileId"] = 2; },
-         "nextArchiveFileId: 2 is not above archive file id 4, which is in use"},
-        {"the disk id counter wound back", [](json& j) { j["nextDiskId"] = 1; }, "nextDiskId: 1 is not above disk id 2"},
-        {"a disk size that is not its snapshots'", [](json& j) { j["disks"][0]["size"] = 8 << 20; },
-         "disks[0].copies[0].size: 4194304 bytes, but disk 'd' has 8388608"},
-        {"a snapshot appended twice", [](json& j) { j["disks"][0]["copies"].push_back(j["disks"][0]["copies"][2]); },
-         "disks[0].copies[3].file: snapshots/d-snap2.vhd is also the file of disks[0].copies[2]"},
-        {"one file for two snapshots", [](json& j) { j["disks"][1]["copies"][0]["file"] = "snapshots//d-snap0.vhd"; },
-         "disks[1].copies[0].file: snapshots//d-snap0.vhd is also the file of disks[0].copies[0]"},
-        {"a unique id twice in a chain",
-         [](json& j) { j["disks"][0]["copies"][2]["uniqueId"] = j["disks"][0]["copies"][1]["uniqueId"]; },
+    const std::pair<std::function<void(json&)>, const char*> cases[] = {  // the edit, the field blamed
+        {[](json& j) { j["disks"][1]["copies"] = json::array(); }, "disks[1].copies: "},
+        {[](json& j) { j["disks"][1]["name"] = "d"; }, "disks[1].name: "},
+        {[](json& j) { j["disks"][1]["diskId"] = j["disks"][0]["diskId"]; }, "disks[1].diskId: "},
+        {[](json& j) { j["disks"][1]["copies"][0]["archiveFileId"] = j["disks"][0]["copies"][2]["archiveFileId"]; },
+         "disks[1].copies[0].archiveFileId: "},
+        {[](json& j) { j["nextArchiveFileId"] = 2; }, "nextArchiveFileId: 2 is not above archive file id 4"},
+        {[](json& j) { j["nextDiskId"] = 1; }, "nextDiskId: 1 is not above disk id 2"},
+        {[](json& j) { j["disks"][0]["size"] = 8 << 20; }, "disks[0].copies[0].size: "},
+        {[](json& j) { j["disks"][0]["copies"].push_back(j["disks"][0]["copies"][2]); }, "disks[0].copies[3].file: "},
+        {[](json& j) { j["disks"][1]["copies"][0]["file"] = "snapshots//d-snap0.vhd"; }, "disks[1].copies[0].file: "},
+        {[](json& j) { j["disks"][0]["copies"][2]["uniqueId"] = j["disks"][0]["copies"][1]["uniqueId"]; },
          "disks[0].copies[2].uniqueId: "},
-        {"a wrong unique id", [](json& j) { j["disks"][0]["copies"][1]["uniqueId"] = "00000000-0000-0000-0000-000000000001"; },
+        {[](json& j) { j["disks"][0]["copies"][1]["uniqueId"] = "00000000-0000-0000-0000-000000000001"; },
          "disks[0].copies[2].parentUniqueId: "},
-        {"a browse path twice",
-         [](json& j) { j["disks"][1]["copies"][0]["browsePath"] = j["disks"][0]["copies"][0]["browsePath"]; },
+        {[](json& j) { j["disks"][1]["copies"][0]["browsePath"] = j["disks"][0]["copies"][0]["browsePath"]; },
          "disks[1].copies[0].browsePath: "},
-        {"a differencing snapshot first", [](json& j) { j["disks"][0]["copies"].erase(0); },
-         "disks[0].copies[0].type: the oldest snapshot of a disk cannot be a differencing VHD"},
-        {"a full image after a differencing one",
-         [](json& j) {
+        {[](json& j) { j["disks"][0]["copies"].erase(0); }, "disks[0].copies[0].type: "},  // a differencing VHD first
+        {[](json& j) {  // a full image after a differencing one
              j["disks"][0]["copies"][2]["type"] = zxblk::kTypeDynamic;
              j["disks"][0]["copies"][2]["storedExtentSize"] = 1 << 20;
          },
-         "disks[0].copies[2].type: a newer snapshot of a disk must be a differencing VHD"},
+         "disks[0].copies[2].type: "},
     };
     freshStore();
     const json good = catalog();
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         json j = good;
-        c.edit(j);
+        c.first(j);
         putCatalog(j);
-        const std::string before = slurp(zxblk::catalogPath(store()));
-        std::string expected = zxblk::catalogPath(store()) + ": " + c.expected;
-        try {
-            zxblk::Catalog::load(store());
-            ADD_FAILURE() << c.what << ": loaded";
-        } catch (const zxblk::StoreError& e) {
-            EXPECT_EQ(std::string(e.what()).find(expected), 0u) << c.what << ": " << e.what();
-            EXPECT_EQ(std::string(e.what()).find('\n'), std::string::npos) << c.what;
-        }
+        const std::string before = slurp(zxblk::catalogPath(store));
+        const std::string expected = zxblk::catalogPath(store) + ": " + c.second;
+        expectStoreError([&] { zxblk::Catalog::load(store); }, expected, c.second);
         // An import into such a store is refused the same way and leaves it as it was.
-        try {
-            zxblk::importImages(store(), "e", {spare}, zxblk::ImportOptions());
-            ADD_FAILURE() << c.what << ": imported into";
-        } catch (const zxblk::StoreError& e) {
-            EXPECT_EQ(std::string(e.what()).find(expected), 0u) << c.what << ": " << e.what();
-        }
-        EXPECT_EQ(slurp(zxblk::catalogPath(store())), before) << c.what;
+        expectStoreError([&] { zxblk::importImages(store, "e", {spare}, zxblk::ImportOptions()); }, expected, c.second);
+        EXPECT_EQ(slurp(zxblk::catalogPath(store)), before) << c.second;
     }
     // A catalog written before the per-copy records were kept still loads,
     // and a new snapshot can be added to it.
     json old = good;
     dropRecordedFields(old);
     putCatalog(old);
-    zxblk::Catalog loaded = zxblk::Catalog::load(store());
-    EXPECT_EQ(loaded.disks.at(0).copies.at(2).fileSize, 0u);
-    zxblk::importImages(store(), "e", {spare}, zxblk::ImportOptions());
-    zxblk::Catalog after = zxblk::Catalog::load(store());
+    zxblk::Catalog loaded = zxblk::Catalog::load(store);
+    zxblk::importImages(store, "e", {spare}, zxblk::ImportOptions());
+    const zxblk::Catalog after = zxblk::Catalog::load(store);
     const zxblk::CopyRecord& added = after.findDisk("e")->copies.at(1);
     EXPECT_EQ(added.parentUniqueId, loaded.findDisk("e")->copies.at(0).uniqueId);
     EXPECT_EQ(added.size, 4u << 20);
@@ -173,93 +140,85 @@ TEST_F(StoreIntegrityTest, LoaderRefusesCatalogsThatBreakTheStoresInvariants) {
 
 TEST_F(StoreIntegrityTest, NewIdsAreAboveEveryIdInUseWhateverTheCounters) {
     freshStore();
-    zxblk::Catalog c = zxblk::Catalog::load(store());
+    zxblk::Catalog c = zxblk::Catalog::load(store);
     c.nextArchiveFileId = 1;  // as a catalog edited by hand, or restored from an old copy, may say
     c.nextDiskId = 1;
     EXPECT_EQ(c.takeArchiveFileId(), 5u);  // four copies, ids 1 to 4
     EXPECT_EQ(c.takeArchiveFileId(), 6u);
-    EXPECT_EQ(c.nextArchiveFileId, 7u);
     EXPECT_EQ(c.takeDiskId(), 3u);
     c.nextArchiveFileId = 40;
     EXPECT_EQ(c.takeArchiveFileId(), 40u);  // a counter ahead of the ids is kept
 }
 
 TEST_F(StoreIntegrityTest, RecallRefusesASnapshotFileThatIsNotItsRecord) {
-    struct Case {
-        const char* what;
+    auto swap = [this](const char* a, const char* b) {
+        return [this, a, b] { run("cd '" + store + "/snapshots' && mv " + a + " x && mv " + b + " " + a + " && mv x " + b); };
+    };
+    auto copy = [this](const char* from, const char* to) {
+        return [this, from, to] { run("cp '" + snapshot(from) + "' '" + snapshot(to) + "'"); };
+    };
+    auto edit = [this](std::function<void(json&)> f) {
+        return [this, f] {
+            json j = catalog();
+            dropRecordedFields(j);  // a catalog that cannot tell by itself
+            f(j);
+            putCatalog(j);
+        };
+    };
+    const struct {
         bool editsCatalog;  // the services are opened after the change, not before
         std::function<void()> change;
         const char* file;  // the snapshot file whose recall fails, named in the error
         const char* field;
-    };
-    auto catalogEdit = [this](std::function<void(json&)> edit) {
-        return [this, edit] {
-            json j = catalog();
-            dropRecordedFields(j);  // a catalog that cannot tell by itself
-            edit(j);
-            putCatalog(j);
-        };
-    };
-    const Case cases[] = {
-        {"the newest snapshot replaced by its parent", false,
-         [this] { run("cp '" + snapshot("d-snap1.vhd") + "' '" + snapshot("d-snap2.vhd") + "'"); }, "d-snap2.vhd",
-         "unique id: the catalog records "},
-        {"two snapshot files swapped", false,
-         [this] {
-             run("cd '" + store() + "/snapshots' && mv d-snap1.vhd x && mv d-snap2.vhd d-snap1.vhd && mv x d-snap2.vhd");
-         },
-         "d-snap2.vhd", "unique id: the catalog records "},
-        {"another disk's file", false, [this] { run("cp '" + snapshot("e-snap0.vhd") + "' '" + snapshot("d-snap0.vhd") + "'"); },
-         "d-snap0.vhd", "unique id: the catalog records "},
-        {"bytes appended", false,
-         [this] { run("tail -c 512 '" + snapshot("d-snap2.vhd") + "' >>'" + snapshot("d-snap2.vhd") + "'"); }, "d-snap2.vhd",
-         "file size: the catalog records "},
-        {"the disk size edited", true, catalogEdit([](json& j) { j["disks"][0]["size"] = 8 << 20; }), "d-snap2.vhd",
+    } cases[] = {
+        {false, copy("d-snap1.vhd", "d-snap2.vhd"), "d-snap2.vhd", "unique id: "},  // replaced by its parent
+        {false, swap("d-snap1.vhd", "d-snap2.vhd"), "d-snap2.vhd", "unique id: "},
+        {false, copy("e-snap0.vhd", "d-snap0.vhd"), "d-snap0.vhd", "unique id: "},  // another disk's file
+        {false, [this] { run("tail -c 512 '" + snapshot("d-snap2.vhd") + "' >>'" + snapshot("d-snap2.vhd") + "'"); },
+         "d-snap2.vhd", "file size: "},
+        {true, edit([](json& j) { j["disks"][0]["size"] = 8 << 20; }), "d-snap2.vhd",
          "current size: the catalog records 8388608 bytes, the file has 4194304 bytes"},
-        {"the newest unique id edited", true,
-         catalogEdit([](json& j) { j["disks"][0]["copies"][2]["uniqueId"] = "00000000-0000-0000-0000-000000000001"; }),
+        {true, edit([](json& j) { j["disks"][0]["copies"][2]["uniqueId"] = "00000000-0000-0000-0000-000000000001"; }),
          "d-snap2.vhd", "unique id: the catalog records 00000000-0000-0000-0000-000000000001, the file has "},
-        {"a base unique id edited", true,
-         catalogEdit([](json& j) { j["disks"][0]["copies"][0]["uniqueId"] = "00000000-0000-0000-0000-000000000002"; }),
-         "d-snap1.vhd", "parent unique id: the catalog records 00000000-0000-0000-0000-000000000002, the file has "},
+        {true, edit([](json& j) { j["disks"][0]["copies"][0]["uniqueId"] = "00000000-0000-0000-0000-000000000002"; }),
+         "d-snap1.vhd", "parent unique id: the catalog records 00000000-0000-0000-0000-000000000002"},
     };
     zxblk::LogCapture log;
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         freshStore();
-        std::string file = c.file;
-        std::string path = "/localhost/default/" + file.substr(0, 1) + "/snap" + file.substr(6, 1);
-        std::string expected = snapshot(c.file) + ": " + c.field;
-        auto services = zxblk::StoreServices::open(store());
+        const std::string file = c.file, expected = snapshot(c.file) + ": " + c.field;
+        const std::string path = "/localhost/default/" + file.substr(0, 1) + "/snap" + file.substr(6, 1);
+        SCOPED_TRACE(expected);
+        auto services = zxblk::StoreServices::open(store);
         // Every file opened and checked, and a recall of the copy prepared, before the change.
         unsigned long long first = 0, second = 0, k = 0;
         for (const char* p : {"/localhost/default/d/snap0", "/localhost/default/d/snap1", "/localhost/default/d/snap2"})
-            ASSERT_LE(services->lookup(SCParams(), p, 0, first, second), 1) << c.what;
+            ASSERT_LE(services->lookup(SCParams(), p, 0, first, second), 1);
         while (services->lookup(SCParams(), path, k, first, second) == 1) ++k;
-        ASSERT_LT(k, 4u) << c.what << ": no extent of " << path << " is held";
+        ASSERT_LT(k, 4u) << "no extent of " << path << " is held";
         c.change();
-        if (c.editsCatalog) services = zxblk::StoreServices::open(store());
+        if (c.editsCatalog) services = zxblk::StoreServices::open(store);
         log.clear();
         unsigned long long f2, s2;
-        EXPECT_EQ(services->lookup(SCParams(), path, k, f2, s2), 3) << c.what;
+        EXPECT_EQ(services->lookup(SCParams(), path, k, f2, s2), 3);
         bool named = false;
         for (const zxblk::LogLine& l : log.lines()) named = named || l.text.find(expected) != std::string::npos;
-        EXPECT_TRUE(named) << c.what << ": no log line with " << expected;
+        EXPECT_TRUE(named) << "no log line with " << expected;
 
         // The restore service refuses the recall itself, with the same line.
-        std::string extent = path + "/Extent" + std::to_string(k);
-        Completion done;
+        const std::string extent = path + "/Extent" + std::to_string(k);
+        std::promise<DMRestoreCompleted_t> done;
         zxblk::RecallJob job;
-        job.srcPath = "1:2:0:" + std::to_string(first) + ":" + std::to_string(second) + ":1:" + std::to_string(extent.size()) +
-                      ":" + extent;
+        job.srcPath = "1:2:0:" + std::to_string(first) + ":" + std::to_string(second) + ":1:" +
+                      std::to_string(extent.size()) + ":" + extent;
         job.target = boost::shared_ptr<NullTarget>(new NullTarget());
-        job.callback = &Completion::callback;
+        job.callback = [](void* ctx, DMRestoreCompleted_t* d) { static_cast<std::promise<DMRestoreCompleted_t>*>(ctx)->set_value(*d); };
         job.context = &done;
         std::string why;
         ASSERT_TRUE(services->submit(job, why)) << why;
-        std::unique_lock<std::mutex> lock(done.m);
-        done.c.wait(lock, [&] { return done.done; });
-        EXPECT_NE(done.result.status, 0) << c.what;
-        EXPECT_EQ(done.result.error.find(expected), 0u) << c.what << ": " << done.result.error;
+        DMRestoreCompleted_t result = done.get_future().get();
+        EXPECT_NE(result.status, 0);
+        EXPECT_EQ(result.error.find(expected), 0u) << result.error;
     }
 }
 

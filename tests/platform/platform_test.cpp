@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <random>
 #include <string>
@@ -14,7 +15,6 @@
 #include "platform/FXString.h"
 #include "platform/Log.h"
 #include "platform/ZXPlatformInfo.h"
-#include "platform/ZxServices.h"
 
 namespace {
 
@@ -30,57 +30,37 @@ std::string slurp(const std::string& path) {
     return bytes;
 }
 
-TEST(Errors, Win32CodesPushesAndTrace) {
+TEST(Errors, TraceAndFormatting) {
     CUxError e = FXErrorUtil::ErrorWin32(FXCodeLocation("lib/Inner", "void inner()", 10), 1359,
                                          "offset %u past %u", 9u, 8u);
-    EXPECT_TRUE(e.IsError());
     EXPECT_EQ(static_cast<unsigned>(e.Code()), 0x8007054Fu);
     EXPECT_EQ(e.Win32Code(), 1359u);
     e.Push(FXCodeLocation("lib/Outer", "int outer(int)", 20));
     e.Push(FXCodeLocation("lib/Top", "void top()", 30), "while recalling %s", "x/Extent4");
-    std::string text = e.AsString();
-    EXPECT_EQ(text, "error -2147023537 (Win32 1359): at lib/Inner:10 void inner() [offset 9 past 8] <- "
-                    "at lib/Outer:20 int outer(int) <- at lib/Top:30 void top() [while recalling x/Extent4]");
-    EXPECT_EQ(text.find('\n'), std::string::npos);
-    EXPECT_EQ(FXErrorUtil::ErrorWin32(FXCodeLocation("a", "b", 1), 50).Win32Code(), 50u);
-    EXPECT_EQ(CUxError::Success().AsString(), "success");
-}
-
-TEST(Errors, ZxExceptionCarriesEverything) {
-    try {
-        throw ZxException("ZxBlkVhd::setSpecialOpts", "setSpecialOpts failed for block level init", "zxblk_vhd",
-                          175, -1);
-    } catch (const ZxException& e) {
-        EXPECT_EQ(e.Function(), "ZxBlkVhd::setSpecialOpts");
-        EXPECT_EQ(e.Line(), 175);
-        EXPECT_EQ(e.Code(), -1);
-        EXPECT_STREQ(e.what(),
-                     "ZxBlkVhd::setSpecialOpts: setSpecialOpts failed for block level init (zxblk_vhd:175, code -1)");
-    }
-}
-
-TEST(FXStringFormat, NoLengthLimit) {
-    std::string big(10000, 'a');
+    EXPECT_EQ(e.AsString(), "error -2147023537 (Win32 1359): at lib/Inner:10 void inner() [offset 9 past 8] <- "
+                            "at lib/Outer:20 int outer(int) <- at lib/Top:30 void top() [while recalling x/Extent4]");
+    EXPECT_STREQ(ZxException("F::g", "failed", "zxblk_vhd", 175, -1).what(), "F::g: failed (zxblk_vhd:175, code -1)");
+    std::string big(10000, 'a');  // no length limit
     EXPECT_EQ(FXString::Format("<%s|%d>", big.c_str(), -3), "<" + big + "|-3>");
-    EXPECT_EQ(FXString::Format("%s", ""), "");
 }
+
+bool has(const CUxError& e, const std::string& text) { return e.AsString().find(text) != std::string::npos; }
 
 TEST(FXFileCalls, DispositionsWritesSeeksAndInjectedFaults) {
     std::string path = tempPath("file");
     unlink(path.c_str());
     auto_handle h;
-    CUxError e = FXFile::ZXCreateFile(h, path, GENERIC_READ | GENERIC_WRITE, 7, nullptr, OPEN_EXISTING,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr);
-    EXPECT_TRUE(e.IsError());
-    EXPECT_NE(e.AsString().find("No such file or directory"), std::string::npos);
-    ASSERT_FALSE(FXFile::ZXCreateFile(h, path, GENERIC_READ | GENERIC_WRITE, 7, nullptr, CREATE_ALWAYS,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr)
-                     .IsError());
+    auto create = [&](DWORD disposition) {
+        return FXFile::ZXCreateFile(h, path, GENERIC_READ | GENERIC_WRITE, 7, nullptr, disposition, 0, nullptr);
+    };
     DWORD written = 0;
-    ASSERT_FALSE(FXFile::ZXWriteFile(h, "hello", 5, &written, nullptr).IsError());
+    auto write = [&](const char* s) { return FXFile::ZXWriteFile(h, s, DWORD(strlen(s)), &written, nullptr); };
+    EXPECT_TRUE(has(create(OPEN_EXISTING), "No such file or directory"));
+    ASSERT_FALSE(create(CREATE_ALWAYS).IsError());
+    ASSERT_FALSE(write("hello").IsError());
     EXPECT_EQ(written, 5u);
     ASSERT_FALSE(FXFile::ZXSetFilePointer(h, 2, FILE_CURRENT, nullptr).IsError());
-    ASSERT_FALSE(FXFile::ZXWriteFile(h, "!", 1, &written, nullptr).IsError());
+    ASSERT_FALSE(write("!").IsError());
     ASSERT_FALSE(FXFile::ZXFlushFileBuffers(h).IsError());
     EXPECT_EQ(slurp(path), std::string("hello\0\0!", 8));
     EXPECT_EQ(lseek(h.get(), 0, SEEK_CUR), 8);  // the descriptor is in step after a flush
@@ -88,14 +68,12 @@ TEST(FXFileCalls, DispositionsWritesSeeksAndInjectedFaults) {
     // The second write comes out three bytes short; the third fails outright.
     zxblk::armFileFault({zxblk::FileOp::Write, 1, 0, 3});
     zxblk::armFileFault({zxblk::FileOp::Write, 2, 28 /*ENOSPC*/, 0});
-    ASSERT_FALSE(FXFile::ZXWriteFile(h, "abcd", 4, &written, nullptr).IsError());
+    ASSERT_FALSE(write("abcd").IsError());
     EXPECT_EQ(written, 4u);
-    ASSERT_FALSE(FXFile::ZXWriteFile(h, "abcd", 4, &written, nullptr).IsError());
+    ASSERT_FALSE(write("abcd").IsError());
     EXPECT_EQ(written, 1u);
-    e = FXFile::ZXWriteFile(h, "abcd", 4, &written, nullptr);
-    ASSERT_TRUE(e.IsError());
-    EXPECT_NE(e.AsString().find("FXFile::ZXWriteFile"), std::string::npos);
-    EXPECT_NE(e.AsString().find("No space left on device"), std::string::npos);
+    CUxError e = write("abcd");
+    EXPECT_TRUE(has(e, "FXFile::ZXWriteFile") && has(e, "No space left on device")) << e.AsString();
     zxblk::armFileFault({zxblk::FileOp::Seek, 0, 5 /*EIO*/, 0});
     EXPECT_TRUE(FXFile::ZXSetFilePointer(h, 1, FILE_CURRENT, nullptr).IsError());
     zxblk::armFileFault({zxblk::FileOp::Flush, 0, 5, 0});
@@ -110,36 +88,25 @@ TEST(FXFileCalls, DispositionsWritesSeeksAndInjectedFaults) {
     // The kernel refuses the buffered run only when it is written: every
     // flush from then on fails, and the space check fails on its own.
     zxblk::armFileFault({zxblk::FileOp::Commit, 0, 28, 0});
-    ASSERT_FALSE(FXFile::ZXWriteFile(h, "late", 4, &written, nullptr).IsError());
-    for (int i = 0; i < 2; ++i) {
-        e = FXFile::ZXFlushFileBuffers(h);
-        ASSERT_TRUE(e.IsError());
-        EXPECT_NE(e.AsString().find("No space left on device"), std::string::npos) << e.AsString();
-    }
+    ASSERT_FALSE(write("late").IsError());
+    for (int i = 0; i < 2; ++i) EXPECT_TRUE(has(FXFile::ZXFlushFileBuffers(h), "No space left on device"));
     zxblk::armFileFault({zxblk::FileOp::Reserve, 0, 28, 0});
-    e = FXFile::ZXReserveSpace(h.get(), 4096, path);
-    EXPECT_NE(e.AsString().find("cannot reserve 4096 bytes for " + path), std::string::npos) << e.AsString();
+    EXPECT_TRUE(has(FXFile::ZXReserveSpace(h.get(), 4096, path), "cannot reserve 4096 bytes for " + path));
     EXPECT_FALSE(FXFile::ZXReserveSpace(h.get(), 4096, path).IsError());
     zxblk::clearFileFaults();
 
-    // CREATE_ALWAYS truncates an existing file.
-    ASSERT_FALSE(FXFile::ZXCreateFile(h, path, GENERIC_WRITE, 7, nullptr, CREATE_ALWAYS, 0, nullptr).IsError());
+    ASSERT_FALSE(create(CREATE_ALWAYS).IsError());  // truncates
     EXPECT_EQ(slurp(path), "");
 
     // A run that fails when the handle closes cannot be reported: the file is
     // emptied so that it is never taken for what was written, and one line says so.
-    ASSERT_FALSE(FXFile::ZXWriteFile(h, "kept", 4, &written, nullptr).IsError());
+    ASSERT_FALSE(write("kept").IsError());
     ASSERT_FALSE(FXFile::ZXFlushFileBuffers(h).IsError());
-    ASSERT_FALSE(FXFile::ZXWriteFile(h, "lost", 4, &written, nullptr).IsError());
+    ASSERT_FALSE(write("lost").IsError());
     zxblk::armFileFault({zxblk::FileOp::Commit, 0, 28, 0});
-    {
-        zxblk::LogCapture capture;
-        h.reset();
-        auto lines = capture.texts("FXFile");
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0], "closing " + path + ": buffered bytes could not be written (No space left on device); "
-                            "the file is emptied");
-    }
+    zxblk::LogCapture capture;
+    h.reset();
+    EXPECT_EQ(capture.texts("FXFile").size(), 1u);
     zxblk::clearFileFaults();
     EXPECT_EQ(slurp(path), "");
     unlink(path.c_str());
@@ -165,8 +132,10 @@ TEST(FXFileCalls, RandomMixesMatchAPlainModel) {
         }
         long long pos = 0;
         auto_handle h;
-        ASSERT_FALSE(FXFile::ZXCreateFile(h, path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr)
-                         .IsError());
+        auto reopen = [&] {
+            return FXFile::ZXCreateFile(h, path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        };
+        ASSERT_FALSE(reopen().IsError());
         std::vector<char> buf;
         for (int op = 0; op < 300; ++op) {
             unsigned kind = rng() % 16;
@@ -191,35 +160,23 @@ TEST(FXFileCalls, RandomMixesMatchAPlainModel) {
                 }
                 continue;
             }
-            if (kind < 11) {
-                LONGLONG d = rng() % 2 ? 512 * (rng() % 8) : rng() % 100000;
-                ASSERT_FALSE(FXFile::ZXSetFilePointer(h, d, FILE_CURRENT, &reported).IsError());
-                pos += d;
-            } else if (kind == 11) {
-                LONGLONG d = -static_cast<LONGLONG>(rng() % (pos + 1));
-                ASSERT_FALSE(FXFile::ZXSetFilePointer(h, d, FILE_CURRENT, &reported).IsError());
-                pos += d;
-            } else if (kind == 12) {
-                LONGLONG d = rng() % (4 << 20);
-                ASSERT_FALSE(FXFile::ZXSetFilePointer(h, d, FILE_BEGIN, &reported).IsError());
-                pos = d;
-            } else if (kind == 13) {
-                LONGLONG d = -static_cast<LONGLONG>(rng() % 4096);
-                ASSERT_FALSE(FXFile::ZXSetFilePointer(h, d, FILE_END, &reported).IsError());
-                pos = static_cast<long long>(model.size()) + d;
+            if (kind < 14) {  // forward, backward, absolute and from-the-end seeks
+                DWORD how = kind < 12 ? FILE_CURRENT : kind == 12 ? FILE_BEGIN : FILE_END;
+                LONGLONG d = kind < 11    ? (rng() % 2 ? 512 * (rng() % 8) : rng() % 100000)
+                             : kind == 11 ? -static_cast<LONGLONG>(rng() % (pos + 1))
+                             : kind == 12 ? rng() % (4 << 20)
+                                          : -static_cast<LONGLONG>(rng() % 4096);
+                ASSERT_FALSE(FXFile::ZXSetFilePointer(h, d, how, &reported).IsError());
+                pos = (how == FILE_CURRENT ? pos : how == FILE_BEGIN ? 0 : static_cast<long long>(model.size())) + d;
+                ASSERT_EQ(reported, static_cast<ULONGLONG>(pos));
             } else if (kind == 14) {
                 ASSERT_FALSE(FXFile::ZXFlushFileBuffers(h).IsError());
                 ASSERT_EQ(lseek(h.get(), 0, SEEK_CUR), pos);
                 ASSERT_TRUE(slurp(path) == model) << "after a flush, op " << op;
             } else {
                 h.reset();  // written out on close, without a flush
-                ASSERT_FALSE(FXFile::ZXCreateFile(h, path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                                                  0, nullptr)
-                                 .IsError());
+                ASSERT_FALSE(reopen().IsError());
                 pos = 0;
-            }
-            if (kind < 14) {
-                ASSERT_EQ(reported, static_cast<ULONGLONG>(pos));
             }
         }
         h.reset();
@@ -238,30 +195,20 @@ TEST(FXFileCalls, SectorCallsCoalesce) {
                      .IsError());
     std::vector<char> sector(512, 'x'), zeros(512, 0), expected;
     DWORD written = 0;
-    struct Case {
+    const struct {
         const char* what;
-        int writes, seeks, zeroWrites;  // per 512-byte step: calls in this order
+        bool data, seek;  // per 512-byte step: a data write, a seek or a write of zeros
         unsigned long long maxWrites, maxOthers;  // flush included
-    };
-    const Case cases[] = {
-        {"data sectors", 1, 0, 0, 2, 1},
-        {"skipped sectors", 0, 1, 0, 0, 1},
-        {"zero sectors past the end", 0, 0, 1, 0, 4},
-    };
-    for (const Case& c : cases) {
+    } cases[] = {{"data sectors", true, false, 2, 1}, {"skipped sectors", false, true, 0, 1},
+                 {"zero sectors past the end", false, false, 0, 4}};
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         zxblk::KernelFileCalls before = zxblk::kernelFileCalls();
         for (int i = 0; i < 2048; ++i) {
-            if (c.writes) {
-                ASSERT_FALSE(FXFile::ZXWriteFile(h, sector.data(), 512, &written, nullptr).IsError());
-            }
-            if (c.seeks) {
-                ASSERT_FALSE(FXFile::ZXSetFilePointer(h, 512, FILE_CURRENT, nullptr).IsError());
-            }
-            if (c.zeroWrites) {
-                ASSERT_FALSE(FXFile::ZXWriteFile(h, zeros.data(), 512, &written, nullptr).IsError());
-            }
-            expected.insert(expected.end(), c.writes ? sector.begin() : zeros.begin(), c.writes ? sector.end() : zeros.end());
+            ASSERT_FALSE((c.seek ? FXFile::ZXSetFilePointer(h, 512, FILE_CURRENT, nullptr)
+                                 : FXFile::ZXWriteFile(h, c.data ? sector.data() : zeros.data(), 512, &written, nullptr))
+                             .IsError());
+            expected.insert(expected.end(), c.data ? sector.begin() : zeros.begin(), c.data ? sector.end() : zeros.end());
         }
         ASSERT_FALSE(FXFile::ZXFlushFileBuffers(h).IsError());
         zxblk::KernelFileCalls after = zxblk::kernelFileCalls();
@@ -285,53 +232,40 @@ TEST(FXFileCalls, SectorCallsCoalesce) {
     unlink(path.c_str());
 }
 
-TEST(Configuration, IniBooleansAndMissingFiles) {
+TEST(Configuration, IniBooleansHostDefaultsAndMissingFiles) {
     std::string path = tempPath("config.ini");
     std::ofstream(path) << "[VirtualServer]\nbOn=true\nbOff=0\nbYes=YES\nbJunk=maybe\ncount=42\n"
                            "[Other]\nbOn=false\n";
     setenv("ZXBLK_CONFIG", path.c_str(), 1);
     ZXPlatformInfo::ReloadForTests();
-    ZXPlatformInfo info;
-    bool v = false;
-    EXPECT_TRUE(info.getBoolean("VirtualServer", "bOn", &v));
-    EXPECT_TRUE(v);
-    EXPECT_TRUE(info.getBoolean("VirtualServer", "bOff", &v));
-    EXPECT_FALSE(v);
-    v = false;
-    EXPECT_TRUE(info.getBoolean("VirtualServer", "bYes", &v));
-    EXPECT_TRUE(v);
-    EXPECT_FALSE(info.getBoolean("VirtualServer", "bJunk", &v));  // unchanged
-    EXPECT_TRUE(v);
-    EXPECT_FALSE(info.getBoolean("VirtualServer", "absent", &v));
-    EXPECT_TRUE(v);
-    EXPECT_TRUE(info.getBoolean("Other", "bOn", &v));
-    EXPECT_FALSE(v);
-    long long n = 0;
-    EXPECT_TRUE(info.getInteger("VirtualServer", "count", &n));
-    EXPECT_EQ(n, 42);
     // The host's defaults fill only what the file leaves unset.
     ZXPlatformInfo::setHostDefault("VirtualServer", "bOff", "true");
     ZXPlatformInfo::setHostDefault("VirtualServer", "bHostOnly", "true");
-    EXPECT_TRUE(info.getBoolean("VirtualServer", "bOff", &v));
-    EXPECT_FALSE(v);
-    v = false;
-    EXPECT_TRUE(info.getBoolean("VirtualServer", "bHostOnly", &v));
-    EXPECT_TRUE(v);
-    EXPECT_FALSE(info.getBoolean("Other", "bHostOnly", &v));
+    const struct {
+        const char *section, *key;
+        bool found, value;  // when not found, the value is left as it was
+    } cases[] = {{"VirtualServer", "bOn", true, true},       {"VirtualServer", "bOff", true, false},
+                 {"VirtualServer", "bYes", true, true},      {"VirtualServer", "bJunk", false, true},
+                 {"VirtualServer", "absent", false, false},  {"Other", "bOn", true, false},
+                 {"VirtualServer", "bHostOnly", true, true}, {"Other", "bHostOnly", false, true}};
+    ZXPlatformInfo info;
+    for (const auto& c : cases) {
+        bool v = c.found ? !c.value : c.value;
+        EXPECT_EQ(info.getBoolean(c.section, c.key, &v), c.found) << c.section << "/" << c.key;
+        EXPECT_EQ(v, c.value) << c.section << "/" << c.key;
+    }
+    long long n = 0;
+    EXPECT_TRUE(info.getInteger("VirtualServer", "count", &n));
+    EXPECT_EQ(n, 42);
 
     setenv("ZXBLK_CONFIG", (path + ".missing").c_str(), 1);
     ZXPlatformInfo::ReloadForTests();
-    v = true;
+    bool v = true;
     EXPECT_FALSE(ZXPlatformInfo().getBoolean("VirtualServer", "bOn", &v));
     EXPECT_TRUE(v);
     unsetenv("ZXBLK_CONFIG");
     ZXPlatformInfo::ReloadForTests();
     unlink(path.c_str());
-
-    info.setFocus(ZXPI_Focus::getFocus());
-    char host[256] = {0};
-    gethostname(host, sizeof host - 1);
-    EXPECT_STREQ(info.getPhysicalMachine(), host);
 }
 
 TEST(Logging, CaptureLevelsAndFileSink) {
@@ -346,15 +280,11 @@ TEST(Logging, CaptureLevelsAndFileSink) {
         log.Debug("T::a", "x=%d\n", 5);
         log.DebugLvl("T::b", 2, "hidden %s", "line");
         log.Error("T::c", "broke");
-        EXPECT_EQ(g_ptrLogWriter->GetLogLevel(), 1);
         g_ptrLogWriter->WriteLog(0, "void f()", 1, 0, 0, "written %d", 0);
         g_ptrLogWriter->WriteLog(3, "void f()", 1, 0, 0, "dropped");
         auto lines = capture.lines();
         ASSERT_EQ(lines.size(), 4u);  // every EvDebug line, writer lines that pass its level
-        EXPECT_EQ(lines[0].text, "x=5\n");
-        EXPECT_EQ(lines[0].level, 1);
         EXPECT_EQ(lines[1].text, "hidden line");
-        EXPECT_EQ(lines[2].level, -1);
         EXPECT_EQ(capture.texts("void f()"), std::vector<std::string>{"written 0"});
     }
     zxblk::LogSink::setFile("");
@@ -364,21 +294,6 @@ TEST(Logging, CaptureLevelsAndFileSink) {
     EXPECT_EQ(text.find("hidden line"), std::string::npos);  // level 2 filtered out of the sink
     EXPECT_NE(text.find("L-1 [T::c] broke\n"), std::string::npos);
     unlink(path.c_str());
-}
-
-TEST(Registry, SlotsAreReplaceable) {
-    class Records : public zxblk::RecordsService {
-    public:
-        bool subclient(uint32_t, AppIdInfo&) override { return false; }
-        bool clientName(uint64_t, std::string&) override { return false; }
-        bool instanceName(uint64_t, std::string&) override { return false; }
-        bool backupSetName(uint64_t, std::string&) override { return false; }
-    };
-    auto r = std::make_shared<Records>();
-    zxblk::setRecordsService(r);
-    EXPECT_EQ(zxblk::recordsService(), r);
-    zxblk::setRecordsService(nullptr);
-    EXPECT_EQ(zxblk::recordsService(), nullptr);
 }
 
 }  // namespace

@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -10,12 +9,13 @@
 #include <set>
 #include <thread>
 
-#include "platform/DMRService/RestoreTarget.h"
 #include "platform/IdxBrowseClient.h"
 #include "platform/ZxBlkBackingStore.h"
 #include "support_services/test_services.h"
 
 namespace {
+
+bool has(const CUxError& e, const std::string& text) { return e.AsString().find(text) != std::string::npos; }
 
 class BackingStoreTest : public testing::Test {
 protected:
@@ -45,15 +45,12 @@ TEST_F(BackingStoreTest, FanOutNames) {
     ZxBlkBackingStore s(dir, 0);
     std::set<std::string> names;
     std::map<std::string, int> perFolder;
+    int most = 0;
     for (long long n = 0; n < 1000000; ++n) {
         std::string name = s.extentPath(n);
-        if (n % 101 == 0) {
-            EXPECT_TRUE(names.insert(name).second);
-        }
-        ++perFolder[name.substr(0, name.rfind('/'))];
+        if (n % 101 == 0 && !names.insert(name).second) ADD_FAILURE() << "two extents named " << name;
+        most = std::max(most, ++perFolder[name.substr(0, name.rfind('/'))]);
     }
-    int most = 0;
-    for (auto& f : perFolder) most = std::max(most, f.second);
     EXPECT_LE(most, 256);  // a million extents: no folder holds more than 256 files
     std::string name;
     EXPECT_TRUE(s.getExtentFileName(-1, &name).IsError());
@@ -68,13 +65,10 @@ TEST_F(BackingStoreTest, MoveInCapacityReplaceAndRestart) {
         EXPECT_EQ(a.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._/-"), std::string::npos);
         ASSERT_FALSE(s.moveInExtentFile(a, 1).IsError());
         EXPECT_EQ(access(a.c_str(), F_OK), -1);
-        std::string b = makeTemp(s, 1500, 'b');
-        ASSERT_FALSE(s.moveInExtentFile(b, 2).IsError());
+        ASSERT_FALSE(s.moveInExtentFile(makeTemp(s, 1500, 'b'), 2).IsError());
         EXPECT_EQ(s.usedBytes(), 2500u);
         std::string c = makeTemp(s, 1000, 'c');
-        CUxError full = s.moveInExtentFile(c, 3);
-        ASSERT_TRUE(full.IsError());
-        EXPECT_NE(full.AsString().find("cache full"), std::string::npos);
+        EXPECT_TRUE(has(s.moveInExtentFile(c, 3), "cache full"));
         EXPECT_EQ(slurp(c), std::string(1000, 'c'));  // the temporary file stays
         EXPECT_FALSE(s.hasExtent(3));
         EXPECT_EQ(s.usedBytes(), 2500u);
@@ -91,11 +85,7 @@ TEST_F(BackingStoreTest, MoveInCapacityReplaceAndRestart) {
     EXPECT_EQ(again.extents(), (std::vector<long long>{1, 2}));
     EXPECT_EQ(again.usedBytes(), 3000u);
     again.clearTemporaries();
-    DIR* d = opendir((dir + "/tmp").c_str());
-    int left = 0;
-    while (auto* e = readdir(d)) left += e->d_name[0] != '.';
-    closedir(d);
-    EXPECT_EQ(left, 0);
+    EXPECT_EQ(rmdir((dir + "/tmp").c_str()), 0);  // only an empty folder can be removed
     ASSERT_FALSE(again.removeExtent(2).IsError());
     EXPECT_EQ(again.usedBytes(), 1500u);
 }
@@ -109,11 +99,7 @@ TEST_F(BackingStoreTest, MoveInChecksSizeAndGivesBackUnwrittenSpace) {
     ZxBlkBackingStore s(dir, 0);
     s.setExtentSize(E);
     std::string empty = makeTemp(s, 0, 'x');
-    CUxError e = s.moveInExtentFile(empty, 1);
-    ASSERT_TRUE(e.IsError());
-    EXPECT_NE(e.AsString().find("temporary file " + empty + " holds 0 bytes, not the extent size 1048576"),
-              std::string::npos)
-        << e.AsString();
+    EXPECT_TRUE(has(s.moveInExtentFile(empty, 1), "temporary file " + empty + " holds 0 bytes, not the extent size"));
     EXPECT_EQ(access(empty.c_str(), F_OK), 0);
     EXPECT_FALSE(s.hasExtent(1));
 
@@ -161,9 +147,7 @@ TEST_F(BackingStoreTest, FullStoreAsksItsEvictionHandlerWhileItFreesRoom) {
     EXPECT_EQ(slurp(s.extentPath(3)), std::string(1000, 'c'));
     // A handler that frees nothing: asked once more only after it freed room, then "cache full".
     std::string d = makeTemp(s, 1000, 'd');
-    CUxError full = s.moveInExtentFile(d, 4);
-    ASSERT_TRUE(full.IsError());
-    EXPECT_NE(full.AsString().find("cache full"), std::string::npos);
+    EXPECT_TRUE(has(s.moveInExtentFile(d, 4), "cache full"));
     EXPECT_EQ(asked, (std::vector<unsigned long long>{500, 500}));
     EXPECT_EQ(slurp(d), std::string(1000, 'd'));
     EXPECT_EQ(s.usedBytes(), 2500u);
@@ -200,11 +184,7 @@ TEST(IndexClient, InitializeUpdateAndFailures) {
     Indexing::IdxLiveUpdateReq update;
     databrowse::BrowseResponse response;
     EXPECT_NE(client.UpdateIndex(update, response), 0);  // not initialized
-    index->failInitialize = 1;
-    EXPECT_NE(client.Initialize(req, nullptr, 2000, nullptr, nullptr), 0);
     EXPECT_EQ(client.Initialize(req, nullptr, 2000, nullptr, nullptr), 0);
-    index->failUpdate = 1;
-    EXPECT_NE(client.UpdateIndex(update, response), 0);
     EXPECT_EQ(client.UpdateIndex(update, response), 0);
     EXPECT_EQ(index->updates.size(), 1u);
     zxblk::setIndexService(nullptr);
@@ -228,61 +208,6 @@ TEST(Messages, FieldsReadBackAndCopiesAreDeep) {
               "{\"message\":[48,122],\"fields\":[{\"id\":[1,1],\"key\":[816748524,6074275],\"int64\":6},"
               "{\"id\":[13,16],\"key\":[816748524,6487156],\"objects\":[{\"message\":[48,365],\"fields\":["
               "{\"id\":[1,1],\"key\":[813757724,2572008],\"uints\":[9]}]}]}]}");
-}
-
-TEST(ScriptedService, CompletesOnItsOwnThreadAndAlwaysCallsBack) {
-    struct Recorder : CRestoreTarget {
-        std::vector<std::string> calls;
-        CUxError Open(void*) override { return calls.push_back("open"), CUxError(); }
-        CUxError Write(const void*, unsigned n) override { return calls.push_back("write" + std::to_string(n)), CUxError(); }
-        CUxError WriteHole(unsigned n) override { return calls.push_back("hole" + std::to_string(n)), CUxError(); }
-        CUxError Flush() override { return calls.push_back("flush"), CUxError(); }
-        CUxError Close(bool) override { return calls.push_back("close"), CUxError(); }
-        bool Exists() override { return false; }
-    };
-    struct Waiter {
-        std::mutex m;
-        std::condition_variable c;
-        std::vector<DMRestoreCompleted_t> done;
-        std::thread::id thread;
-    } waiter;
-    auto callback = [](void* ctx, DMRestoreCompleted_t* d) {
-        auto* w = static_cast<Waiter*>(ctx);
-        std::lock_guard<std::mutex> lock(w->m);
-        w->done.push_back(*d);
-        w->thread = std::this_thread::get_id();
-        w->c.notify_all();
-    };
-    std::vector<unsigned char> extent(3000, 1);
-    zxtest::ScriptedRestoreService service([&](const zxblk::RecallJob& job) {
-        zxtest::Script s = zxtest::streamOf(extent, nullptr, 1024, {{1024, 2048}});
-        if (job.requestId == 2) s.failAtStep = 1;
-        if (job.requestId == 3) s.refuse = true;
-        return s;
-    });
-    auto target = boost::shared_ptr<Recorder>(new Recorder());
-    zxblk::RecallJob job;
-    job.target = target;
-    job.callback = callback;
-    job.context = &waiter;
-    std::string why;
-    job.requestId = 1;
-    ASSERT_TRUE(service.submit(job, why));
-    service.waitIdle();
-    EXPECT_EQ(target->calls, (std::vector<std::string>{"open", "write1024", "hole1024", "write952", "flush", "close"}));
-    job.requestId = 2;
-    ASSERT_TRUE(service.submit(job, why));
-    job.requestId = 3;
-    EXPECT_FALSE(service.submit(job, why));
-    EXPECT_EQ(why, "scripted refusal");
-    service.waitIdle();
-    std::lock_guard<std::mutex> lock(waiter.m);
-    ASSERT_EQ(waiter.done.size(), 2u);
-    EXPECT_EQ(waiter.done[0].requestId, 1u);
-    EXPECT_EQ(waiter.done[0].status, 0);
-    EXPECT_EQ(waiter.done[1].requestId, 2u);
-    EXPECT_NE(waiter.done[1].status, 0);  // a failed step still calls back
-    EXPECT_NE(waiter.thread, std::this_thread::get_id());
 }
 
 }  // namespace

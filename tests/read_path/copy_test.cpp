@@ -12,6 +12,15 @@ protected:
     }
     void TearDown() override { unlink(path.c_str()); }
     void write(const Bytes& b) { std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), b.size()); }
+    // The file from `offset`, its size taken from the file (the call allocates the buffer).
+    Bytes load(long long offset, bool direct, long& len) {
+        unsigned char* buf = new unsigned char(0);
+        EXPECT_TRUE(disk->copyDataToBuffer(path, offset, &len, &buf, true, direct));
+        Bytes out(buf, buf + len);
+        delete[] buf;
+        return out;
+    }
+    Bytes flags(size_t from, size_t n) { return Bytes(disk->holeBitmap + from, disk->holeBitmap + from + n); }
     std::string path;
     std::unique_ptr<ZxBlkVhd> disk;
 };
@@ -27,54 +36,34 @@ Bytes sample() {
 TEST_F(CopyTest, LoadWholeFile) {
     write(sample());
     long len = 1;
-    unsigned char* buf = new unsigned char(0);
-    ASSERT_TRUE(disk->copyDataToBuffer(path, 0, &len, &buf, true, true));
-    EXPECT_EQ(len, 2048);
-    EXPECT_EQ(Bytes(buf, buf + 2048), sample());
-    for (int s = 0; s < 4; ++s) EXPECT_EQ(disk->holeBitmap[s], 0);  // untouched by a direct read
-    delete[] buf;
-
-    // Sector mode marks the zero sectors as holes.
-    buf = new unsigned char(0);
-    ASSERT_TRUE(disk->copyDataToBuffer(path, 0, &len, &buf, true, false));
-    EXPECT_EQ(Bytes(buf, buf + 2048), sample());
-    EXPECT_EQ(Bytes(disk->holeBitmap, disk->holeBitmap + 4), (Bytes{0, 1, 0, 1}));
-    delete[] buf;
-
-    // An all-zero file: a zero buffer and every flag set; an empty file: length 0.
+    EXPECT_EQ(load(0, true, len), sample());
+    EXPECT_EQ(flags(0, 4), Bytes(4, 0));  // untouched by a direct read
+    EXPECT_EQ(load(0, false, len), sample());
+    EXPECT_EQ(flags(0, 4), (Bytes{0, 1, 0, 1}));  // sector mode marks the zero sectors as holes
     write(Bytes(1024, 0));
-    buf = new unsigned char(0);
-    ASSERT_TRUE(disk->copyDataToBuffer(path, 2048, &len, &buf, true, false));
-    EXPECT_EQ(Bytes(buf, buf + 1024), Bytes(1024, 0));
-    EXPECT_EQ(disk->holeBitmap[4], 1);
-    EXPECT_EQ(disk->holeBitmap[5], 1);
-    delete[] buf;
+    EXPECT_EQ(load(2048, false, len), Bytes(1024, 0));
+    EXPECT_EQ(flags(4, 2), (Bytes{1, 1}));
     write(Bytes());
-    buf = new unsigned char(0);
-    ASSERT_TRUE(disk->copyDataToBuffer(path, 0, &len, &buf, true, false));
-    EXPECT_EQ(len, 0);
-    delete[] buf;
+    EXPECT_EQ(load(0, false, len).size(), 0u);
 }
 
 TEST_F(CopyTest, MergeFillsOnlyFlaggedHoles) {
     write(sample());
-    Bytes mine(2048, 0xAA);
+    Bytes mine(2048, 0xAA), expected = mine;
     long len = 2048;
     unsigned char* buf = mine.data();
     std::memset(disk->holeBitmap, 0, disk->bitmapSize);
     ASSERT_TRUE(disk->copyDataToBuffer(path, 0, &len, &buf, false, false));
-    EXPECT_EQ(mine, Bytes(2048, 0xAA));  // no flag set: nothing changes
+    EXPECT_EQ(mine, expected);  // no flag set: nothing changes
 
     disk->holeBitmap[0] = 1;  // file sector has data: taken, flag cleared
     disk->holeBitmap[1] = 1;  // file sector is zero: left alone, still flagged
     ASSERT_TRUE(disk->copyDataToBuffer(path, 0, &len, &buf, false, false));
-    Bytes expected(2048, 0xAA);
     std::fill(expected.begin(), expected.begin() + 512, 0x11);
     EXPECT_EQ(mine, expected);
-    EXPECT_EQ(Bytes(disk->holeBitmap, disk->holeBitmap + 4), (Bytes{0, 1, 0, 0}));
+    EXPECT_EQ(flags(0, 4), (Bytes{0, 1, 0, 0}));
 
-    // offset 4096 uses flag 8 for the buffer's first sector.
-    disk->holeBitmap[8] = 1;
+    disk->holeBitmap[8] = 1;  // offset 4096 uses flag 8 for the buffer's first sector
     len = 512;
     ASSERT_TRUE(disk->copyDataToBuffer(path, 4096, &len, &buf, false, false));
     EXPECT_EQ(disk->holeBitmap[8], 0);
@@ -84,19 +73,21 @@ TEST_F(CopyTest, ShortFilesAndBadRanges) {
     write(Bytes(1000, 5));
     Bytes mine(2048, 0);
     unsigned char* buf = mine.data();
-    long len = 2048;
-    zxblk::LogCapture capture;
-    EXPECT_FALSE(disk->copyDataToBuffer(path, 0, &len, &buf, false, true));
-    EXPECT_FALSE(disk->copyDataToBuffer(path, 0, &len, &buf, false, false));
-    auto lines = capture.texts("ZxBlkVhd::copyDataToBuffer");
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].rfind("Vhd restore file " + path + " read failed @ 0 : ", 0), 0u);
-    EXPECT_FALSE(disk->copyDataToBuffer(path + ".none", 0, &len, &buf, false, false));
-    EXPECT_TRUE(capture.contains("Failed to open file" + path + ".none"));
-    len = 700;  // not whole sectors
-    EXPECT_FALSE(disk->copyDataToBuffer(path, 0, &len, &buf, false, false));
-    len = 1024;  // past the 16 sectors of the extent
-    EXPECT_FALSE(disk->copyDataToBuffer(path, 7680, &len, &buf, false, false));
+    const struct {
+        std::string file;
+        long long offset;
+        long len;
+        bool direct;
+    } cases[] = {
+        {path, 0, 2048, true}, {path, 0, 2048, false},  // the file is short
+        {path + ".none", 0, 2048, false},              // no such file
+        {path, 0, 700, false},                          // not whole sectors
+        {path, 7680, 1024, false},                      // past the 16 sectors of the extent
+    };
+    for (const auto& c : cases) {
+        long len = c.len;
+        EXPECT_FALSE(disk->copyDataToBuffer(c.file, c.offset, &len, &buf, false, c.direct)) << c.file << " " << c.offset;
+    }
 }
 
 }  // namespace

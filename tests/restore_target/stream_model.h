@@ -15,15 +15,12 @@ struct Call {
 };
 
 struct Setup {
-    uint32_t extentSize = 4096;
-    uint32_t sectorSize = 512;
-    bool bitmapInExtent = false;
-    bool skipBitmap = false;
-    bool hasSectorsToWrite = false;
-    std::vector<bool> sectorsToWrite;   // one per sector of the extent
-    bool toExisting = false;            // the file exists and the extent starts at existingOffset
+    uint32_t extentSize = 4096, sectorSize = 512;
+    bool bitmapInExtent = false, skipBitmap = false, hasSectorsToWrite = false;
+    std::vector<bool> sectorsToWrite;  // one per sector of the extent
+    bool toExisting = false;           // the file exists and the extent starts at existingOffset
     uint64_t existingOffset = 0;
-    std::vector<uint8_t> initialFile;   // when toExisting
+    std::vector<uint8_t> initialFile;  // when toExisting
 };
 
 struct Outcome {
@@ -37,62 +34,47 @@ struct Outcome {
 inline Outcome run(const Setup& s, const std::vector<Call>& calls) {
     Outcome o;
     o.file = s.toExisting ? s.initialFile : std::vector<uint8_t>();
-    uint32_t sectors = s.extentSize / s.sectorSize;
+    uint32_t sectors = s.extentSize / s.sectorSize, gathered = 0;
     o.parent.assign(sectors, false);
     std::vector<bool> holeBits(8 * s.sectorSize, false);
-    uint32_t gathered = 0;
-    std::vector<char> kinds;  // per content byte: D data, S skip, H hole, Z zero
+    std::string kinds;  // per content byte: D data, S skip, H hole, Z zero
     auto wanted = [&](uint32_t p) { return !s.hasSectorsToWrite || s.sectorsToWrite[p / s.sectorSize]; };
-    auto put = [&](uint32_t p, uint8_t b) {
+    auto put = [&](uint32_t p, uint8_t b, char kind) {
         uint64_t at = s.existingOffset + p;
         if (o.file.size() <= at) o.file.resize(at + 1, 0);
         o.file[at] = b;
+        kinds.push_back(kind);
     };
     auto hole = [&](uint32_t p, bool full) {
         if (!wanted(p)) return kinds.push_back('S');
-        if (full) {
-            put(p, 0);
-            return kinds.push_back('Z');
-        }
+        if (full) return put(p, 0, 'Z');
         o.parentMade = true;
-        if (p / s.sectorSize < sectors && p / s.sectorSize < 8 * ((sectors) / 8)) o.parent[p / s.sectorSize] = true;
+        if (p / s.sectorSize < 8 * (sectors / 8)) o.parent[p / s.sectorSize] = true;
         kinds.push_back('H');
     };
     for (const Call& c : calls) {
         if (c.hole) {
-            bool full = c.length == s.extentSize;
-            for (uint32_t i = 0; i < c.length; ++i) hole(o.offset + i, full);
+            for (uint32_t i = 0; i < c.length; ++i) hole(o.offset + i, c.length == s.extentSize);
             o.offset += c.length;
             continue;
         }
         size_t i = 0;
-        if (s.bitmapInExtent) {
-            for (; i < c.data.size() && gathered < s.sectorSize; ++i, ++gathered)
-                for (int bit = 0; bit < 8; ++bit) holeBits[gathered * 8 + bit] = (c.data[i] >> (7 - bit)) & 1;
-        }
-        bool applied = s.bitmapInExtent && !s.skipBitmap;
+        for (; s.bitmapInExtent && i < c.data.size() && gathered < s.sectorSize; ++i, ++gathered)
+            for (int bit = 0; bit < 8; ++bit) holeBits[gathered * 8 + bit] = (c.data[i] >> (7 - bit)) & 1;
         for (; i < c.data.size(); ++i, ++o.offset) {
-            uint32_t p = o.offset;
-            if (applied && !holeBits[p / s.sectorSize]) {
-                // A dropped byte is a hole of at most a sector, never a whole
-                // extent (extents here have at least two sectors).
-                hole(p, false);
-            } else if (wanted(p)) {
-                put(p, c.data[i]);
-                kinds.push_back('D');
-            } else {
-                kinds.push_back('S');
-            }
+            // A dropped byte is a hole of at most a sector, never a whole
+            // extent (extents here have at least two sectors).
+            if (s.bitmapInExtent && !s.skipBitmap && !holeBits[o.offset / s.sectorSize]) hole(o.offset, false);
+            else if (wanted(o.offset)) put(o.offset, c.data[i], 'D');
+            else kinds.push_back('S');
         }
     }
     // Holes seek without writing: the file ends with its last written byte
     // (or keeps its size when it existed).
-    for (size_t i = 0; i < kinds.size();) {
-        size_t j = i;
-        while (j < kinds.size() && kinds[j] == kinds[i]) ++j;
+    for (size_t i = 0, j; i < kinds.size(); i = j) {
+        for (j = i; j < kinds.size() && kinds[j] == kinds[i];) ++j;
         const char* name = kinds[i] == 'D' ? "DATA" : kinds[i] == 'S' ? "SKIP" : kinds[i] == 'H' ? "HOLE" : "ZERO";
         o.summary += "|--" + std::string(name) + "(" + std::to_string(j - i) + ")--|";
-        i = j;
     }
     if (!o.parentMade) o.parent.clear();
     return o;
