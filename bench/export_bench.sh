@@ -10,6 +10,9 @@
 #                                    differencing VHD to its parent)
 #   unallocated dynamic VHD 4 GiB    qemu-img convert; also the cost of one
 #                                    unallocated extent (zxblk time / extents)
+#   dynamic VHD 1 GiB, checksums     zxblk export of the same snapshot from a
+#                                    store whose catalog records no checksums
+#                                    (what checking every block costs)
 #
 # plus the system calls of one zxblk export of the 1 GiB dynamic VHD under
 # `strace -c -f`, and the space each output takes on disk.
@@ -93,16 +96,29 @@ imp chainref "$work/chainref.vhd"
 imp empty4g "$work/empty4g.vhd"
 # The store holds its own copies; the peer reads those.
 rm -f "$work"/*.vhd "$work"/chain/*.vhd
+# The same store with no checksums recorded, as a store made before they
+# were: its catalog names no sums files, so recalls check nothing.
+cp -al "$store" "$work/nosums"
+rm "$work/nosums/catalog.json"
+python3 - "$store/catalog.json" "$work/nosums/catalog.json" <<'PY'
+import json, sys
+cat = json.load(open(sys.argv[1]))
+for disk in cat["disks"]:
+    for copy in disk["copies"]:
+        copy.pop("sums", None), copy.pop("sumsChecksum", None)
+json.dump(cat, open(sys.argv[2], "w"))
+PY
 
-jobs=(dyn512 dyn1g fixed1g chain empty4g)
-declare -A label ref peer_kind peer_arg peer_name share best_z best_p alloc_z alloc_p
+jobs=(dyn512 dyn1g fixed1g chain empty4g sums)
+declare -A disk label ref peer_kind peer_arg peer_name share best_z best_p alloc_z alloc_p
 pct() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.0f%%", 100 * a / b }'; }
 for j in dyn512 dyn1g fixed1g empty4g; do
     peer_kind[$j]=qemu peer_arg[$j]=$(store_file "$store" "$j") peer_name[$j]="qemu-img convert"
 done
 peer_kind[chain]=zxblk peer_arg[chain]=chainref peer_name[chain]="zxblk, dynamic VHD"
+disk[sums]=dyn1g peer_kind[sums]=nosums peer_arg[sums]=dyn1g peer_name[sums]="zxblk, no checksums"
 ref[dyn512]=$work/d512.raw ref[dyn1g]=$work/d1g.raw ref[fixed1g]=$work/d1g.raw
-ref[chain]=$work/chain/snap2.raw ref[empty4g]=$work/zero4g.raw
+ref[chain]=$work/chain/snap2.raw ref[empty4g]=$work/zero4g.raw ref[sums]=$work/d1g.raw
 dyn1g_data=$(data_bytes "${peer_arg[dyn1g]}" vpc)
 share[dyn512]=$(pct "$(data_bytes "${peer_arg[dyn512]}" vpc)" $((512 * MiB)))
 share[dyn1g]=$(pct "$dyn1g_data" $((1024 * MiB)))
@@ -112,15 +128,16 @@ label[dyn1g]="dynamic VHD 1 GiB, ${share[dyn1g]} data"
 label[fixed1g]="fixed VHD 1 GiB, ${share[dyn1g]} data"
 label[chain]="chain of 3 VHDs 512 MiB, ${share[chain]} data"
 label[empty4g]="unallocated dynamic VHD 4 GiB"
+label[sums]="dynamic VHD 1 GiB, checksums checked"
 
 # One timed run of each kind; each sets `last` to its seconds. Outputs that
 # are gone before the next run leave no dirty pages for it to write back.
 n=0
-zx_export() {  # DISK OUT
+zx_export() {  # DISK OUT [STORE]
     local cache=$work/cache.$((n += 1)) t0 t1
     rm -f "$2"; sync
     t0=$EPOCHREALTIME
-    "$zxblk" export --store "$store" --disk "$1" --out "$2" --cache "$cache" >"$work/export.log" 2>&1 || {
+    "$zxblk" export --store "${3:-$store}" --disk "$1" --out "$2" --cache "$cache" >"$work/export.log" 2>&1 || {
         cat "$work/export.log" >&2; die "zxblk export --disk $1 failed"
     }
     t1=$EPOCHREALTIME
@@ -161,13 +178,15 @@ for ((r = 1; r <= rounds; r++)); do
     if [ "$r" -gt 1 ] && ! more_rounds "$script_start" "$last_round"; then break; fi
     round_start=$EPOCHREALTIME
     for j in "${jobs[@]}"; do
-        zx_export "$j" "$out/z.raw"
+        zx_export "${disk[$j]:-$j}" "$out/z.raw"
         best_z[$j]=$(min_of "${best_z[$j]:-}" "$last")
         check "$out/z.raw" "${ref[$j]}" "zxblk export of $j, round $r"
         [ "$r" = 1 ] && alloc_z[$j]=$(allocated_mib "$out/z.raw")
         rm -f "$out/z.raw"
         if [ "${peer_kind[$j]}" = qemu ]; then
             qemu_convert "${peer_arg[$j]}" "$out/q.raw"
+        elif [ "${peer_kind[$j]}" = nosums ]; then
+            zx_export "${peer_arg[$j]}" "$out/q.raw" "$work/nosums"
         else
             zx_export "${peer_arg[$j]}" "$out/q.raw"
         fi
@@ -189,6 +208,8 @@ for j in "${jobs[@]}"; do
     rt=$(ratio "${best_z[$j]}" "${best_p[$j]}")
     if [ "$j" = chain ]; then
         row "${label[$j]}" "${best_z[$j]}" "${peer_name[$j]}" "${best_p[$j]}" "$rt" "<= 1.3x" "$(verdict "${rt%x}" "<=" 1.3)"
+    elif [ "$j" = sums ]; then
+        row "${label[$j]}" "${best_z[$j]}" "${peer_name[$j]}" "${best_p[$j]}" "$rt" "< 1.1x" "$(verdict "${rt%x}" "<" 1.1)"
     else
         row "${label[$j]}" "${best_z[$j]}" "${peer_name[$j]}" "${best_p[$j]}" "$rt" "-" "-"
     fi
