@@ -139,19 +139,9 @@ int truncateOp(const char* path, off_t, struct fuse_file_info*) {
     return std::strcmp(path, kControl) == 0 ? 0 : -EACCES;
 }
 
-unsigned long long parseSize(const std::string& text) {
-    char* end = nullptr;
-    double v = std::strtod(text.c_str(), &end);
-    std::string unit = end ? end : "";
-    if (unit.size() == 3 && unit.compare(1, 2, "iB") == 0) unit.resize(1);  // KiB, MiB, ...
-    size_t power = unit.size() == 1 ? std::string("KMGT").find(static_cast<char>(std::toupper(unit[0]))) : std::string::npos;
-    if (end == text.c_str() || !(v > 0) || (!unit.empty() && power == std::string::npos))
-        throw StoreError("cache limit '" + text + "': give a size such as 4G, 512M, 256K or a number of bytes");
-    return static_cast<unsigned long long>(v * static_cast<double>(unit.empty() ? 1ULL : 1ULL << (10 * (power + 1))));
-}
-
 struct MountArgs {
-    std::string store, disk, cache, limit, mountpoint, logFile;
+    std::string store, disk, cache, mountpoint, logFile;
+    uint64_t cacheLimit = 0;
     int snapshot = -1;
     bool foreground = false, prefetch = false;
     uint64_t flushThreshold = 64;
@@ -182,7 +172,7 @@ void serve(const MountArgs& a, int& readyFd) {
     options.flushThreshold = a.flushThreshold;
     // A file system read in order (a copy, a scan) gets the extents ahead of it.
     options.readaheadMax = 16;
-    if (!a.limit.empty()) options.cacheLimit = parseSize(a.limit);
+    options.cacheLimit = a.cacheLimit;
     std::unique_ptr<DiskHost> host(new DiskHost(options));
 
     std::string logFile = a.logFile;
@@ -303,11 +293,12 @@ void registerMountCommand(CLI::App& app) {
     static MountArgs a;
     cmd->add_option("--store", a.store, "store directory")->required()->check(CLI::ExistingDirectory);
     cmd->add_option("--disk", a.disk, "disk name")->required();
-    cmd->add_option("--snapshot", a.snapshot, "snapshot number (default: the newest)");
+    addNumberOption(cmd, "--snapshot", a.snapshot, "snapshot number, 0 the oldest (default: the newest)", 0);
     cmd->add_option("--cache", a.cache, "extent cache directory (default: under ~/.cache/zxblk)");
-    cmd->add_option("--cache-limit", a.limit,
-                    "largest size of the extent cache, e.g. 2G or 256K (default: a quarter of the space it may use)");
-    cmd->add_option("--flush-threshold", a.flushThreshold, "metadata extents gathered before they are sent to the index")
+    addSizeOption(cmd, "--cache-limit", a.cacheLimit,
+                  "largest size of the extent cache, e.g. 2G or 256K (default: a quarter of the space it may use)", 1);
+    addNumberOption<uint64_t>(cmd, "--flush-threshold", a.flushThreshold,
+                              "metadata extents gathered before they are sent to the index", 1, 1 << 20)
         ->capture_default_str();
     cmd->add_option("--log-file", a.logFile, "write the log here (default: standard error, or CACHE/mount.log as a daemon)");
     cmd->add_flag("-f,--foreground", a.foreground, "stay in the foreground");
@@ -322,7 +313,6 @@ void registerMountCommand(CLI::App& app) {
             *p = std::filesystem::absolute(*p).lexically_normal().string();
             while (p->size() > 1 && p->back() == '/') p->pop_back();
         }
-        if (!a.limit.empty()) parseSize(a.limit);  // a wrong size fails here, in the terminal
         if (a.foreground) {
             int noStarter = -1;
             serve(a, noStarter);

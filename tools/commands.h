@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
+#include "tools/cli_util.h"
+
 namespace zxblk {
 
 // Options every subcommand takes.
@@ -10,11 +12,18 @@ struct CommonOptions {
     std::string config;
     int logLevel = 0;
     bool logLevelSet = false;
+    int verbosity = 0;      // -v counts up, -q down
+    bool progress = false;  // -p
+    bool json = false;      // --json, where a command takes it
 };
 CommonOptions& commonOptions();
-// Applies --config and --log-level to the process.
+// Applies --config, --log-level and -v/-q to the process.
 void applyCommonOptions();
 void addCommonOptions(CLI::App* command);
+// -p/--progress, for the commands that report progress.
+void addProgressOption(CLI::App* command);
+// --json, for the commands that can print their result as JSON.
+void addJsonOption(CLI::App* command);
 
 void registerImportCommand(CLI::App& app);
 void registerListCommand(CLI::App& app);

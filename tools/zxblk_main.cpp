@@ -2,6 +2,8 @@
 // provider, extent by extent.
 #include <cstdio>
 #include <cstdlib>
+#include <string>
+#include <vector>
 #include <exception>
 
 #include "platform/Log.h"
@@ -16,26 +18,101 @@ CommonOptions& commonOptions() {
 }
 
 void addCommonOptions(CLI::App* command) {
-    command->add_option("--config", commonOptions().config, "INI configuration file (sets ZXBLK_CONFIG)");
+    CommonOptions& o = commonOptions();
+    command->add_option("--config", o.config, "INI configuration file (sets ZXBLK_CONFIG); checked before use");
     command->add_option_function<int>(
         "--log-level", [](const int& level) { commonOptions().logLevel = level, commonOptions().logLevelSet = true; },
-        "log lines up to this level to standard error (default 0: errors and extent summaries)");
+        "log lines up to this level to standard error (default 0: errors and extent summaries; -1: errors only)")
+        ->check(CLI::Range(-1, 9));
+    command->add_flag_function(
+        "-v,--verbose", [](std::int64_t n) { commonOptions().verbosity += static_cast<int>(n); },
+        "more log lines (-vv: more still)");
+    command->add_flag_function(
+        "-q,--quiet", [](std::int64_t n) { commonOptions().verbosity -= static_cast<int>(n); },
+        "errors only: no progress, no extent summaries");
+}
+
+void addProgressOption(CLI::App* command) {
+    command->add_flag("-p,--progress", commonOptions().progress,
+                      "report progress on standard error (default: when it is a terminal, unless -q)");
+}
+
+void addJsonOption(CLI::App* command) {
+    command->add_flag("--json", commonOptions().json, "print the result as JSON");
 }
 
 void applyCommonOptions() {
     CommonOptions& o = commonOptions();
     if (!o.config.empty()) {
+        checkConfigFile(o.config);
         setenv("ZXBLK_CONFIG", o.config.c_str(), 1);
         ZXPlatformInfo::ReloadForTests();
+    } else if (const char* env = std::getenv("ZXBLK_CONFIG"); env && *env) {
+        checkConfigFile(env);
     }
-    if (o.logLevelSet) LogSink::setLevel(o.logLevel);
+    if (o.logLevelSet)
+        LogSink::setLevel(o.logLevel);
+    else if (o.verbosity)
+        LogSink::setLevel(o.verbosity < 0 ? kLevelError : o.verbosity);
 }
+
+namespace {
+
+// The closest of `names` to `typed`, when it is close enough to be a typo.
+std::string closest(const std::string& typed, const std::vector<std::string>& names) {
+    std::string best;
+    size_t bestDistance = std::max<size_t>(2, typed.size() / 3) + 1;
+    for (const std::string& n : names) {
+        size_t d = editDistance(typed, n);
+        if (d < bestDistance) best = n, bestDistance = d;
+    }
+    return best;
+}
+
+// A usage error as one line, with a suggestion where the user mistyped a
+// subcommand or an option.
+std::string usageLine(const CLI::App& app, const CLI::ParseError& e, int argc, char** argv) {
+    const CLI::App* where = &app;
+    for (const CLI::App* sub : app.get_subcommands()) where = sub;
+    std::string who = where == &app ? "zxblk" : "zxblk " + where->get_name();
+    if (where == &app) {
+        // No subcommand was recognised: the first word that is not an option
+        // is a mistyped one, or none was given.
+        std::vector<std::string> names;
+        for (const CLI::App* sub : app.get_subcommands({})) names.push_back(sub->get_name());
+        for (int i = 1; i < argc; ++i) {
+            std::string word = argv[i];
+            if (word.empty() || word[0] == '-') continue;
+            std::string guess = closest(word, names);
+            return "zxblk: unknown command '" + word + "'" + (guess.empty() ? "" : "; did you mean '" + guess + "'?") +
+                   " (zxblk --help lists the commands)";
+        }
+        return "zxblk: a command is required (zxblk --help lists them)";
+    }
+    // An option the command does not know is the cause even when CLI11
+    // complains first about a required one it then missed.
+    std::vector<std::string> names;
+    for (const CLI::Option* opt : where->get_options())
+        for (const std::string& l : opt->get_lnames()) names.push_back("--" + l);
+    for (const std::string& extra : where->remaining(false)) {
+        if (extra.size() < 2 || extra[0] != '-') continue;
+        std::string typed = extra.substr(0, extra.find('='));
+        std::string guess = closest(typed, names);
+        return who + ": unknown option " + typed + (guess.empty() ? "" : "; did you mean " + guess + "?") + " (" + who +
+               " --help)";
+    }
+    return who + ": " + e.what() + " (" + who + " --help)";
+}
+
+}  // namespace
 
 }  // namespace zxblk
 
 int main(int argc, char** argv) {
     CLI::App app{"zxblk: present backed-up virtual disks without restoring them first"};
     app.require_subcommand(1);
+    app.set_version_flag("--version", std::string("zxblk ") + ZXBLK_VERSION);
+    app.footer("Exit codes: 0 success; 1 failure, with one line on standard error saying why; 2 usage error.");
     zxblk::registerImportCommand(app);
     zxblk::registerListCommand(app);
     zxblk::registerExportCommand(app);
@@ -47,10 +124,13 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        return app.exit(e);
+        // --help and --version end parsing with success.
+        if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(e);
+        std::fprintf(stderr, "%s\n", zxblk::usageLine(app, e, argc, argv).c_str());
+        return zxblk::kExitUsage;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "zxblk: %s\n", e.what());
-        return 1;
+        return zxblk::kExitFailure;
     }
-    return 0;
+    return zxblk::kExitOk;
 }

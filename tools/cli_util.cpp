@@ -1,0 +1,198 @@
+#include "tools/cli_util.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <boost/property_tree/ini_parser.hpp>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <set>
+#include <vector>
+
+#include "store/store_error.h"
+#include "tools/commands.h"
+
+namespace zxblk {
+
+uint64_t parseSize(const std::string& text, uint64_t min, uint64_t max) {
+    // CLI11's own size transform: a number, optionally followed by a unit
+    // of powers of 1024 (k, kb, kib, ... case aside).
+    static const CLI::AsSizeValue units(false);
+    std::string value = text;
+    if (value.find_first_of("-+") != std::string::npos)
+        throw CLI::ValidationError("'" + text + "' is not a size: give a whole number of bytes or one with K, M, G, T");
+    std::string error;
+    try {
+        error = units(value);
+    } catch (const CLI::ValidationError& e) {
+        error = e.what();
+    }
+    // The transform leaves a number without a unit as it was; its own
+    // conversion saturates on overflow rather than failing, so the result
+    // is read strictly here.
+    uint64_t n = 0;
+    auto parsed = std::from_chars(value.data(), value.data() + value.size(), n);
+    if (!error.empty() || value.empty() || parsed.ec != std::errc() || parsed.ptr != value.data() + value.size())
+        throw CLI::ValidationError("'" + text + "' is not a size: give a whole number of bytes or one with K, M, G, T" +
+                                   (error.empty() ? std::string() : " (" + error + ")"));
+    if (n < min || n > max)
+        throw CLI::ValidationError(text + " is out of range: give " + humanSize(min) + " to " +
+                                   (max == std::numeric_limits<uint64_t>::max() ? std::string("any size") : humanSize(max)));
+    return n;
+}
+
+CLI::Option* addSizeOption(CLI::App* cmd, const std::string& name, uint64_t& target, const std::string& description,
+                           uint64_t min, uint64_t max) {
+    auto* opt = cmd->add_option_function<std::string>(
+        name, [&target, min, max](const std::string& text) { target = parseSize(text, min, max); }, description);
+    opt->type_name("SIZE");
+    // Checked as the command line is read, so a bad size is a usage error.
+    opt->check(CLI::Validator(
+        [min, max](std::string& text) {
+            try {
+                parseSize(text, min, max);
+            } catch (const CLI::ValidationError& e) {
+                return std::string(e.what());
+            }
+            return std::string();
+        },
+        "SIZE"));
+    return opt;
+}
+
+std::string humanSize(uint64_t bytes) {
+    static const char* const units[] = {"bytes", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    if (bytes < 1024) return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
+    int u = 0;
+    double v = static_cast<double>(bytes);
+    while (v >= 1024 && u < 6) v /= 1024, ++u;
+    char text[32];
+    // Whole numbers are shown whole (256 MiB), others to one place (1.5 GiB).
+    if (bytes % (uint64_t(1) << (10 * u)) == 0)
+        std::snprintf(text, sizeof text, "%.0f %s", v, units[u]);
+    else
+        std::snprintf(text, sizeof text, "%.1f %s", v, units[u]);
+    return text;
+}
+
+bool quiet() { return commonOptions().verbosity < 0; }
+
+bool progressWanted() {
+    const CommonOptions& o = commonOptions();
+    if (o.progress) return true;
+    return !quiet() && ::isatty(2);
+}
+
+Progress::Progress(std::string label, uint64_t total)
+    : m_label(std::move(label)), m_total(total), m_enabled(progressWanted()), m_start(std::chrono::steady_clock::now()) {}
+
+Progress::~Progress() { finish(); }
+
+void Progress::update(uint64_t done) {
+    if (!m_enabled) return;
+    auto now = std::chrono::steady_clock::now();
+    if (m_drawn && now - m_lastDraw < std::chrono::milliseconds(200) && done < m_total) return;
+    m_lastDraw = now;
+    draw(done);
+}
+
+void Progress::draw(uint64_t done) {
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
+    std::string line = m_label + ": " + humanSize(done) + " of " + humanSize(m_total);
+    if (m_total) line += " (" + std::to_string(done * 100 / m_total) + "%)";
+    if (seconds > 0.5) line += ", " + humanSize(static_cast<uint64_t>(static_cast<double>(done) / seconds)) + "/s";
+    // A terminal redraws one line; a log or pipe gets one line per report.
+    if (::isatty(2))
+        std::fprintf(stderr, "\r\033[K%s", line.c_str());
+    else
+        std::fprintf(stderr, "%s\n", line.c_str());
+    std::fflush(stderr);
+    m_drawn = true;
+}
+
+void Progress::finish() {
+    if (m_enabled && m_drawn && ::isatty(2)) std::fprintf(stderr, "\r\033[K");
+    m_enabled = false;
+}
+
+size_t editDistance(const std::string& a, const std::string& b) {
+    std::vector<size_t> row(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+    for (size_t i = 1; i <= a.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            size_t next = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+            diagonal = row[j];
+            row[j] = next;
+        }
+    }
+    return row[b.size()];
+}
+
+namespace {
+
+// The keys the tool reads, by section. A key outside this list is a typo
+// that would otherwise be ignored without a word.
+const std::map<std::string, std::set<std::string>>& knownKeys() {
+    static const std::map<std::string, std::set<std::string>> keys = {
+        {"VirtualServer",
+         {"bEnableMetadataRestoreOptimization", "bIdentifyFSMetadataDuringCI", "bIdentifyFSMetadataDuringMount"}},
+    };
+    return keys;
+}
+
+std::string trimmed(const std::string& s) {
+    size_t b = s.find_first_not_of(" \t\r"), e = s.find_last_not_of(" \t\r");
+    return b == std::string::npos ? std::string() : s.substr(b, e - b + 1);
+}
+
+}  // namespace
+
+void checkConfigFile(const std::string& path) {
+    std::ifstream in(path);
+    if (!in) throw StoreError(path + ": cannot read the configuration file: " + std::strerror(errno));
+    try {
+        boost::property_tree::ptree tree;
+        boost::property_tree::ini_parser::read_ini(in, tree);
+    } catch (const boost::property_tree::ini_parser_error& e) {
+        throw StoreError(path + ":" + std::to_string(e.line()) + ": " + e.message());
+    }
+    // The parser has accepted the file: every line is a comment, a section
+    // or a key = value pair.
+    in.clear();
+    in.seekg(0);
+    std::string line, section;
+    for (unsigned number = 1; std::getline(in, line); ++number) {
+        line = trimmed(line);
+        if (line.empty() || line[0] == ';' || line[0] == '#') continue;
+        if (line[0] == '[') {
+            section = trimmed(line.substr(1, line.find(']') - 1));
+            if (!knownKeys().count(section))
+                throw StoreError(path + ":" + std::to_string(number) + ": unknown section [" + section + "]");
+            continue;
+        }
+        std::string key = trimmed(line.substr(0, line.find('=')));
+        std::string value = trimmed(line.substr(line.find('=') + 1));
+        auto keys = knownKeys().find(section);
+        if (keys == knownKeys().end() || !keys->second.count(key)) {
+            std::string hint;
+            if (keys != knownKeys().end())
+                for (const std::string& k : keys->second)
+                    if (editDistance(k, key) <= 3) hint = "; did you mean " + k + "?";
+            throw StoreError(path + ":" + std::to_string(number) + ": unknown key '" + key + "'" +
+                             (section.empty() ? std::string(" outside any section") : " in [" + section + "]") + hint);
+        }
+        // Every key the tool knows is a boolean.
+        static const std::set<std::string> booleans = {"true", "false", "1", "0", "yes", "no", "on", "off"};
+        std::string lower = value;
+        std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+        if (!booleans.count(lower))
+            throw StoreError(path + ":" + std::to_string(number) + ": " + key + " = " + value +
+                             ": give true or false");
+    }
+}
+
+}  // namespace zxblk

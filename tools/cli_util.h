@@ -1,0 +1,67 @@
+// What every zxblk subcommand shares: exit codes, sizes with units, numbers
+// with ranges, progress on standard error and JSON on standard output.
+#pragma once
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdint>
+#include <limits>
+#include <string>
+
+namespace zxblk {
+
+// The tool's exit codes (documented in --help and the README).
+enum ExitCode { kExitOk = 0, kExitFailure = 1, kExitUsage = 2 };
+
+// A size option: a number of bytes or one with a unit (K, M, G, T, P, KiB,
+// KB, ... all powers of 1024), refused outside [min, max] with the range in
+// the message.
+CLI::Option* addSizeOption(CLI::App* cmd, const std::string& name, uint64_t& target, const std::string& description,
+                           uint64_t min = 0, uint64_t max = std::numeric_limits<uint64_t>::max());
+// Parses a size as addSizeOption does; throws CLI::ValidationError.
+uint64_t parseSize(const std::string& text, uint64_t min = 0, uint64_t max = std::numeric_limits<uint64_t>::max());
+// A whole-number option refused outside [min, max].
+template <class T>
+CLI::Option* addNumberOption(CLI::App* cmd, const std::string& name, T& target, const std::string& description, T min,
+                             T max = std::numeric_limits<T>::max()) {
+    return cmd->add_option(name, target, description)->check(CLI::Range(min, max));
+}
+
+// "512 bytes", "64 KiB", "1.5 GiB".
+std::string humanSize(uint64_t bytes);
+
+// -q, -v, -p: how chatty a command is.
+bool quiet();
+// A terminal gets progress by default; -p forces it, -q silences it.
+bool progressWanted();
+
+// A one-line progress report on standard error, redrawn at most a few times
+// a second and cleared when done: "import disk.vhd: 1.2 GiB of 4.0 GiB (30%),
+// 310 MiB/s". Silent unless progressWanted().
+class Progress {
+public:
+    Progress(std::string label, uint64_t total);
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    void update(uint64_t done);
+    // Clears the line; later updates are ignored.
+    void finish();
+
+private:
+    void draw(uint64_t done);
+    std::string m_label;
+    uint64_t m_total;
+    bool m_enabled;
+    bool m_drawn = false;
+    std::chrono::steady_clock::time_point m_start, m_lastDraw;
+};
+
+// The edit distance used to suggest a subcommand or option for a typo.
+size_t editDistance(const std::string& a, const std::string& b);
+
+// Checks an INI configuration file as the tool will read it: it must exist,
+// parse, and name only keys the tool knows. Throws StoreError naming the
+// file and line.
+void checkConfigFile(const std::string& path);
+
+}  // namespace zxblk
