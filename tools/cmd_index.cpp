@@ -1,5 +1,6 @@
 // zxblk index: the extents the index flags for a disk.
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 #include "store/catalog.h"
 #include "store/index_service.h"
@@ -13,14 +14,23 @@ void registerIndexCommand(CLI::App& app) {
     static int64_t snapshot = -1;
     cmd->add_option("--store", store, "store directory")->required()->check(CLI::ExistingDirectory);
     cmd->add_option("--disk", disk, "disk name")->required();
-    cmd->add_option("--snapshot", snapshot, "only this snapshot");
+    addNumberOption<int64_t>(cmd, "--snapshot", snapshot, "only this snapshot", 0);
     cmd->add_option("--kind", kind, "only 'mount' or 'metadata'")->check(CLI::IsMember({"mount", "metadata"}));
+    addJsonOption(cmd);
     addCommonOptions(cmd);
     cmd->callback([] {
         applyCommonOptions();
         if (!Catalog::load(store).findDisk(disk)) throw StoreError(store + ": no disk named '" + disk + "'");
         SqliteIndexService index(store);
         auto rows = index.rows(disk, snapshot, kind);
+        if (commonOptions().json) {
+            nlohmann::json out = nlohmann::json::array();
+            for (const IndexRow& r : rows)
+                out.push_back({{"snapshot", r.snapshot}, {"kind", r.kind}, {"extent", r.extent}, {"reports", r.reports},
+                               {"lastSeen", r.lastSeen}});
+            std::printf("%s\n", out.dump(2).c_str());
+            return;
+        }
         std::printf("%-8s %-9s %-8s %-8s %s\n", "snapshot", "kind", "extent", "reports", "last seen");
         for (const IndexRow& r : rows)
             std::printf("%-8llu %-9s %-8llu %-8llu %s\n", static_cast<unsigned long long>(r.snapshot), r.kind.c_str(),

@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# The command line as a user meets it: --version, exit codes, one-line usage
+# errors with suggestions, numbers and sizes out of range, and configuration
+# files checked before use.
+set -euo pipefail
+zxblk=$1 cmakelists=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "FAIL: $*"; exit 1; }
+
+# The version is the project's, as CMake declares it.
+want=$(sed -n 's/^project(zxblk VERSION \([0-9.]*\).*/\1/p' "$cmakelists")
+[ "$("$zxblk" --version)" = "zxblk $want" ] || fail "--version says '$("$zxblk" --version)', CMake says $want"
+
+mkdir -p "$work/store" "$work/mnt"
+# expect CODE TEXT ARGS...: exit code CODE, one line on stderr containing TEXT.
+expect() {
+  local code=$1 text=$2 rc=0
+  shift 2
+  "$zxblk" "$@" >"$work/out" 2>"$work/err" || rc=$?
+  [ "$rc" = "$code" ] || { cat "$work/err"; fail "zxblk $*: exit $rc, not $code"; }
+  [ "$(wc -l <"$work/err")" = 1 ] || { cat "$work/err"; fail "zxblk $*: not one line"; }
+  grep -qF -- "$text" "$work/err" || { cat "$work/err"; fail "zxblk $*: no '$text'"; }
+}
+s=$work/store
+expect 2 "unknown command 'impor'; did you mean 'import'?" impor --store "$s"
+expect 2 "a command is required"
+expect 2 "unknown option --stroe; did you mean --store?" list --stroe "$s"
+expect 2 "unknown option --extnet-size; did you mean --extent-size?" import --store "$s" --disk d --extnet-size 64K x.vhd
+expect 2 "--store is required" list
+expect 2 "--snapshot: Value -2 not in range" mount --store "$s" --disk d --snapshot -2 "$work/mnt"
+expect 2 "--snapshot: Value -1 not in range" index --store "$s" --disk d --snapshot -1
+expect 2 "'1Q' is not a size" mount --store "$s" --disk d --cache-limit 1Q "$work/mnt"
+expect 2 "'18446744073709551616' is not a size" mount --store "$s" --disk d --cache-limit 18446744073709551616 "$work/mnt"
+expect 2 "'-1' is not a size" mount --store "$s" --disk d --cache-limit -1 "$work/mnt"
+expect 2 "would cause number overflow" mount --store "$s" --disk d --cache-limit 16E "$work/mnt"
+expect 2 "0 is out of range" mount --store "$s" --disk d --cache-limit 0 "$work/mnt"
+expect 2 "--flush-threshold: Value 0 not in range" mount --store "$s" --disk d --flush-threshold 0 "$work/mnt"
+expect 2 "--log-level: Value 12 not in range" index --store "$s" --disk d --log-level 12
+
+# Configuration files: each fault names the file and, where it has one, the line.
+c=$work/conf.ini
+printf '[VirtualServer]\nbEnableMetadataRestoreOptimization = false\n' >"$c.good"
+printf '[VirtualServer]\n\nbEnableMetadataRestoreOptimisation = false\n' >"$c.typo"
+printf '[VirtualServer]\nbIdentifyFSMetadataDuringCI = maybe\n' >"$c.value"
+printf '[VirtualServer\nbIdentifyFSMetadataDuringCI = true\n' >"$c.syntax"
+printf '[Virtual]\n' >"$c.section"
+expect 1 "$c.missing: cannot read the configuration file" index --store "$s" --disk d --config "$c.missing"
+expect 1 "$c.typo:3: unknown key 'bEnableMetadataRestoreOptimisation' in [VirtualServer]; did you mean bEnableMetadataRestoreOptimization?" \
+  index --store "$s" --disk d --config "$c.typo"
+expect 1 "$c.value:2: bIdentifyFSMetadataDuringCI = maybe: give true or false" index --store "$s" --disk d --config "$c.value"
+expect 1 "$c.syntax:1:" index --store "$s" --disk d --config "$c.syntax"
+expect 1 "$c.section:1: unknown section [Virtual]" index --store "$s" --disk d --config "$c.section"
+ZXBLK_CONFIG=$c.typo expect 1 "$c.typo:3: unknown key" index --store "$s" --disk d
+# A sound file gets past the check: what fails next is the missing store.
+expect 1 "$s" index --store "$s" --disk d --config "$c.good"
+echo "ok: version, usage errors, ranges and configuration files"
