@@ -58,7 +58,7 @@ CLI::Option* addSizeOption(CLI::App* cmd, const std::string& name, uint64_t& tar
             }
             return std::string();
         },
-        "SIZE"));
+        ""));
     return opt;
 }
 

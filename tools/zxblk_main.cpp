@@ -109,7 +109,8 @@ std::string usageLine(const CLI::App& app, const CLI::ParseError& e, int argc, c
 }  // namespace zxblk
 
 int main(int argc, char** argv) {
-    CLI::App app{"zxblk: present backed-up virtual disks without restoring them first"};
+    // Named as the user types it, not by the path it was started from.
+    CLI::App app{"zxblk: present backed-up virtual disks without restoring them first", "zxblk"};
     app.require_subcommand(1);
     app.set_version_flag("--version", std::string("zxblk ") + ZXBLK_VERSION);
     app.footer("Exit codes: 0 success; 1 failure, with one line on standard error saying why; 2 usage error.");
