@@ -1,4 +1,5 @@
-// export and read: a whole disk, or a byte range of it, through the provider.
+// export and read: a whole disk, or a byte range of it, through the provider,
+// by way of the library a program would use.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -7,11 +8,15 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 #include <vector>
 
-#include "host/disk_host.h"
+#include <nlohmann/json.hpp>
+
+#include "store/store_error.h"
 #include "tools/commands.h"
 #include "tools/export_sink.h"
+#include "zxblk/zxblk.h"
 
 namespace zxblk {
 namespace {
@@ -24,18 +29,28 @@ struct DiskArgs {
 void addDiskOptions(CLI::App* cmd, DiskArgs& a) {
     cmd->add_option("--store", a.store, "store directory")->required()->check(CLI::ExistingDirectory);
     cmd->add_option("--disk", a.disk, "disk name")->required();
-    cmd->add_option("--snapshot", a.snapshot, "snapshot number (default: the newest)");
+    addNumberOption(cmd, "--snapshot", a.snapshot, "snapshot number, 0 the oldest (default: the newest)", 0);
     cmd->add_option("--cache", a.cache, "extent cache directory (default: under ~/.cache/zxblk)");
     addCommonOptions(cmd);
 }
 
-HostOptions hostOptions(const DiskArgs& a) {
-    HostOptions o;
-    o.storeDir = a.store;
-    o.disk = a.disk;
+Disk openDisk(const DiskArgs& a) {
+    DiskOptions o;
     o.snapshot = a.snapshot;
     o.cacheDir = a.cache;
-    return o;
+    // Both commands say themselves what to recall ahead, if anything.
+    o.readaheadMax = 0;
+    return Disk::open(a.store, a.disk, o);
+}
+
+// One figure of Disk::statsText().
+unsigned long long statValue(const std::string& stats, const std::string& key) {
+    std::istringstream in(stats);
+    std::string k;
+    unsigned long long v;
+    while (in >> k >> v)
+        if (k == key) return v;
+    return 0;
 }
 
 void writeAll(int fd, const char* data, size_t n, const std::string& what) {
@@ -59,51 +74,59 @@ void registerExportCommand(CLI::App& app) {
                     "raw image to write: a file (written sparse, under a temporary name until complete), a block "
                     "device, a FIFO, or - for standard output")
         ->required();
+    addProgressOption(cmd);
+    addJsonOption(cmd);
     cmd->callback([] {
         applyCommonOptions();
-        DiskHost host(hostOptions(args));
-        const uint64_t E = static_cast<uint64_t>(host.extentSize()), total = host.size();
+        Disk disk = openDisk(args);
+        const uint64_t E = disk.extentSize(), total = disk.size(), count = disk.extentCount();
         ExportSink sink(out, total);
-        bool progress = ::isatty(2);
+        Progress progress("export " + args.disk, total);
         auto start = std::chrono::steady_clock::now();
         // Recalls run this many extents ahead of the one being written, so
         // that recalling and writing overlap.
         const uint64_t window = 8;
-        try {
-            host.readahead(1, window);
-            for (uint64_t e = 0; e < host.extentCount(); ++e) {
+        auto ahead = [&](uint64_t first, uint64_t n) {
+            if (first < count) disk.prefetch(first * E, std::min(n * E, total - first * E));
+        };
+        {
+            ahead(1, window);
+            for (uint64_t e = 0; e < count; ++e) {
                 // The window moves on by one: only the extent entering it is new.
-                host.readahead(e + window, 1);
+                ahead(e + window, 1);
                 uint64_t n = std::min(E, total - e * E);
                 // What no snapshot holds is zeros: nothing to recall.
-                if (!host.holdsData(e)) {
+                std::vector<Range> held = disk.allocation(e * E, n);
+                if (held.size() == 1 && !held[0].data) {
                     sink.zeros(e * E, n);
                 } else {
-                    std::unique_ptr<ExtentHandle> extent = host.acquire(e);
-                    sink.copyFrom(extent->fd(), 0, e * E, n);
-                    extent.reset();
+                    {
+                        LocalExtent extent = disk.extent(e);
+                        sink.copyFrom(extent.fd(), 0, e * E, n);
+                    }
                     // A recalled extent is not kept: an export reads each once.
-                    host.forget(e);
+                    disk.dropExtent(e);
                 }
-                if (progress) {
-                    int pct = static_cast<int>((e * E + n) * 100 / total);
-                    std::fprintf(stderr, "\r[%-50s] %3d%%", std::string(pct / 2, '#').c_str(), pct);
-                }
+                progress.update(e * E + n);
             }
             sink.commit();
-        } catch (...) {
-            if (progress) std::fprintf(stderr, "\n");
-            throw;
         }
+        progress.finish();
         double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        HostStats s = host.stats();
-        if (progress) std::fprintf(stderr, "\n");
+        unsigned long long recalled = statValue(disk.statsText(), "extents_recalled");
         // The image may be going to standard output: the summary goes beside it.
         std::FILE* report = sink.toStandardOutput() ? stderr : stdout;
+        if (commonOptions().json) {
+            nlohmann::json summary = {{"disk", args.disk},          {"snapshot", disk.snapshot()},
+                                      {"out", sink.describe()},     {"bytes", total},
+                                      {"extentsRecalled", recalled}, {"seconds", seconds}};
+            std::fprintf(report, "%s\n", summary.dump(2).c_str());
+            return;
+        }
+        if (quiet()) return;
         std::fprintf(report, "exported %s snapshot %d to %s: %llu extents recalled, %llu bytes, %.2f s, %.1f MiB/s\n",
-                     args.disk.c_str(), host.snapshot(), sink.describe().c_str(),
-                     static_cast<unsigned long long>(s.extentsRecalled), static_cast<unsigned long long>(total), seconds,
-                     seconds > 0 ? total / 1048576.0 / seconds : 0.0);
+                     args.disk.c_str(), disk.snapshot(), sink.describe().c_str(), recalled,
+                     static_cast<unsigned long long>(total), seconds, seconds > 0 ? total / 1048576.0 / seconds : 0.0);
     });
 }
 
@@ -112,18 +135,19 @@ void registerReadCommand(CLI::App& app) {
     static DiskArgs args;
     static uint64_t offset = 0, length = 0;
     addDiskOptions(cmd, args);
-    cmd->add_option("--offset", offset, "first byte")->required();
-    cmd->add_option("--length", length, "number of bytes")->required();
+    addSizeOption(cmd, "--offset", offset, "first byte (a size: 1M is byte 1048576)")->required();
+    addSizeOption(cmd, "--length", length, "number of bytes (e.g. 4096 or 4K)")->required();
     cmd->callback([] {
         applyCommonOptions();
-        DiskHost host(hostOptions(args));
-        if (offset > host.size() || length > host.size() - offset)
-            throw StoreError("range " + std::to_string(offset) + "+" + std::to_string(length) + " is past the end of disk " +
-                             args.disk + " (" + std::to_string(host.size()) + " bytes)");
+        Disk disk = openDisk(args);
+        // The whole range is checked before anything is written.
+        if (offset > disk.size() || length > disk.size() - offset)
+            throw Error("range " + std::to_string(offset) + "+" + std::to_string(length) + " is past the end of disk " +
+                        args.disk + " (" + std::to_string(disk.size()) + " bytes)");
         std::vector<char> buffer(static_cast<size_t>(std::min<uint64_t>(length, 16 << 20)));
         for (uint64_t done = 0; done < length;) {
             uint64_t n = std::min<uint64_t>(buffer.size(), length - done);
-            host.read(offset + done, n, buffer.data());
+            disk.read(offset + done, n, buffer.data());
             writeAll(1, buffer.data(), n, "standard output");
             done += n;
         }

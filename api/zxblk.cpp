@@ -1,0 +1,326 @@
+// The library a program links to: the public calls, each a thin layer over
+// the catalog, the store's checks and DiskHost. Whatever fails inside leaves
+// as zxblk::Error with the same one-line message.
+#include "zxblk/zxblk.h"
+
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+#include "host/disk_host.h"
+#include "store/catalog.h"
+#include "store/store_services.h"
+#include "store/vhd_image.h"
+
+namespace zxblk {
+namespace {
+
+template <class F>
+auto guarded(F&& f) -> decltype(f()) {
+    try {
+        return f();
+    } catch (const Error&) {
+        throw;
+    } catch (const std::bad_alloc&) {
+        throw Error("out of memory");
+    } catch (const std::exception& e) {
+        throw Error(e.what());
+    }
+}
+
+// A folder with a catalog. Catalog::load takes a folder without one for an
+// empty store, as import needs; a reader has nothing to read there.
+void checkIsStore(const std::string& path) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) throw Error(path + ": " + std::strerror(errno));
+    if (!S_ISDIR(st.st_mode)) throw Error(path + " is not a zxblk store (not a folder)");
+    if (::stat(catalogPath(path).c_str(), &st) != 0) {
+        if (errno == ENOENT) throw Error(path + " is not a zxblk store (no catalog.json)");
+        throw Error(catalogPath(path) + ": " + std::strerror(errno));
+    }
+}
+
+SnapshotKind kindOf(uint32_t type) {
+    switch (type) {
+        case kTypeFixed: return SnapshotKind::fixed;
+        case kTypeDynamic: return SnapshotKind::dynamic;
+        case kTypeDifferencing: return SnapshotKind::differencing;
+        default: return SnapshotKind::raw;  // the catalog admits no other code
+    }
+}
+
+// Opens the snapshot's file and its checksums as a recall does, so that
+// "ok" means a read of it gets past every check but the data's own.
+SnapshotInfo snapshotInfo(const std::string& storeDir, const DiskRecord& disk, size_t index) {
+    const CopyRecord& copy = disk.copies[index];
+    SnapshotInfo s;
+    s.number = static_cast<int>(index);
+    s.kind = kindOf(copy.type);
+    s.file = copy.file;
+    s.fileSize = copy.fileSize;
+    s.importedAt = copy.importedAt;
+    std::string path = storeDir + "/" + copy.file;
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
+        s.status = SnapshotStatus::missing;
+        s.problem = path + ": no such file";
+        return s;
+    }
+    if (!s.fileSize) s.fileSize = static_cast<uint64_t>(st.st_size);  // a catalog from before sizes were kept
+    try {
+        std::shared_ptr<VhdImage> img = openCopyImage(storeDir, disk, index);
+        // openCopyImage keeps a bad side file for the reads to report; here
+        // it is the answer.
+        loadBlockSums(storeDir, copy, *img);
+        s.kind = kindOf(typeCode(img->kind()));
+    } catch (const std::exception& e) {
+        s.status = SnapshotStatus::damaged;
+        s.problem = e.what();
+    }
+    return s;
+}
+
+DiskInfo diskInfo(const std::string& storeDir, const DiskRecord& disk) {
+    DiskInfo d;
+    d.name = disk.name;
+    d.size = disk.size;
+    d.extentSize = static_cast<uint64_t>(disk.extentSize);
+    for (size_t i = 0; i < disk.copies.size(); ++i) d.snapshots.push_back(snapshotInfo(storeDir, disk, i));
+    return d;
+}
+
+void checkRange(uint64_t offset, uint64_t length, uint64_t size, const std::string& disk) {
+    if (offset > size || length > size - offset)
+        throw Error("range " + std::to_string(offset) + "+" + std::to_string(length) + " is past the end of disk " +
+                    disk + " (" + std::to_string(size) + " bytes)");
+}
+
+// The platform reaches the store through process-wide service slots that
+// hold one store's services at a time: a second disk open at once would
+// take them from the first.
+std::atomic<bool> g_diskOpen{false};
+
+}  // namespace
+
+const char* version() { return ZXBLK_VERSION; }
+
+Error::Error(const std::string& message) : std::runtime_error(message) {}
+Error::~Error() = default;
+
+const char* kindName(SnapshotKind kind) {
+    switch (kind) {
+        case SnapshotKind::fixed: return "fixed VHD";
+        case SnapshotKind::dynamic: return "dynamic VHD";
+        case SnapshotKind::differencing: return "differencing VHD";
+        case SnapshotKind::raw: return "raw";
+    }
+    return "?";
+}
+
+const char* statusName(SnapshotStatus status) {
+    switch (status) {
+        case SnapshotStatus::ok: return "ok";
+        case SnapshotStatus::missing: return "missing";
+        case SnapshotStatus::damaged: return "damaged";
+    }
+    return "?";
+}
+
+// Store
+
+struct Store::Impl {
+    std::string path;
+    Catalog catalog;
+};
+
+Store::Store(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
+Store::~Store() = default;
+Store::Store(Store&& other) noexcept = default;
+Store& Store::operator=(Store&& other) noexcept = default;
+
+Store Store::open(const std::string& path) {
+    return guarded([&] {
+        checkIsStore(path);
+        std::unique_ptr<Impl> impl(new Impl);
+        impl->path = path;
+        impl->catalog = Catalog::load(path);
+        return Store(std::move(impl));
+    });
+}
+
+const std::string& Store::path() const { return m_impl->path; }
+
+std::vector<DiskInfo> Store::disks() const {
+    return guarded([&] {
+        std::vector<DiskInfo> out;
+        for (const DiskRecord& d : m_impl->catalog.disks) out.push_back(diskInfo(m_impl->path, d));
+        return out;
+    });
+}
+
+DiskInfo Store::disk(const std::string& name) const {
+    return guarded([&] {
+        const DiskRecord* d = m_impl->catalog.findDisk(name);
+        if (!d) throw Error(m_impl->path + ": no disk named '" + name + "'");
+        return diskInfo(m_impl->path, *d);
+    });
+}
+
+// Disk
+
+struct Disk::Impl {
+    // Destroyed last: the slot is free only once the host is gone.
+    struct Slot {
+        ~Slot() { g_diskOpen = false; }
+    } slot;
+    std::string name;
+    std::unique_ptr<DiskHost> host;
+    const DiskRecord* record = nullptr;  // in the host's catalog
+    std::once_flag granularityOnce;
+    uint64_t granularity = 0;
+
+    // The smallest block of the VHDs up to the snapshot presented: no
+    // allocation boundary lies between two multiples of it (block sizes are
+    // powers of two). A fixed VHD or raw image holds data everywhere.
+    uint64_t allocationGranularity() {
+        std::call_once(granularityOnce, [this] {
+            uint64_t g = 0;
+            for (int i = 0; i <= host->snapshot(); ++i) {
+                const CopyRecord& c = record->copies[static_cast<size_t>(i)];
+                if (c.type != kTypeDynamic && c.type != kTypeDifferencing) continue;
+                try {
+                    VhdImage img = VhdImage::open(host->services().directory() + "/" + c.file);
+                    if (img.blockSize() && (!g || img.blockSize() < g)) g = img.blockSize();
+                } catch (const StoreError&) {
+                    // The store counts a file it cannot read as data throughout.
+                }
+            }
+            granularity = g ? g : static_cast<uint64_t>(host->extentSize());
+        });
+        return granularity;
+    }
+};
+
+struct LocalExtent::Impl {
+    std::shared_ptr<Disk::Impl> disk;  // outlives the handle below
+    std::unique_ptr<ExtentHandle> handle;
+    uint64_t offset = 0, length = 0;
+};
+
+Disk::Disk(std::shared_ptr<Impl> impl) : m_impl(std::move(impl)) {}
+Disk::~Disk() = default;
+Disk::Disk(Disk&& other) noexcept = default;
+Disk& Disk::operator=(Disk&& other) noexcept = default;
+
+Disk Disk::open(const std::string& storePath, const std::string& diskName, const DiskOptions& options) {
+    return guarded([&] {
+        checkIsStore(storePath);
+        if (options.snapshot < -1)
+            throw Error(storePath + ": snapshot " + std::to_string(options.snapshot) +
+                        ": not a snapshot number (0 is the oldest; -1: the newest)");
+        if (g_diskOpen.exchange(true))
+            throw Error("another zxblk::Disk is open in this process; close it before opening " + diskName);
+        std::shared_ptr<Impl> impl;
+        try {
+            impl = std::make_shared<Impl>();
+        } catch (...) {
+            g_diskOpen = false;
+            throw;
+        }
+        HostOptions o;
+        o.storeDir = storePath;
+        o.disk = diskName;
+        o.snapshot = options.snapshot;
+        o.cacheDir = options.cacheDir;
+        o.cacheLimit = options.cacheLimit;
+        o.readaheadMax = options.readaheadMax;
+        impl->name = diskName;
+        impl->host.reset(new DiskHost(o));
+        impl->record = impl->host->services().catalog().findDisk(diskName);
+        return Disk(std::move(impl));
+    });
+}
+
+const std::string& Disk::name() const { return m_impl->name; }
+uint64_t Disk::size() const { return m_impl->host->size(); }
+uint64_t Disk::extentSize() const { return static_cast<uint64_t>(m_impl->host->extentSize()); }
+uint64_t Disk::extentCount() const { return m_impl->host->extentCount(); }
+int Disk::snapshot() const { return m_impl->host->snapshot(); }
+
+void Disk::read(uint64_t offset, uint64_t length, void* buffer) {
+    guarded([&] {
+        checkRange(offset, length, size(), m_impl->name);
+        m_impl->host->read(offset, length, buffer);
+    });
+}
+
+std::vector<Range> Disk::allocation(uint64_t offset, uint64_t length) {
+    return guarded([&] {
+        checkRange(offset, length, size(), m_impl->name);
+        const uint64_t g = m_impl->allocationGranularity(), end = offset + length;
+        const int snapshot = m_impl->host->snapshot();
+        StoreServices& services = m_impl->host->services();
+        std::vector<Range> out;
+        for (uint64_t at = offset; at < end;) {
+            uint64_t next = std::min(end, (at / g + 1) * g);
+            bool data = services.holdsData(*m_impl->record, snapshot, at, next - at);
+            if (!out.empty() && out.back().data == data)
+                out.back().length += next - at;
+            else
+                out.push_back(Range{at, next - at, data});
+            at = next;
+        }
+        return out;
+    });
+}
+
+void Disk::prefetch(uint64_t offset, uint64_t length) {
+    guarded([&] {
+        checkRange(offset, length, size(), m_impl->name);
+        if (!length) return;
+        const uint64_t E = extentSize(), first = offset / E;
+        m_impl->host->readahead(first, (offset + length - 1) / E - first + 1);
+    });
+}
+
+LocalExtent Disk::extent(uint64_t index) {
+    return guarded([&] {
+        std::unique_ptr<LocalExtent::Impl> e(new LocalExtent::Impl);
+        e->disk = m_impl;
+        e->handle = m_impl->host->acquire(index);  // throws past the end
+        e->offset = index * extentSize();
+        e->length = std::min(extentSize(), size() - e->offset);
+        return LocalExtent(std::move(e));
+    });
+}
+
+void Disk::dropExtent(uint64_t index) {
+    guarded([&] {
+        if (index >= extentCount())
+            throw Error("extent " + std::to_string(index) + " is past the end of disk " + m_impl->name + " (" +
+                        std::to_string(extentCount()) + " extents)");
+        m_impl->host->forget(index);
+    });
+}
+
+std::string Disk::statsText() {
+    return guarded([&] { return m_impl->host->statsText(); });
+}
+
+// LocalExtent
+
+LocalExtent::LocalExtent(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
+LocalExtent::~LocalExtent() = default;
+LocalExtent::LocalExtent(LocalExtent&& other) noexcept = default;
+LocalExtent& LocalExtent::operator=(LocalExtent&& other) noexcept = default;
+
+uint64_t LocalExtent::index() const { return m_impl->handle->extent(); }
+uint64_t LocalExtent::offset() const { return m_impl->offset; }
+uint64_t LocalExtent::length() const { return m_impl->length; }
+int LocalExtent::fd() const { return m_impl->handle->fd(); }
+
+}  // namespace zxblk
