@@ -38,7 +38,7 @@ cp "$work/chain/snap1.vhd" "$vhd/differencing.vhd"
 cat=fuzz/catalog/corpus
 rm -rf "$cat" && mkdir -p "$cat"
 "$zxblk" import --store "$work/s1" --disk chain "$vhd/dynamic.vhd" "$vhd/differencing.vhd" >/dev/null
-"$zxblk" import --store "$work/s1" --disk raw --client web01 --client-id 7 --extent-size 65536 "$work/disk.raw" >/dev/null
+"$zxblk" import --store "$work/s1" --disk raw --format raw --client web01 --client-id 7 --extent-size 65536 "$work/disk.raw" >/dev/null
 "$zxblk" import --store "$work/s2" --disk fixed --subclient-id 4 --instance inst2 --backupset bs2 \
   --extent-size 2097152 "$vhd/fixed.vhd" >/dev/null
 cp "$work/s1/catalog.json" "$cat/chain_and_raw.json"

@@ -1,14 +1,22 @@
 // Puts disk images into a store: a VHD chain (base first) or one image, for
 // a new disk or as newer snapshots of a disk already there. Everything is
-// checked before the store changes; a failed import leaves it as it was. An
-// import that died half way leaves at most files that the catalog does not
-// name, which the next import removes.
+// checked before the store changes; a failed import leaves it as it was (and
+// a store folder it made is removed). An import that died half way leaves at
+// most files that the catalog does not name, which the next import removes.
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace zxblk {
+
+// How the images given to an import are to be read.
+enum class ImageFormat {
+    Auto,  // VHD; any other file is refused, naming its format when its first bytes declare one
+    Vhd,   // the same, asked for by name
+    Raw,   // every file is a raw disk image, whatever it holds
+};
 
 struct ImportOptions {
     std::string client = "localhost";
@@ -18,6 +26,10 @@ struct ImportOptions {
     std::string backupSet = "defaultBackupSet";
     std::string instance = "defaultInstance";
     int64_t extentSize = 1 << 20;  // for a new disk
+    ImageFormat format = ImageFormat::Auto;
+    // Called from the importing thread as the snapshot files go into the
+    // store: bytes of all the images' files dealt with so far, and in all.
+    std::function<void(uint64_t done, uint64_t total)> progress;
 };
 
 // Returns one line per imported snapshot. Throws StoreError.

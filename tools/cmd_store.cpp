@@ -1,5 +1,6 @@
-// import and list: filling a store and looking into it.
+// import: filling a store.
 #include <cstdio>
+#include <memory>
 
 #include "store/catalog.h"
 #include "store/importer.h"
@@ -9,50 +10,67 @@ namespace zxblk {
 
 void registerImportCommand(CLI::App& app) {
     auto* cmd = app.add_subcommand("import", "import a VHD chain (base first) or one image as a disk's snapshots");
-    static std::string store, disk;
+    static std::string store, disk, format = "auto";
     static std::vector<std::string> images;
     static ImportOptions options;
+    static uint64_t extentSize = static_cast<uint64_t>(options.extentSize);
     cmd->add_option("--store", store, "store directory (made if missing)")->required();
     cmd->add_option("--disk", disk, "disk name")->required();
+    cmd->add_option("--format", format,
+                    "vhd: fixed, dynamic or differencing VHD files; raw: any file, taken as the disk's bytes; "
+                    "auto: VHD, naming any other format it refuses")
+        ->check(CLI::IsMember({"auto", "vhd", "raw"}))
+        ->capture_default_str();
     cmd->add_option("--client", options.client, "client name")->capture_default_str();
-    cmd->add_option("--client-id", options.clientId, "client id")->capture_default_str();
+    // CLI11 reads an unsigned number with strtoull, which takes "-1" for the
+    // largest one and "010" for eight: ids are plain decimal.
+    const CLI::Validator decimal(
+        [](std::string& text) {
+            if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+                return "'" + text + "' is not a whole number";
+            return text.size() > 1 && text[0] == '0' ? "'" + text + "': give it without leading zeros" : std::string();
+        },
+        "");
+    addNumberOption<uint64_t>(cmd, "--client-id", options.clientId, "client id", 1)
+        ->check(decimal)
+        ->capture_default_str();
     cmd->add_option("--subclient", options.subclient, "subclient name")->capture_default_str();
-    cmd->add_option("--subclient-id", options.subclientId, "subclient id (default: a new one)");
+    addNumberOption<uint32_t>(cmd, "--subclient-id", options.subclientId, "subclient id (default: a new one)", 1)
+        ->check(decimal);
     cmd->add_option("--backupset", options.backupSet, "backup set name")->capture_default_str();
     cmd->add_option("--instance", options.instance, "instance name")->capture_default_str();
-    cmd->add_option("--extent-size", options.extentSize, "extent size in bytes of a new disk (64 KiB to 2 MiB)")
-        ->capture_default_str();
-    cmd->add_option("images", images, "VHD files base first, or one raw image")->required();
+    addSizeOption(cmd, "--extent-size", extentSize, "extent size of a new disk: a power of two from 64K to 2M", 64 << 10,
+                  2 << 20)
+        ->check(CLI::Validator(
+            [](std::string& text) {
+                uint64_t n = 0;
+                try {
+                    n = parseSize(text);
+                } catch (const CLI::ValidationError&) {
+                    return std::string();  // the size check says what is wrong with it
+                }
+                return n & (n - 1) ? text + " is not a power of two: give 64K, 128K, 256K, 512K, 1M or 2M"
+                                   : std::string();
+            },
+            ""))
+        ->default_str("1M");
+    cmd->add_option("images", images, "VHD files base first, or one raw image with --format raw")->required();
     addCommonOptions(cmd);
+    addProgressOption(cmd);
     cmd->callback([] {
         applyCommonOptions();
-        for (const std::string& line : importImages(store, disk, images, options)) std::printf("%s\n", line.c_str());
-    });
-}
-
-void registerListCommand(CLI::App& app) {
-    auto* cmd = app.add_subcommand("list", "list the disks of a store and their snapshots");
-    static std::string store, disk;
-    cmd->add_option("--store", store, "store directory")->required()->check(CLI::ExistingDirectory);
-    cmd->add_option("--disk", disk, "only this disk");
-    addCommonOptions(cmd);
-    cmd->callback([] {
-        applyCommonOptions();
-        Catalog catalog = Catalog::load(store);
-        if (!disk.empty() && !catalog.findDisk(disk)) throw StoreError(store + ": no disk named '" + disk + "'");
-        for (const DiskRecord& d : catalog.disks) {
-            if (!disk.empty() && d.name != disk) continue;
-            const SubclientRecord& s = catalog.subclients.at(d.subclientId);
-            std::printf("%s  %llu bytes  extent %lld  subclient %s (%u)\n", d.name.c_str(),
-                        static_cast<unsigned long long>(d.size), static_cast<long long>(d.extentSize), s.name.c_str(),
-                        s.id);
-            for (size_t i = 0; i < d.copies.size(); ++i) {
-                const CopyRecord& c = d.copies[i];
-                std::printf("  snapshot %zu  type %u  afid %llu  %s  %s  %s\n", i, c.type,
-                            static_cast<unsigned long long>(c.archiveFileId), c.file.c_str(), c.browsePath.c_str(),
-                            c.importedAt.c_str());
-            }
-        }
+        ImportOptions run = options;
+        run.extentSize = static_cast<int64_t>(extentSize);
+        run.format = format == "raw" ? ImageFormat::Raw : format == "vhd" ? ImageFormat::Vhd : ImageFormat::Auto;
+        std::unique_ptr<Progress> progress;
+        run.progress = [&progress](uint64_t done, uint64_t total) {
+            if (!progress)
+                progress = std::make_unique<Progress>("import " + (images.size() == 1 ? images.front() : disk), total);
+            progress->update(done);
+        };
+        std::vector<std::string> lines = importImages(store, disk, images, run);
+        if (progress) progress->finish();
+        for (const std::string& line : lines) std::printf("%s\n", line.c_str());
     });
 }
 

@@ -114,7 +114,8 @@ def setup():
     # Clean stores: A holds the chain's base (disk "c"), B its base and first child.
     for store, disk_name, files in (("A", "c", ["snap0.vhd"]), ("B", "c", ["snap0.vhd", "snap1.vhd"]),
                                     ("E", "z", ["disk.raw"])):
-        must([zxblk, "import", "--store", f"{work}/store{store}", "--disk", disk_name] + [s + f for f in files])
+        raw = ["--format", "raw"] if files == ["disk.raw"] else []
+        must([zxblk, "import", "--store", f"{work}/store{store}", "--disk", disk_name] + raw + [s + f for f in files])
     return [
         Source("qemu-dynamic", "dynamic", "storeA", "m", True),
         Source("qemu-fixed", "fixed", "storeA", "m", True),

@@ -40,9 +40,9 @@ expect_refused "child of another parent" "parent unique id" --disk base "$work/b
 expect_refused "child of another chain" "parent unique id" --disk base "$work/other/snap1.vhd"
 expect_refused "chain whose second child is foreign" "parent unique id" --disk base "$work/snap1.vhd" "$work/other/snap1.vhd"
 : >"$work/empty.raw"
-expect_refused "raw file of zero bytes" "empty image" --disk d6 "$work/empty.raw"
+expect_refused "raw file of zero bytes" "empty image" --disk d6 --format raw "$work/empty.raw"
 head -c 1000 /dev/urandom >"$work/odd.raw"
-expect_refused "raw file of a partial sector" "whole number" --disk d7 "$work/odd.raw"
+expect_refused "raw file of a partial sector" "whole number" --disk d7 --format raw "$work/odd.raw"
 expect_refused "differencing image without its parent" "parent imported first" --disk d8 "$work/snap1.vhd"
 expect_refused "bad disk name" "disk name" --disk "../x" "$work/snap0.vhd"
 
