@@ -102,7 +102,7 @@ zx_mount() {  # STORE DISK SNAPSHOT CACHE
         die "zxblk mount of $2 failed"
     }
     t_ready=$EPOCHREALTIME
-    daemon=$(cat "$4/lock" 2>/dev/null || true)
+    daemon=$(head -n 1 "$4/lock" 2>/dev/null | cut -d" " -f1 || true)
     [ -n "$daemon" ] || die "no daemon pid in $4/lock"
 }
 zx_umount() {

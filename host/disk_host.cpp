@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -35,7 +36,97 @@ std::string realPath(const std::string& path) {
     return ::realpath(path.c_str(), real) ? std::string(real) : absolutePath(path);
 }
 
+// The lock file of a cache tells who holds it: the holder's pid on the first
+// line, followed by "stopping" or "removing" while it ends, then
+// "mountpoint PATH" when a mount holds it.
+std::string lockNote(const std::string& state, std::string mountPoint) {
+    std::string note = std::to_string(::getpid()) + (state.empty() ? "" : " " + state) + "\n";
+    std::replace(mountPoint.begin(), mountPoint.end(), '\n', '?');
+    if (!mountPoint.empty()) note += "mountpoint " + mountPoint + "\n";
+    return note;
+}
+
+// Replaces the note: written over the old one, then cut to its length, so
+// that a reader never finds the file empty.
+void writeLockNote(int fd, const std::string& note) {
+    bool noted = ::pwrite(fd, note.data(), note.size(), 0) == static_cast<ssize_t>(note.size()) &&
+                 ::ftruncate(fd, static_cast<off_t>(note.size())) == 0;
+    (void)noted;  // the note serves only the messages of other processes
+}
+
+CacheHolder readLockNote(int fd) {
+    char text[PATH_MAX + 128];
+    ssize_t n = ::pread(fd, text, sizeof text, 0);
+    std::string note = n > 0 ? std::string(text, static_cast<size_t>(n)) : std::string();
+    CacheHolder h;
+    size_t end = note.find('\n');
+    std::string first = note.substr(0, end);
+    h.pid = std::strtol(first.c_str(), nullptr, 10);
+    if (first.find(' ') != std::string::npos) h.state = first.substr(first.find(' ') + 1);
+    const std::string key = "\nmountpoint ";
+    size_t at = note.find(key);
+    if (at != std::string::npos) {
+        at += key.size();
+        h.mountPoint = note.substr(at, note.find('\n', at) - at);
+    }
+    return h;
+}
+
+// Everything a cache folder holds but its lock: anything else found in it
+// is not the cache's and stays, and then so does the folder.
+const char* const kCacheEntries[] = {"extents", "tmp", "identity", "identity.new", "dirty", "mount.log"};
+
+// With the cache's lock held. The lock goes last: a process that waits for
+// it finds it unlinked once it has it, and makes a new cache.
+void removeCacheFiles(const std::string& dir) {
+    for (const char* name : kCacheEntries) {
+        std::error_code ec;
+        std::filesystem::remove_all(dir + "/" + name, ec);
+        if (ec) throw StoreError(dir + "/" + name + ": cannot remove it: " + ec.message());
+    }
+    if (::unlink((dir + "/lock").c_str()) != 0 && errno != ENOENT)
+        throw StoreError(dir + "/lock: cannot remove it: " + std::strerror(errno));
+    if (::rmdir(dir.c_str()) != 0 && errno != ENOTEMPTY && errno != EEXIST && errno != ENOENT)
+        throw StoreError(dir + ": cannot remove it: " + std::strerror(errno));
+}
+
 }  // namespace
+
+std::string CacheHolder::describe() const {
+    std::string text = "pid " + std::to_string(pid);
+    if (!mountPoint.empty()) text += ", mounted on " + mountPoint;
+    if (state == "stopping") text += ", stopping";
+    if (state == "removing") text += ", removing it";
+    return text;
+}
+
+CacheHolder cacheHolder(const std::string& cacheDir) {
+    auto_handle lock(::open((cacheDir + "/lock").c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!lock.is_valid()) return CacheHolder();
+    // A shared lock, given back at once: a process that wants the cache
+    // meanwhile finds its lock held by one that the note does not name, and
+    // waits rather than refuse.
+    if (::flock(lock.get(), LOCK_SH | LOCK_NB) == 0) return CacheHolder();
+    CacheHolder h = readLockNote(lock.get());
+    h.inUse = true;
+    return h;
+}
+
+bool removeCache(const std::string& cacheDir, CacheHolder* holder) {
+    std::string path = cacheDir + "/lock";
+    auto_handle lock(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    if (lock.is_valid()) {
+        if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+            if (holder) *holder = readLockNote(lock.get()), holder->inUse = true;
+            return false;
+        }
+        writeLockNote(lock.get(), lockNote("removing", ""));
+    } else if (errno != ENOENT) {
+        throw StoreError(path + ": " + std::strerror(errno));
+    }
+    removeCacheFiles(cacheDir);
+    return true;
+}
 
 struct ExtentHandle::File {
     explicit File(int descriptor) : fd(descriptor) {}
@@ -51,17 +142,25 @@ struct DiskHost::PoolDisk {
     std::mutex mutex;  // one readData or phase change at a time per disk object
 };
 
-std::string defaultCacheDir(const std::string& storeDir, const std::string& disk, int snapshot) {
-    std::string store = realPath(storeDir);
+std::string defaultCacheRoot() {
     const char* xdg = std::getenv("XDG_CACHE_HOME");
     const char* home = std::getenv("HOME");
     std::string base = xdg && *xdg ? xdg : std::string(home && *home ? home : "/tmp") + "/.cache";
-    char hash[17];
-    std::snprintf(hash, sizeof hash, "%016zx", std::hash<std::string>()(store));
-    return base + "/zxblk/" + hash + "-" + disk + "-snap" + std::to_string(snapshot);
+    return base + "/zxblk";
 }
 
-DiskHost::DiskHost(const HostOptions& options) : m_diskName(options.disk), m_readaheadMax(options.readaheadMax) {
+std::string defaultCacheDir(const std::string& storeDir, const std::string& disk, int snapshot) {
+    std::string store = realPath(storeDir);
+    char hash[17];
+    std::snprintf(hash, sizeof hash, "%016zx", std::hash<std::string>()(store));
+    return defaultCacheRoot() + "/" + hash + "-" + disk + "-snap" + std::to_string(snapshot);
+}
+
+DiskHost::DiskHost(const HostOptions& options)
+    : m_diskName(options.disk),
+      m_readaheadMax(options.readaheadMax),
+      m_mountPoint(options.mountPoint),
+      m_dropAtEnd(options.dropCacheAtEnd) {
     // Absolute from here on: a mount serves from "/" once it is running.
     std::string storeDir = realPath(options.storeDir);
     m_services = StoreServices::open(storeDir, options.services);
@@ -182,30 +281,41 @@ DiskHost::DiskHost(const HostOptions& options) : m_diskName(options.disk), m_rea
 // so a crashed run never leaves the cache locked.
 void DiskHost::lockCache() {
     std::string path = m_cacheDir + "/lock";
-    m_lock.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (!m_lock.is_valid()) throw StoreError(path + ": " + std::strerror(errno));
-    auto holder = [this] {
-        char text[64] = {0};
-        ssize_t n = ::pread(m_lock.get(), text, sizeof text - 1, 0);
-        return n > 0 ? std::string(text, static_cast<size_t>(n)) : std::string();
-    };
-    // A process that is stopping (syncing the cache after an unmount) is
-    // waited for: a mount right after an unmount is the common case.
-    for (int waited = 0; ::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0 && waited < 600 &&
-                         holder().find(" stopping") != std::string::npos;
-         ++waited)
-        ::usleep(50000);
-    if (::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        std::string who = holder();
-        m_lock.reset();
-        who = who.substr(0, who.find_first_of(" \n"));
-        throw StoreError("the extent cache " + m_cacheDir + " is in use by another zxblk process" +
-                         (who.empty() ? std::string() : " (pid " + who + ")"));
+    for (int attempt = 0;; ++attempt) {
+        m_lock.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+        if (!m_lock.is_valid()) {
+            // The folder went (zxblk cache purge) after it was made.
+            if (errno != ENOENT || attempt == 3) throw StoreError(path + ": " + std::strerror(errno));
+        } else {
+            // Waited for: a process that is stopping (syncing the cache after
+            // an unmount: a mount right after an unmount is the common case)
+            // or removing the cache, and one that only looks at it (the note
+            // then names a process that is gone).
+            auto passing = [this] {
+                CacheHolder h = readLockNote(m_lock.get());
+                return h.state == "stopping" || h.state == "removing" ||
+                       (h.pid > 0 && ::kill(h.pid, 0) != 0 && errno == ESRCH);
+            };
+            for (int waited = 0; ::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0 && waited < 600 && passing(); ++waited)
+                ::usleep(50000);
+            if (::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
+                CacheHolder h = readLockNote(m_lock.get());
+                m_lock.reset();
+                throw StoreError("the extent cache " + m_cacheDir + " is in use by another zxblk process" +
+                                 (h.pid > 0 ? " (" + h.describe() + ")" : std::string()) +
+                                 "; give this command a cache of its own with --cache DIR");
+            }
+            // A cache removed while this process waited for it: its lock
+            // went with it.
+            struct stat st;
+            if (::fstat(m_lock.get(), &st) != 0 || st.st_nlink > 0 || attempt == 3) break;
+            m_lock.reset();
+        }
+        std::error_code ec;
+        std::filesystem::create_directories(m_cacheDir, ec);
+        if (ec) throw StoreError(m_cacheDir + ": cannot make the extent cache: " + ec.message());
     }
-    // The pid only serves the message of a refused second process.
-    std::string pid = std::to_string(::getpid()) + "\n";
-    bool noted = ::ftruncate(m_lock.get(), 0) == 0 && ::pwrite(m_lock.get(), pid.data(), pid.size(), 0) > 0;
-    (void)noted;
+    writeLockNote(m_lock.get(), lockNote("", m_mountPoint));
 }
 
 void DiskHost::dropCache(const std::string& why) {
@@ -257,9 +367,8 @@ void DiskHost::markDirty() {
 
 DiskHost::~DiskHost() {
     m_stopping = true;
-    std::string note = std::to_string(::getpid()) + " stopping\n";
-    bool noted = ::pwrite(m_lock.get(), note.data(), note.size(), 0) > 0;
-    (void)noted;  // a process that starts meanwhile then refuses instead of waiting
+    // A process that starts meanwhile waits for this one to end.
+    writeLockNote(m_lock.get(), lockNote("stopping", m_mountPoint));
     {
         std::lock_guard<std::mutex> lock(m_aheadMutex);
         m_aheadQueue.clear();
@@ -276,6 +385,15 @@ DiskHost::~DiskHost() {
     m_services->unregisterFromPlatform();
     std::lock_guard<std::mutex> lock(m_cacheMutex);
     m_files.clear();
+    if (m_dropAtEnd) {
+        // Nothing to make durable in a cache that goes.
+        try {
+            removeCacheFiles(m_cacheDir);
+        } catch (const StoreError& e) {
+            LogSink::write(kLevelError, kTag, e.what());
+        }
+        return;
+    }
     bool clean = m_unsynced.empty() || ::syncfs(m_lock.get()) == 0;
     if (!clean) LogSink::write(kLevelError, kTag, m_cacheDir + ": cannot sync the extent cache: " + std::strerror(errno));
     if (clean && m_dirty) ::unlink((m_cacheDir + "/dirty").c_str());

@@ -38,6 +38,12 @@ struct HostOptions {
     // Largest readahead window for a sequential reader, in extents; 0: reads
     // never recall ahead by themselves (readahead() still does).
     unsigned readaheadMax = 0;
+    // Where the disk is mounted, when a mount holds the cache: the lock file
+    // says so, so that a process refused the cache can tell the user where.
+    std::string mountPoint;
+    // Removes what the cache holds, and its folder, when the host ends (not
+    // when the process dies: a killed run leaves it, marked dirty).
+    bool dropCacheAtEnd = false;
     StoreServices::Options services;
 };
 
@@ -203,9 +209,31 @@ private:
     std::atomic<bool> m_mountComplete{false}, m_metadataPhase{false};
     std::thread m_prefetch;
     std::atomic<bool> m_stopping{false};
+    std::string m_mountPoint;
+    bool m_dropAtEnd = false;
 };
 
+// The folder that holds the default caches: $XDG_CACHE_HOME/zxblk, or
+// ~/.cache/zxblk.
+std::string defaultCacheRoot();
 // The default cache folder of a store, disk and snapshot.
 std::string defaultCacheDir(const std::string& storeDir, const std::string& disk, int snapshot);
+
+// The process that holds a cache, as the cache's lock file tells.
+struct CacheHolder {
+    bool inUse = false;
+    long pid = 0;
+    std::string state;       // "", "stopping" or "removing"
+    std::string mountPoint;  // where it is mounted, when a mount holds it
+    // "pid 1234, mounted on /mnt/x"
+    std::string describe() const;
+};
+// Looks at a cache folder without taking it.
+CacheHolder cacheHolder(const std::string& cacheDir);
+// Removes what a cache holds (extents, temporaries, identity, marks, the
+// daemon's log, the lock) and then its folder, if nothing else is left in
+// it, unless a process holds the cache: then it returns false, touches
+// nothing and tells who in `holder`. Throws StoreError when it cannot.
+bool removeCache(const std::string& cacheDir, CacheHolder* holder = nullptr);
 
 }  // namespace zxblk

@@ -1,9 +1,13 @@
 // zxblk mount: the disk as one read-only file, MOUNTPOINT/disk.raw, whose
-// extents are recalled on demand; MOUNTPOINT/.control drives the mount and
-// metadata phases; MOUNTPOINT/.stats tells what was recalled.
+// extents are recalled on demand, and each partition of its partition table
+// as MOUNTPOINT/partN; MOUNTPOINT/.control drives the mount and metadata
+// phases; MOUNTPOINT/.stats tells what was recalled.
 #define FUSE_USE_VERSION 35
+#include <blkid.h>
 #include <fcntl.h>
 #include <fuse.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,8 +19,12 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <memory>
+#include <mutex>
+#include <thread>
 
+#include "framework/AutoHandles.h"
 #include "host/disk_host.h"
 #include "platform/Log.h"
 #include "platform/ZXPlatformInfo.h"
@@ -32,18 +40,43 @@ const char* const kDisk = "/disk.raw";
 const char* const kControl = "/.control";
 const char* const kStats = "/.stats";
 
+// A partition of the disk, presented as its own file.
+struct Partition {
+    std::string name;  // "part1": the number the partition table gives it
+    uint64_t offset = 0, size = 0;
+};
+// Filled once the partition table has been read, after the mount is up.
+std::mutex g_partitionsMutex;
+std::vector<Partition> g_partitions;
+
+// The range of the disk that a file presents: all of it, or a partition.
+bool rangeOf(const char* path, uint64_t* offset, uint64_t* size) {
+    if (std::strcmp(path, kDisk) == 0) {
+        *offset = 0, *size = g_host->size();
+        return true;
+    }
+    std::lock_guard<std::mutex> lock(g_partitionsMutex);
+    for (const Partition& p : g_partitions)
+        if (path[0] == '/' && p.name == path + 1) {
+            *offset = p.offset, *size = p.size;
+            return true;
+        }
+    return false;
+}
+
 int getattrOp(const char* path, struct stat* st, struct fuse_file_info*) {
     std::memset(st, 0, sizeof *st);
     st->st_uid = getuid();
     st->st_gid = getgid();
     st->st_mtime = st->st_ctime = st->st_atime = g_mountTime;
     st->st_nlink = 1;
+    uint64_t offset, size;
     if (std::strcmp(path, "/") == 0) {
         st->st_mode = S_IFDIR | 0555;
         st->st_nlink = 2;
-    } else if (std::strcmp(path, kDisk) == 0) {
+    } else if (rangeOf(path, &offset, &size)) {
         st->st_mode = S_IFREG | 0444;
-        st->st_size = static_cast<off_t>(g_host->size());
+        st->st_size = static_cast<off_t>(size);
         st->st_blocks = (st->st_size + 511) / 512;
     } else if (std::strcmp(path, kControl) == 0) {
         st->st_mode = S_IFREG | 0200;
@@ -60,12 +93,15 @@ int readdirOp(const char* path, void* buf, fuse_fill_dir_t fill, off_t, struct f
     if (std::strcmp(path, "/") != 0) return -ENOENT;
     for (const char* name : {".", "..", kDisk + 1, kControl + 1, kStats + 1})
         fill(buf, name, nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
+    std::lock_guard<std::mutex> lock(g_partitionsMutex);
+    for (const Partition& p : g_partitions) fill(buf, p.name.c_str(), nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
     return 0;
 }
 
 int openOp(const char* path, struct fuse_file_info* fi) {
     int mode = fi->flags & O_ACCMODE;
-    if (std::strcmp(path, kDisk) == 0) {
+    uint64_t offset, size;
+    if (rangeOf(path, &offset, &size)) {
         if (mode != O_RDONLY) return -EROFS;
         fi->keep_cache = 1;  // the bytes never change while mounted
         return 0;
@@ -86,20 +122,26 @@ int openOp(const char* path, struct fuse_file_info* fi) {
 int readOp(const char* path, char* buf, size_t size, off_t offset, struct fuse_file_info*) {
     if (std::strcmp(path, kStats) == 0) {
         std::string text = g_host->statsText();
+        {
+            std::lock_guard<std::mutex> lock(g_partitionsMutex);
+            text += "partitions " + std::to_string(g_partitions.size()) + "\n";
+        }
         if (static_cast<size_t>(offset) >= text.size()) return 0;
         size_t n = std::min(size, text.size() - static_cast<size_t>(offset));
         std::memcpy(buf, text.data() + offset, n);
         return static_cast<int>(n);
     }
-    if (std::strcmp(path, kDisk) != 0) return -ENOENT;
-    if (static_cast<uint64_t>(offset) >= g_host->size()) return 0;
-    size_t n = static_cast<size_t>(std::min<uint64_t>(size, g_host->size() - static_cast<uint64_t>(offset)));
+    uint64_t start, length;
+    if (!rangeOf(path, &start, &length)) return -ENOENT;
+    if (static_cast<uint64_t>(offset) >= length) return 0;
+    size_t n = static_cast<size_t>(std::min<uint64_t>(size, length - static_cast<uint64_t>(offset)));
     try {
-        g_host->read(static_cast<uint64_t>(offset), n, buf);
+        g_host->read(start + static_cast<uint64_t>(offset), n, buf);
     } catch (const std::exception& e) {
         // The reader gets EIO; the mount goes on serving everything else.
-        LogSink::write(kLevelError, "zxblk mount", "read of " + std::to_string(n) + " bytes at " + std::to_string(offset) +
-                                                       " failed: " + e.what());
+        LogSink::write(kLevelError, "zxblk mount",
+                       "read of " + std::to_string(n) + " bytes at " + std::to_string(offset) + " of " + (path + 1) +
+                           " failed: " + e.what());
         return -EIO;
     }
     return static_cast<int>(n);
@@ -143,9 +185,14 @@ struct MountArgs {
     std::string store, disk, cache, mountpoint, logFile;
     uint64_t cacheLimit = 0;
     int snapshot = -1;
-    bool foreground = false, prefetch = false;
+    bool foreground = false, prefetch = false, nonempty = false, dropCache = false;
+    std::vector<std::string> fuseOptions;  // -o
     uint64_t flushThreshold = 64;
 };
+
+bool wants(const MountArgs& a, const std::string& option) {
+    return std::find(a.fuseOptions.begin(), a.fuseOptions.end(), option) != a.fuseOptions.end();
+}
 
 // A daemon tells the process that started it how the start went: one
 // message, '+' first when it serves, '-' and why not when it gave up.
@@ -157,6 +204,96 @@ void tellStarter(int& fd, char status, const std::string& text) {
     ::close(fd);
     fd = -1;
 }
+
+// The disk's partitions, as libblkid reads its partition table (MBR with
+// its logical partitions, or GPT). libblkid probes a descriptor: that of
+// the running mount's disk.raw, whose reads the host serves like anyone's.
+std::vector<Partition> readPartitions(const std::string& diskPath, uint64_t diskSize, std::string* table) {
+    auto_handle fd(::open(diskPath.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.is_valid()) throw StoreError(diskPath + ": " + std::strerror(errno));
+    std::unique_ptr<std::remove_pointer_t<blkid_probe>, void (*)(blkid_probe)> probe(blkid_new_probe(),
+                                                                                     blkid_free_probe);
+    if (!probe || blkid_probe_set_device(probe.get(), fd.get(), 0, 0) != 0)
+        throw StoreError(diskPath + ": libblkid cannot probe it");
+    blkid_probe_enable_superblocks(probe.get(), 0);
+    blkid_probe_enable_partitions(probe.get(), 1);
+    std::vector<Partition> parts;
+    blkid_partlist list = blkid_probe_get_partitions(probe.get());
+    if (!list) return parts;  // no partition table
+    blkid_parttable tab = blkid_partlist_get_table(list);
+    const char* type = tab ? blkid_parttable_get_type(tab) : nullptr;
+    *table = !type ? "unknown" : std::strcmp(type, "dos") == 0 ? "MBR" : std::strcmp(type, "gpt") == 0 ? "GPT" : type;
+    const uint64_t sectors = diskSize / 512;  // libblkid counts in 512-byte sectors whatever the disk's
+    for (int i = 0, n = blkid_partlist_numof_partitions(list); i < n; ++i) {
+        blkid_partition p = blkid_partlist_get_partition(list, i);
+        // An extended partition only holds the logical ones, which come on their own.
+        if (!p || blkid_partition_is_extended(p)) continue;
+        int number = blkid_partition_get_partno(p);
+        blkid_loff_t start = blkid_partition_get_start(p), size = blkid_partition_get_size(p);
+        std::string name = "part" + std::to_string(number);
+        bool taken = std::any_of(parts.begin(), parts.end(), [&](const Partition& q) { return q.name == name; });
+        if (number <= 0 || taken || start < 0 || size <= 0 || static_cast<uint64_t>(start) > sectors ||
+            static_cast<uint64_t>(size) > sectors - static_cast<uint64_t>(start)) {
+            LogSink::write(kLevelError, "zxblk mount",
+                           "partition " + std::to_string(number) + " (" + std::to_string(size) + " sectors at sector " +
+                               std::to_string(start) + ") does not fit the disk or repeats a number; not presented");
+            continue;
+        }
+        parts.push_back({name, static_cast<uint64_t>(start) * 512, static_cast<uint64_t>(size) * 512});
+    }
+    return parts;
+}
+
+// How the start of a mount ends: it runs beside the FUSE loop, which must
+// serve the reads of the partition table, and reports the mount ready once
+// the partitions are there, so that they are when `zxblk mount` returns.
+// A table that cannot be read costs the partitions, not the mount.
+struct Starter {
+    std::mutex mutex;
+    bool ending = false;  // the loop has returned: too late to report ready
+    int* readyFd = nullptr;
+
+    void run(const MountArgs& a, std::string banner, const std::string& ready) {
+        std::string table, names;
+        try {
+            std::vector<Partition> parts = readPartitions(a.mountpoint + kDisk, g_host->size(), &table);
+            for (const Partition& p : parts) names += (names.empty() ? "" : ", ") + p.name;
+            if (!parts.empty()) LogSink::write(kLevelDebug, "zxblk mount", table + " partition table: " + names);
+            std::lock_guard<std::mutex> lock(g_partitionsMutex);
+            g_partitions = std::move(parts);
+        } catch (const std::exception& e) {
+            LogSink::write(kLevelError, "zxblk mount",
+                           std::string("cannot read the partition table, so no partN files: ") + e.what());
+        }
+        if (!names.empty()) banner += "; " + table + " partitions " + names;
+        std::lock_guard<std::mutex> lock(mutex);
+        if (ending) return;
+        if (*readyFd >= 0) {
+            LogSink::write(0, "zxblk mount", banner + ")");
+            tellStarter(*readyFd, '+', banner + ")\n" + ready);
+        } else {
+            std::printf("%s)\n", banner.c_str());
+            std::fflush(stdout);
+        }
+    }
+};
+
+// FUSE lets only root mount with allow_other, unless /etc/fuse.conf has a
+// line "user_allow_other".
+bool fuseAllowsOther() {
+    if (::geteuid() == 0) return true;
+    std::ifstream conf("/etc/fuse.conf");
+    std::string line;
+    while (std::getline(conf, line)) {
+        line.erase(0, line.find_first_not_of(" \t"));
+        line.erase(line.find_last_not_of(" \t\r") + 1);
+        if (line == "user_allow_other") return true;
+    }
+    return false;
+}
+const char* const kAllowOtherRefused =
+    "-o allow_other: FUSE allows it to users other than root only when /etc/fuse.conf has the line user_allow_other, "
+    "which it does not";
 
 // Mounts and serves until unmounted; `readyFd` is the starter's pipe when
 // running as a daemon, -1 in the foreground.
@@ -173,6 +310,8 @@ void serve(const MountArgs& a, int& readyFd) {
     // A file system read in order (a copy, a scan) gets the extents ahead of it.
     options.readaheadMax = 16;
     options.cacheLimit = a.cacheLimit;
+    options.mountPoint = a.mountpoint;
+    options.dropCacheAtEnd = a.dropCache;
     std::unique_ptr<DiskHost> host(new DiskHost(options));
 
     std::string logFile = a.logFile;
@@ -198,12 +337,16 @@ void serve(const MountArgs& a, int& readyFd) {
     ops.truncate = truncateOp;
     std::string fsname = "fsname=zxblk:" + a.disk;
     std::vector<const char*> argv = {"zxblk", "-o", fsname.c_str(), "-o", "subtype=zxblk"};
+    // Other users get what the file modes give them: the disk and its
+    // partitions to read, the control file to its owner alone.
+    if (wants(a, "allow_other")) argv.insert(argv.end(), {"-o", "allow_other,default_permissions"});
     struct fuse_args args = FUSE_ARGS_INIT(static_cast<int>(argv.size()), const_cast<char**>(argv.data()));
     struct fuse* fuse = fuse_new(&args, &ops, sizeof ops, nullptr);
     fuse_opt_free_args(&args);
     if (!fuse) throw StoreError("cannot start the FUSE session");
     if (fuse_mount(fuse, a.mountpoint.c_str()) != 0) {
         fuse_destroy(fuse);
+        if (wants(a, "allow_other") && !fuseAllowsOther()) throw StoreError(kAllowOtherRefused);
         throw StoreError(a.mountpoint + ": cannot mount there (is /dev/fuse usable, and the directory not mounted already?)");
     }
     // A shell starts background jobs with SIGINT ignored, and libfuse leaves
@@ -214,35 +357,65 @@ void serve(const MountArgs& a, int& readyFd) {
     struct fuse_session* session = fuse_get_session(fuse);
     fuse_set_signal_handlers(session);
     std::string banner = "mounted " + a.disk + " snapshot " + std::to_string(host->snapshot()) + " at " + a.mountpoint +
-                         " (disk.raw, " + std::to_string(host->size()) + " bytes; cache " + host->cacheDir() + ")";
+                         " (disk.raw, " + std::to_string(host->size()) + " bytes; cache " + host->cacheDir();
+    std::string ready = "log: " + logFile + (a.dropCache ? " (it goes with the cache)" : "") +
+                        "; unmount with: fusermount3 -u " + a.mountpoint;
     if (readyFd >= 0) {
         int null = ::open("/dev/null", O_RDWR);
         if (null >= 0) {
             ::dup2(null, 0), ::dup2(null, 1), ::dup2(null, 2);
             if (null > 2) ::close(null);
         }
-        LogSink::write(0, "zxblk mount", banner);
-        tellStarter(readyFd, '+', banner + "\nlog: " + logFile + "; unmount with: fusermount3 -u " + a.mountpoint);
-    } else {
-        std::printf("%s\n", banner.c_str());
-        std::fflush(stdout);
     }
+    Starter starter;
+    starter.readyFd = &readyFd;
+    std::thread start(&Starter::run, &starter, std::cref(a), banner, ready);
 
+    // Several threads: the partition table is read through the mount while
+    // it serves, and readers of different extents are served in parallel.
     struct fuse_loop_config loop;
     std::memset(&loop, 0, sizeof loop);
     loop.max_idle_threads = 10;
     int rc = fuse_loop_mt(fuse, &loop);
+    {
+        std::lock_guard<std::mutex> lock(starter.mutex);
+        starter.ending = true;
+    }
     fuse_remove_signal_handlers(session);
+    // Unmounting closes the session's device: a read of the partition table
+    // still waiting for an answer then fails at once.
     fuse_unmount(fuse);
+    start.join();
     fuse_destroy(fuse);
     std::string stats = host->statsText();
     for (char& c : stats)
         if (c == '\n') c = ' ';
     g_host = nullptr;
     host.reset();
+    {
+        std::lock_guard<std::mutex> lock(g_partitionsMutex);
+        g_partitions.clear();
+    }
     LogSink::write(0, "zxblk mount", "unmounted " + a.mountpoint + ": " + stats);
     if (rc != 0 && rc != SIGINT && rc != SIGTERM && rc != SIGHUP)
         throw StoreError("the FUSE session ended with an error (" + std::to_string(rc) + ")");
+}
+
+// Mounting over files hides them until the unmount, without a word of why
+// they are gone.
+void checkMountPoint(const MountArgs& a) {
+    if (wants(a, "allow_other") && !fuseAllowsOther()) throw StoreError(kAllowOtherRefused);
+    std::error_code ec;
+    std::filesystem::directory_iterator entries(a.mountpoint, ec);
+    if (ec) throw StoreError(a.mountpoint + ": cannot mount there: " + ec.message());
+    if (a.nonempty || entries == std::filesystem::directory_iterator()) return;
+    struct stat here, parent;
+    struct statfs fs;
+    if (::stat(a.mountpoint.c_str(), &here) == 0 && ::stat((a.mountpoint + "/..").c_str(), &parent) == 0 &&
+        here.st_dev != parent.st_dev && ::statfs(a.mountpoint.c_str(), &fs) == 0 && fs.f_type == 0x65735546 /* FUSE */)
+        throw StoreError(a.mountpoint + " is mounted already (fusermount3 -u " + a.mountpoint + " unmounts it)");
+    throw StoreError(a.mountpoint +
+                     " is not empty: its files would be hidden while mounted; use --nonempty to mount over it anyway");
 }
 
 // Starts the daemon before any thread exists (the restore service's workers
@@ -289,7 +462,8 @@ void startDaemon(const MountArgs& a) {
 }  // namespace
 
 void registerMountCommand(CLI::App& app) {
-    auto* cmd = app.add_subcommand("mount", "present the disk as MOUNTPOINT/disk.raw, recalling extents on demand");
+    auto* cmd = app.add_subcommand(
+        "mount", "present the disk as MOUNTPOINT/disk.raw (its partitions as partN), recalling extents on demand");
     static MountArgs a;
     cmd->add_option("--store", a.store, "store directory")->required()->check(CLI::ExistingDirectory);
     cmd->add_option("--disk", a.disk, "disk name")->required();
@@ -303,7 +477,22 @@ void registerMountCommand(CLI::App& app) {
     cmd->add_option("--log-file", a.logFile, "write the log here (default: standard error, or CACHE/mount.log as a daemon)");
     cmd->add_flag("-f,--foreground", a.foreground, "stay in the foreground");
     cmd->add_flag("--prefetch", a.prefetch, "recall the extents the index flags as mount extents, in the background");
-    cmd->add_option("mountpoint", a.mountpoint, "an empty directory")->required()->check(CLI::ExistingDirectory);
+    cmd->add_option("-o", a.fuseOptions,
+                    "mount options, separated by commas: allow_other (other users may read the disk)")
+        ->type_name("OPTION[,OPTION...]")
+        ->delimiter(',')
+        ->check(CLI::Validator(
+            [](std::string& option) {
+                return option == "allow_other"
+                           ? std::string()
+                           : "unknown mount option '" + option + "' (zxblk mount -o takes allow_other)";
+            },
+            ""));
+    cmd->add_flag("--nonempty", a.nonempty, "mount over a directory that holds files, hiding them while mounted");
+    cmd->add_flag("--drop-cache", a.dropCache, "remove the extent cache (and the log in it) when the mount ends");
+    cmd->add_option("mountpoint", a.mountpoint, "an empty directory (see --nonempty)")
+        ->required()
+        ->check(CLI::ExistingDirectory);
     addCommonOptions(cmd);
     cmd->callback([] {
         applyCommonOptions();
@@ -313,6 +502,7 @@ void registerMountCommand(CLI::App& app) {
             *p = std::filesystem::absolute(*p).lexically_normal().string();
             while (p->size() > 1 && p->back() == '/') p->pop_back();
         }
+        checkMountPoint(a);
         if (a.foreground) {
             int noStarter = -1;
             serve(a, noStarter);

@@ -15,3 +15,16 @@ fail() { echo "FAIL: $*"; exit 1; }
 ok() { echo "ok: $*"; }
 # Nothing that touches a mount may hang the suite.
 t() { timeout "${step_timeout:-120}" "$@"; }
+mounted() { grep -q " $1 fuse" /proc/mounts; }
+unmount() {
+  fusermount3 -u "$1"
+  for _ in $(seq 100); do mounted "$1" || return 0; sleep 0.1; done
+  fail "$1 did not unmount"
+}
+# Waits for the process that served CACHE (its pid heads CACHE/lock) to exit.
+wait_stopped() {
+  local pid
+  pid=$(head -1 "$1/lock" | cut -d' ' -f1)
+  for _ in $(seq 300); do kill -0 "$pid" 2>/dev/null || return 0; sleep 0.1; done
+  fail "the process serving $1 did not stop"
+}

@@ -8,7 +8,6 @@
 set -euo pipefail
 zxblk=$1 chain=$2
 source "$(dirname "$0")/mount_common.sh"
-mounted() { grep -q " $1 fuse" /proc/mounts; }
 mount_disk() {  # mountpoint, extra arguments...
   local m=$1
   shift
@@ -16,18 +15,6 @@ mount_disk() {  # mountpoint, extra arguments...
   t "$zxblk" mount --store "$work/store" "$@" "$m" >"$work/mount.out" || { cat "$work/mount.out"; fail "zxblk mount $*"; }
   mounted "$m" || fail "$m is not mounted after zxblk mount returned"
   mounts+=("$m")
-}
-unmount() {
-  fusermount3 -u "$1"
-  for _ in $(seq 100); do mounted "$1" || return 0; sleep 0.1; done
-  fail "$1 did not unmount"
-}
-# Waits for the process that served CACHE (its pid heads CACHE/lock) to exit.
-wait_stopped() {
-  local pid
-  pid=$(cut -d' ' -f1 "$1/lock")
-  for _ in $(seq 300); do kill -0 "$pid" 2>/dev/null || return 0; sleep 0.1; done
-  fail "the process serving $1 did not stop"
 }
 stat_of() { awk -v k="$2" '$1 == k { print $2 }' "$1/.stats"; }
 sql() { sqlite3 "$work/store/index.sqlite" "$1"; }
@@ -50,7 +37,7 @@ if t "$zxblk" mount --store "$work/store" --disk chain --cache "$work/cache1" "$
   mounts+=("$work/m1b")
   fail "a second mount of one cache"
 fi
-grep -q "^zxblk: the extent cache $work/cache1 is in use by another zxblk process (pid [0-9]*)$" "$work/err" ||
+grep -q "^zxblk: the extent cache $work/cache1 is in use by another zxblk process (pid [0-9]*, mounted on $work/m1); give this command a cache of its own with --cache DIR$" "$work/err" ||
   { cat "$work/err"; fail "second mount: unclear refusal"; }
 mounted "$work/m1b" && fail "the refused mount is mounted"
 ok "a second mount of the same cache is refused in one line: $(cat "$work/err")"
@@ -118,7 +105,7 @@ unmount "$work/m3"
 # recall reports its extent once). Extent 0 is read, pushed out of a
 # one-extent cache and read again: the index hears of it twice.
 head -c $((8 * 1048576)) /dev/urandom >"$work/flat.raw"
-"$zxblk" import --store "$work/store" --disk flat --extent-size 65536 "$work/flat.raw" >/dev/null
+"$zxblk" import --store "$work/store" --disk flat --format raw --extent-size 65536 "$work/flat.raw" >/dev/null
 mount_disk "$work/m4" --disk flat --cache "$work/cache4" --cache-limit 64K --flush-threshold 1000
 # Direct reads: no readahead, and no page cache hiding the second read.
 read_extent() { t dd if="$work/m4/disk.raw" of=/dev/null bs=65536 skip="$1" count=1 iflag=direct status=none; }
@@ -160,7 +147,7 @@ unmount "$work/m5"
 # An unreadable snapshot file: the reader gets EIO for what is lost, the
 # rest still reads, and the mount survives.
 head -c $((8 * 1048576)) /dev/urandom >"$work/r.raw"
-"$zxblk" import --store "$work/store" --disk cut "$work/r.raw" >/dev/null
+"$zxblk" import --store "$work/store" --disk cut --format raw "$work/r.raw" >/dev/null
 truncate -s $((4 * 1048576)) "$work/store/snapshots/cut-snap0.raw"
 mount_disk "$work/m6" --disk cut --cache "$work/cache6"
 if t dd if="$work/m6/disk.raw" of=/dev/null bs=1M skip=6 count=1 status=none 2>"$work/err"; then fail "a lost extent read without error"; fi
@@ -228,7 +215,7 @@ mkdir -p "$work/small"
 if mount -t tmpfs -o size=16m zxblk-test "$work/small" 2>/dev/null; then
   trap 'umount -l "$work/small" 2>/dev/null || true; cleanup' EXIT
   head -c $((48 * 1048576)) /dev/urandom >"$work/big.raw"
-  "$zxblk" import --store "$work/store" --disk big "$work/big.raw" >/dev/null
+  "$zxblk" import --store "$work/store" --disk big --format raw "$work/big.raw" >/dev/null
   mount_disk "$work/m9" --disk big --cache "$work/small/cache" --cache-limit 1G
   t cmp -n $((8 * 1048576)) "$work/m9/disk.raw" "$work/big.raw" || fail "small file system: the first 8 MiB"
   for i in $(seq 64); do head -c 1048576 /dev/zero >"$work/small/filler$i" 2>/dev/null || break; done

@@ -1,0 +1,107 @@
+// zxblk stats: what a running mount has recalled, read ahead and cached, as
+// its MOUNTPOINT/.stats tells, in words or as JSON.
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <utility>
+#include <vector>
+
+#include "store/store_error.h"
+#include "tools/commands.h"
+
+namespace zxblk {
+namespace {
+
+// The "key value" lines of a mount's .stats, in their order.
+std::vector<std::pair<std::string, uint64_t>> readStats(const std::string& mountpoint) {
+    struct stat st;
+    if (::stat(mountpoint.c_str(), &st) != 0) throw StoreError(mountpoint + ": " + std::strerror(errno));
+    if (!S_ISDIR(st.st_mode)) throw StoreError(mountpoint + " is not a directory, so not a zxblk mount");
+    std::ifstream in(mountpoint + "/.stats");
+    if (!in) throw StoreError(mountpoint + " is not a zxblk mount (it has no .stats)");
+    std::vector<std::pair<std::string, uint64_t>> stats;
+    std::string line;
+    while (std::getline(in, line)) {
+        size_t space = line.find(' ');
+        uint64_t value = 0;
+        const char* end = line.data() + line.size();
+        auto parsed = space == std::string::npos ? std::from_chars_result{nullptr, std::errc::invalid_argument}
+                                                 : std::from_chars(line.data() + space + 1, end, value);
+        if (space == 0 || parsed.ec != std::errc() || parsed.ptr != end)
+            throw StoreError(mountpoint + " is not a zxblk mount (its .stats has a line '" + line + "')");
+        stats.emplace_back(line.substr(0, space), value);
+    }
+    bool disk = false;
+    for (const auto& kv : stats) disk = disk || kv.first == "disk_bytes";
+    if (!disk) throw StoreError(mountpoint + " is not a zxblk mount (its .stats gives no disk size)");
+    return stats;
+}
+
+std::string plural(uint64_t n, const char* word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }
+
+}  // namespace
+
+void registerStatsCommand(CLI::App& app) {
+    auto* cmd = app.add_subcommand("stats", "what a running mount has recalled, read ahead and cached");
+    static std::string mountpoint;
+    cmd->add_option("mountpoint", mountpoint, "where zxblk mount presents a disk")->required();
+    addJsonOption(cmd);
+    addCommonOptions(cmd);
+    cmd->callback([] {
+        applyCommonOptions();
+        auto stats = readStats(mountpoint);
+        // The phases are yes or no; every other figure is a count.
+        auto isFlag = [](const std::string& key) { return key == "mount_complete" || key == "metadata_phase"; };
+        if (commonOptions().json) {
+            // In the order .stats gives them.
+            nlohmann::ordered_json out = nlohmann::ordered_json::object();
+            for (const auto& kv : stats)
+                out[kv.first] =
+                    isFlag(kv.first) ? nlohmann::ordered_json(kv.second != 0) : nlohmann::ordered_json(kv.second);
+            std::printf("%s\n", out.dump(2).c_str());
+            return;
+        }
+        std::vector<std::pair<std::string, uint64_t>> unknown;
+        auto take = [&](const std::string& key) {
+            for (auto it = unknown.begin(); it != unknown.end(); ++it)
+                if (it->first == key) {
+                    uint64_t v = it->second;
+                    unknown.erase(it);
+                    return v;
+                }
+            return uint64_t(0);
+        };
+        unknown = stats;
+        uint64_t diskBytes = take("disk_bytes"), extentSize = take("extent_size");
+        uint64_t extents = extentSize ? (diskBytes + extentSize - 1) / extentSize : 0;
+        uint64_t recalled = take("extents_recalled"), recalledBytes = take("bytes_recalled");
+        uint64_t ahead = take("extents_read_ahead"), errors = take("read_errors"), evictions = take("evictions");
+        uint64_t cacheExtents = take("cache_extents"), cacheBytes = take("cache_bytes"), limit = take("cache_limit");
+        uint64_t jobs = take("restore_jobs"), failures = take("restore_failures"), restored = take("restore_bytes");
+        uint64_t partitions = take("partitions");
+        bool mounted = take("mount_complete") != 0, metadata = take("metadata_phase") != 0;
+        char share[32] = "";
+        if (diskBytes) std::snprintf(share, sizeof share, ", %.1f%% of the disk", 100.0 * recalledBytes / diskBytes);
+        std::printf("disk             %s, %s of %s\n", humanSize(diskBytes).c_str(), plural(extents, "extent").c_str(),
+                    humanSize(extentSize).c_str());
+        std::printf("partitions       %s\n", partitions ? std::to_string(partitions).c_str() : "none");
+        std::printf("recalled         %s (%s%s), %llu of them read ahead\n", plural(recalled, "extent").c_str(),
+                    humanSize(recalledBytes).c_str(), share, static_cast<unsigned long long>(ahead));
+        std::printf("read errors      %llu\n", static_cast<unsigned long long>(errors));
+        std::printf("cache            %s, %s of a %s limit; %s\n", plural(cacheExtents, "extent").c_str(),
+                    humanSize(cacheBytes).c_str(), humanSize(limit).c_str(), plural(evictions, "eviction").c_str());
+        std::printf("restore service  %s, %s, %s\n", plural(jobs, "job").c_str(), plural(failures, "failure").c_str(),
+                    humanSize(restored).c_str());
+        std::printf("phases           mount %s; %s\n", mounted ? "complete" : "not complete yet",
+                    metadata ? "in the metadata phase" : "not in the metadata phase");
+        for (const auto& kv : unknown)
+            std::printf("%-16s %llu\n", kv.first.c_str(), static_cast<unsigned long long>(kv.second));
+    });
+}
+
+}  // namespace zxblk
