@@ -206,11 +206,15 @@ Catalog Catalog::load(const std::string& storeDir) {
             if (cr.copyExtentLength() != d.extentSize) r.fail(cw + "storedExtentSize", "does not match the disk's extent size");
             if (cr.file.empty() || cr.file[0] == '/' || cr.file.find("..") != std::string::npos)
                 r.fail(cw + "file", "must name a file inside the store");
+            // A file that is gone fails the reads that need it, and `list`
+            // shows it as missing; it does not make the rest of the store
+            // unreadable. Two records naming one file do.
             struct stat st;
-            if (::stat((storeDir + "/" + cr.file).c_str(), &st) != 0) r.fail(cw + "file", cr.file + " is missing from the store");
-            // By inode, so that another spelling of a path or a hard link is the same file too.
-            auto seen = files.emplace(std::make_pair(st.st_dev, st.st_ino), copyAt(i, k));
-            if (!seen.second) r.fail(cw + "file", cr.file + " is also the file of " + seen.first->second);
+            if (::stat((storeDir + "/" + cr.file).c_str(), &st) == 0) {
+                // By inode, so that another spelling of a path or a hard link is the same file too.
+                auto seen = files.emplace(std::make_pair(st.st_dev, st.st_ino), copyAt(i, k));
+                if (!seen.second) r.fail(cw + "file", cr.file + " is also the file of " + seen.first->second);
+            }
             d.copies.push_back(cr);
         }
         c.disks.push_back(d);

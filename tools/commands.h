@@ -33,5 +33,7 @@ void registerMountCommand(CLI::App& app);
 void registerIndexCommand(CLI::App& app);
 void registerDemoCommand(CLI::App& app);
 void registerVerifyCommand(CLI::App& app);
+void registerCacheCommand(CLI::App& app);
+void registerStatsCommand(CLI::App& app);
 
 }  // namespace zxblk

@@ -1,5 +1,6 @@
 // zxblk: put backed-up disks into a store and read them back through the
 // provider, extent by extent.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -73,21 +74,31 @@ std::string closest(const std::string& typed, const std::vector<std::string>& na
 // subcommand or an option.
 std::string usageLine(const CLI::App& app, const CLI::ParseError& e, int argc, char** argv) {
     const CLI::App* where = &app;
-    for (const CLI::App* sub : app.get_subcommands()) where = sub;
-    std::string who = where == &app ? "zxblk" : "zxblk " + where->get_name();
-    if (where == &app) {
-        // No subcommand was recognised: the first word that is not an option
-        // is a mistyped one, or none was given.
-        std::vector<std::string> names;
-        for (const CLI::App* sub : app.get_subcommands({})) names.push_back(sub->get_name());
-        for (int i = 1; i < argc; ++i) {
-            std::string word = argv[i];
-            if (word.empty() || word[0] == '-') continue;
-            std::string guess = closest(word, names);
-            return "zxblk: unknown command '" + word + "'" + (guess.empty() ? "" : "; did you mean '" + guess + "'?") +
-                   " (zxblk --help lists the commands)";
+    // The innermost command given ("zxblk cache purge").
+    std::string who = "zxblk";
+    for (bool deeper = true; deeper;) {
+        deeper = false;
+        for (const CLI::App* sub : where->get_subcommands())
+            if (sub->parsed()) {
+                where = sub, who += " " + sub->get_name(), deeper = true;
+                break;
+            }
+    }
+    std::vector<std::string> commands;
+    for (const CLI::App* sub : where->get_subcommands({})) commands.push_back(sub->get_name());
+    if (!commands.empty()) {
+        // A command that takes commands got none it knows: the first word
+        // after it that is not an option is a mistyped one, or none was given.
+        std::vector<std::string> words(argv + 1, argv + argc);
+        size_t depth = 0;
+        for (size_t i = 0; i < words.size(); ++i) {
+            if (words[i].empty() || words[i][0] == '-') continue;
+            if (depth++ < static_cast<size_t>(std::count(who.begin(), who.end(), ' '))) continue;
+            std::string guess = closest(words[i], commands);
+            return who + ": unknown command '" + words[i] + "'" +
+                   (guess.empty() ? "" : "; did you mean '" + guess + "'?") + " (" + who + " --help lists them)";
         }
-        return "zxblk: a command is required (zxblk --help lists them)";
+        return who + ": a command is required (" + who + " --help lists them)";
     }
     // An option the command does not know is the cause even when CLI11
     // complains first about a required one it then missed.
@@ -122,6 +133,8 @@ int main(int argc, char** argv) {
     zxblk::registerIndexCommand(app);
     zxblk::registerDemoCommand(app);
     zxblk::registerVerifyCommand(app);
+    zxblk::registerCacheCommand(app);
+    zxblk::registerStatsCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -25,6 +25,7 @@ expect() {
 s=$work/store
 expect 2 "unknown command 'impor'; did you mean 'import'?" impor --store "$s"
 expect 2 "a command is required"
+expect 2 "zxblk cache: unknown command 'lst'; did you mean 'list'?" cache lst
 expect 2 "unknown option --stroe; did you mean --store?" list --stroe "$s"
 expect 2 "unknown option --extnet-size; did you mean --extent-size?" import --store "$s" --disk d --extnet-size 64K x.vhd
 expect 2 "--store is required" list
@@ -55,3 +56,28 @@ ZXBLK_CONFIG=$c.typo expect 1 "$c.typo:3: unknown key" index --store "$s" --disk
 # A sound file gets past the check: what fails next is the missing store.
 expect 1 "$s" index --store "$s" --disk d --config "$c.good"
 echo "ok: version, usage errors, ranges and configuration files"
+
+# list: words and sizes, JSON a parser takes, and one lost file shown as such
+# without hiding the rest.
+expect 1 "$s is not a zxblk store (no catalog.json)" list --store "$s"
+qemu-img create -q -f vpc -o force_size=on "$work/a.vhd" 64M
+qemu-img create -q -f vpc -o subformat=fixed,force_size=on "$work/b.vhd" 3M
+"$zxblk" import -q --store "$s" --disk a "$work/a.vhd" >/dev/null
+"$zxblk" import -q --store "$s" --disk b "$work/b.vhd" >/dev/null
+"$zxblk" list --store "$s" >"$work/list"
+grep -q "^a: 64 MiB disk, 1 snapshot" "$work/list" && grep -q "^b: 3 MiB disk" "$work/list" || { cat "$work/list"; fail "list: sizes"; }
+grep -qE "^  0 +dynamic VHD .* ok " "$work/list" && grep -qE "^  0 +fixed VHD +3.0 MiB .* ok " "$work/list" ||
+  { cat "$work/list"; fail "list: kinds or status"; }
+"$zxblk" list --store "$s" --json | python3 -m json.tool >/dev/null || fail "list --json is not JSON"
+rm "$s"/snapshots/b-*
+rc=0
+"$zxblk" list --store "$s" --json >"$work/json" 2>"$work/err" || rc=$?
+[ "$rc" = 1 ] && grep -q "1 of 2 snapshots is missing or damaged" "$work/err" || { cat "$work/err"; fail "list: exit $rc"; }
+python3 - "$work/json" <<'PY' || fail "list --json with a missing file"
+import json, sys
+disks = {d["name"]: d for d in json.load(open(sys.argv[1]))["disks"]}
+assert disks["a"]["snapshots"][0]["status"] == "ok", disks["a"]
+assert disks["b"]["snapshots"][0]["status"] == "missing", disks["b"]
+assert disks["b"]["size"] == 3 << 20 and disks["a"]["snapshots"][0]["kind"] == "dynamic VHD", disks
+PY
+echo "ok: list in words, as JSON, with a missing file"
