@@ -69,6 +69,14 @@ grep -q "^a: 64 MiB disk, 1 snapshot" "$work/list" && grep -q "^b: 3 MiB disk" "
 grep -qE "^  0 +dynamic VHD .* ok " "$work/list" && grep -qE "^  0 +fixed VHD +3.0 MiB .* ok " "$work/list" ||
   { cat "$work/list"; fail "list: kinds or status"; }
 "$zxblk" list --store "$s" --json | python3 -m json.tool >/dev/null || fail "list --json is not JSON"
+# The export summary as JSON, and -q with nothing but the image.
+"$zxblk" export --store "$s" --disk b --out "$work/b.raw" --cache "$work/c1" --json >"$work/sum"
+python3 -c 'import json,sys; d=json.load(open(sys.argv[1])); assert d["bytes"] == 3 << 20 and d["disk"] == "b", d' "$work/sum" ||
+  { cat "$work/sum"; fail "export --json"; }
+qemu-img convert -f vpc -O raw "$work/b.vhd" "$work/b.ref"
+cmp "$work/b.raw" "$work/b.ref" || fail "export differs from qemu-img"
+"$zxblk" export -q --store "$s" --disk b --out "$work/b2.raw" --cache "$work/c2" >"$work/out" 2>&1
+[ ! -s "$work/out" ] || { cat "$work/out"; fail "export -q printed something"; }
 rm "$s"/snapshots/b-*
 rc=0
 "$zxblk" list --store "$s" --json >"$work/json" 2>"$work/err" || rc=$?
