@@ -62,6 +62,17 @@ CLI::Option* addSizeOption(CLI::App* cmd, const std::string& name, uint64_t& tar
     return opt;
 }
 
+CLI::Validator decimalNumber(bool negativeAllowed) {
+    return CLI::Validator(
+        [negativeAllowed](std::string& text) {
+            std::string digits = negativeAllowed && !text.empty() && text[0] == '-' ? text.substr(1) : text;
+            if (digits.empty() || digits.find_first_not_of("0123456789") != std::string::npos)
+                return "'" + text + "' is not a whole number" + (negativeAllowed ? "" : " of 0 or more");
+            return digits.size() > 1 && digits[0] == '0' ? "'" + text + "': give it without leading zeros" : std::string();
+        },
+        "");
+}
+
 std::string humanSize(uint64_t bytes) {
     static const char* const units[] = {"bytes", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     if (bytes < 1024) return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");

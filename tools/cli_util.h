@@ -19,11 +19,17 @@ CLI::Option* addSizeOption(CLI::App* cmd, const std::string& name, uint64_t& tar
                            uint64_t min = 0, uint64_t max = std::numeric_limits<uint64_t>::max());
 // Parses a size as addSizeOption does; throws CLI::ValidationError.
 uint64_t parseSize(const std::string& text, uint64_t min = 0, uint64_t max = std::numeric_limits<uint64_t>::max());
+// Refuses what is not a plain decimal whole number ("-" first only where
+// negative numbers are allowed). CLI11 converts with strtoull/strtoll, which
+// take "-1" as the largest unsigned number and "010" as eight.
+CLI::Validator decimalNumber(bool negativeAllowed);
 // A whole-number option refused outside [min, max].
 template <class T>
 CLI::Option* addNumberOption(CLI::App* cmd, const std::string& name, T& target, const std::string& description, T min,
                              T max = std::numeric_limits<T>::max()) {
-    return cmd->add_option(name, target, description)->check(CLI::Range(min, max));
+    return cmd->add_option(name, target, description)
+        ->check(decimalNumber(std::numeric_limits<T>::is_signed))
+        ->check(CLI::Range(min, max));
 }
 
 // "512 bytes", "64 KiB", "1.5 GiB".

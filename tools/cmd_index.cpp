@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "store/catalog.h"
+#include "zxblk/zxblk.h"
 #include "store/index_service.h"
 #include "tools/commands.h"
 
@@ -20,7 +21,8 @@ void registerIndexCommand(CLI::App& app) {
     addCommonOptions(cmd);
     cmd->callback([] {
         applyCommonOptions();
-        if (!Catalog::load(store).findDisk(disk)) throw StoreError(store + ": no disk named '" + disk + "'");
+        // A folder that is not a store, or a disk it lacks, is said as list says it.
+        Store::open(store).disk(disk);
         SqliteIndexService index(store);
         auto rows = index.rows(disk, snapshot, kind);
         if (commonOptions().json) {

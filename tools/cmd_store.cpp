@@ -22,21 +22,9 @@ void registerImportCommand(CLI::App& app) {
         ->check(CLI::IsMember({"auto", "vhd", "raw"}))
         ->capture_default_str();
     cmd->add_option("--client", options.client, "client name")->capture_default_str();
-    // CLI11 reads an unsigned number with strtoull, which takes "-1" for the
-    // largest one and "010" for eight: ids are plain decimal.
-    const CLI::Validator decimal(
-        [](std::string& text) {
-            if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
-                return "'" + text + "' is not a whole number";
-            return text.size() > 1 && text[0] == '0' ? "'" + text + "': give it without leading zeros" : std::string();
-        },
-        "");
-    addNumberOption<uint64_t>(cmd, "--client-id", options.clientId, "client id", 1)
-        ->check(decimal)
-        ->capture_default_str();
+    addNumberOption<uint64_t>(cmd, "--client-id", options.clientId, "client id", 1)->capture_default_str();
     cmd->add_option("--subclient", options.subclient, "subclient name")->capture_default_str();
-    addNumberOption<uint32_t>(cmd, "--subclient-id", options.subclientId, "subclient id (default: a new one)", 1)
-        ->check(decimal);
+    addNumberOption<uint32_t>(cmd, "--subclient-id", options.subclientId, "subclient id (default: a new one)", 1);
     cmd->add_option("--backupset", options.backupSet, "backup set name")->capture_default_str();
     cmd->add_option("--instance", options.instance, "instance name")->capture_default_str();
     addSizeOption(cmd, "--extent-size", extentSize, "extent size of a new disk: a power of two from 64K to 2M", 64 << 10,

@@ -37,6 +37,8 @@ expect 2 "'-1' is not a size" mount --store "$s" --disk d --cache-limit -1 "$wor
 expect 2 "would cause number overflow" mount --store "$s" --disk d --cache-limit 16E "$work/mnt"
 expect 2 "0 is out of range" mount --store "$s" --disk d --cache-limit 0 "$work/mnt"
 expect 2 "--flush-threshold: Value 0 not in range" mount --store "$s" --disk d --flush-threshold 0 "$work/mnt"
+expect 2 "--flush-threshold: '-1' is not a whole number" mount --store "$s" --disk d --flush-threshold -1 "$work/mnt"
+expect 2 "--flush-threshold: '010': give it without leading zeros" mount --store "$s" --disk d --flush-threshold 010 "$work/mnt"
 expect 2 "--log-level: Value 12 not in range" index --store "$s" --disk d --log-level 12
 
 # Configuration files: each fault names the file and, where it has one, the line.
@@ -54,7 +56,7 @@ expect 1 "$c.syntax:1:" index --store "$s" --disk d --config "$c.syntax"
 expect 1 "$c.section:1: unknown section [Virtual]" index --store "$s" --disk d --config "$c.section"
 ZXBLK_CONFIG=$c.typo expect 1 "$c.typo:3: unknown key" index --store "$s" --disk d
 # A sound file gets past the check: what fails next is the missing store.
-expect 1 "$s" index --store "$s" --disk d --config "$c.good"
+expect 1 "$s is not a zxblk store" index --store "$s" --disk d --config "$c.good"
 echo "ok: version, usage errors, ranges and configuration files"
 
 # list: words and sizes, JSON a parser takes, and one lost file shown as such
