@@ -39,8 +39,18 @@ const char* const kMarker = ".zxblk-demo";  // what makes a folder safe to build
 const int kFiles = 36;
 const int kChanged[] = {3, 17, 30};
 
+// Paths as the user would type them: the home folder as "~".
+std::string shown(std::string text) {
+    const char* home = std::getenv("HOME");
+    if (!home || !*home || std::string(home) == "/") return text;
+    const std::string prefix = std::string(home) + "/";
+    for (size_t at = text.find(prefix); at != std::string::npos; at = text.find(prefix, at + 2))
+        text.replace(at, prefix.size(), "~/");
+    return text;
+}
+
 void say(const std::string& text) {
-    std::printf("==> %s\n", text.c_str());
+    std::printf("==> %s\n", shown(text).c_str());
     std::fflush(stdout);
 }
 
@@ -174,7 +184,7 @@ void buildSample(const std::string& dir, const std::string& work, const std::str
                 static_cast<unsigned long long>(diff.sectorsChanged), static_cast<unsigned long long>(diff.blocksAllocated));
     say("importing both into the store " + store);
     for (const std::string& line : importImages(store, "demo", {work + "/base.vhd", work + "/child.vhd"}, ImportOptions()))
-        std::printf("    %s\n", line.c_str());
+        std::printf("    %s\n", shown(line).c_str());
 }
 
 }  // namespace
@@ -254,13 +264,12 @@ void registerDemoCommand(CLI::App& app) {
         fs::remove_all(work, ec);
         fs::remove_all(cache, ec);
         fs::remove(mnt, ec);
-        std::string self = fs::read_symlink("/proc/self/exe", ec).string();
-        if (ec) self = "zxblk";
-        std::printf("    cleaned up. The sample store stays in %s (the original files in %s/files). Try:\n"
-                    "      mkdir -p /tmp/mnt && %s mount --store %s --disk demo /tmp/mnt\n"
-                    "      debugfs -R 'ls -l /data' /tmp/mnt/disk.raw; cat /tmp/mnt/.stats; fusermount3 -u /tmp/mnt\n"
-                    "      %s index --store %s --disk demo\n",
-                    store.c_str(), dir.c_str(), self.c_str(), store.c_str(), self.c_str(), store.c_str());
+        std::printf("%s", shown("    cleaned up. The sample store stays in " + store + " (the original files in " + dir +
+                                "/files). Try:\n"
+                                "      mkdir -p /tmp/mnt && zxblk mount --store " + store + " --disk demo /tmp/mnt\n"
+                                "      debugfs -R 'ls -l /data' /tmp/mnt/disk.raw; cat /tmp/mnt/.stats; fusermount3 -u /tmp/mnt\n"
+                                "      zxblk index --store " + store + " --disk demo\n")
+                              .c_str());
     });
 }
 
