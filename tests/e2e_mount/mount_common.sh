@@ -15,7 +15,8 @@ fail() { echo "FAIL: $*"; exit 1; }
 ok() { echo "ok: $*"; }
 # Nothing that touches a mount may hang the suite.
 t() { timeout "${step_timeout:-120}" "$@"; }
-mounted() { grep -q " $1 fuse" /proc/mounts; }
+# Whether this exact mount point (the test's own) is a mounted FUSE file system.
+mounted() { awk -v m="$1" '$2 == m && $3 ~ /^fuse/ { found = 1 } END { exit !found }' /proc/mounts; }
 unmount() {
   fusermount3 -u "$1"
   for _ in $(seq 100); do mounted "$1" || return 0; sleep 0.1; done

@@ -23,8 +23,21 @@ zx_mount() {  # MOUNTPOINT, arguments...
   t "$zxblk" mount --store "$work/store" "$@" "$m" >"$work/out" 2>&1 || { cat "$work/out"; fail "zxblk mount $*"; }
   mounts+=("$m")
 }
-# The daemon serving MOUNTPOINT, found from the process table.
-daemon_of() { pgrep -f -- "zxblk mount .* $1\$"; }
+# The daemon serving MOUNTPOINT, found from the process table: the process
+# of this test's zxblk whose arguments are "mount ... MOUNTPOINT", compared
+# whole, so no other test's mount can match.
+daemon_of() {
+  python3 - "$zxblk" "$1" <<'PY'
+import os, sys
+for pid in filter(str.isdigit, os.listdir("/proc")):
+    try:
+        args = open(f"/proc/{pid}/cmdline", "rb").read().split(b"\0")[:-1]
+    except OSError:
+        continue
+    if len(args) > 2 and args[0] == os.fsencode(sys.argv[1]) and args[1] == b"mount" and args[-1] == os.fsencode(sys.argv[2]):
+        print(pid)
+PY
+}
 as_nobody() { setpriv --reuid=65534 --regid=65534 --clear-groups -- "$@"; }
 
 # Bad -o options are usage errors.
