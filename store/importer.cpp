@@ -20,6 +20,7 @@
 
 #include "platform/Log.h"
 #include "store/catalog.h"
+#include "store/fd_io.h"
 #include "store/vhd_image.h"
 
 namespace zxblk {
@@ -201,15 +202,6 @@ uint64_t zeroSum(uint64_t length) {
     return XXH3_64bits_digest(state.get());
 }
 
-void writeAt(int fd, const char* data, size_t length, uint64_t at, const std::string& path) {
-    while (length > 0) {
-        ssize_t n = ::pwrite(fd, data, length, static_cast<off_t>(at));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) throw StoreError(path + ": " + std::strerror(n < 0 ? errno : EIO));
-        data += n, length -= static_cast<size_t>(n), at += static_cast<uint64_t>(n);
-    }
-}
-
 StoreError changedDuringImport(const VhdImage& img) {
     return StoreError(img.path() + ": changed since it was checked (written to or replaced during the import)");
 }
@@ -338,7 +330,7 @@ std::string copyWithSums(const VhdImage& img, const std::string& name, const std
                             static_cast<off_t>(at));
                 if (n < 0 && errno == EINTR) continue;
                 if (n < 0) throw StoreError(img.path() + ": " + std::strerror(errno));
-                writeAt(out.fd, buffer.data(), static_cast<size_t>(n), at, to);
+                writeFully(out.fd, buffer.data(), static_cast<size_t>(n), static_cast<int64_t>(at), to);
             }
             if (n == 0) throw changedDuringImport(img);  // it ends before the size it had when checked
             at += static_cast<uint64_t>(n), length -= static_cast<uint64_t>(n);
@@ -376,15 +368,11 @@ std::string copyWithSums(const VhdImage& img, const std::string& name, const std
 void writeWhole(const std::string& path, const std::string& bytes) {
     int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) throw StoreError(path + ": " + std::strerror(errno));
-    for (size_t done = 0; done < bytes.size();) {
-        ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            int err = errno;
-            ::close(fd);
-            throw StoreError(path + ": " + std::strerror(err));
-        }
-        done += static_cast<size_t>(n);
+    try {
+        writeFully(fd, bytes.data(), bytes.size(), 0, path);
+    } catch (...) {
+        ::close(fd);
+        throw;
     }
     if (::fsync(fd) != 0) {
         int err = errno;

@@ -15,6 +15,7 @@
 
 #include "store/store_error.h"
 #include "tools/commands.h"
+#include "store/fd_io.h"
 #include "tools/export_sink.h"
 #include "zxblk/zxblk.h"
 
@@ -51,16 +52,6 @@ unsigned long long statValue(const std::string& stats, const std::string& key) {
     while (in >> k >> v)
         if (k == key) return v;
     return 0;
-}
-
-void writeAll(int fd, const char* data, size_t n, const std::string& what) {
-    while (n) {
-        ssize_t w = ::write(fd, data, n);
-        if (w < 0 && errno == EINTR) continue;
-        if (w <= 0) throw StoreError(what + ": " + std::strerror(errno));
-        data += w;
-        n -= static_cast<size_t>(w);
-    }
 }
 
 }  // namespace
@@ -148,7 +139,7 @@ void registerReadCommand(CLI::App& app) {
         for (uint64_t done = 0; done < length;) {
             uint64_t n = std::min<uint64_t>(buffer.size(), length - done);
             disk.read(offset + done, n, buffer.data());
-            writeAll(1, buffer.data(), n, "standard output");
+            writeFully(1, buffer.data(), n, -1, "standard output");
             done += n;
         }
     });
