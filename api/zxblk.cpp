@@ -179,30 +179,6 @@ struct Disk::Impl {
     } slot;
     std::string name;
     std::unique_ptr<DiskHost> host;
-    const DiskRecord* record = nullptr;  // in the host's catalog
-    std::once_flag granularityOnce;
-    uint64_t granularity = 0;
-
-    // The smallest block of the VHDs up to the snapshot presented: no
-    // allocation boundary lies between two multiples of it (block sizes are
-    // powers of two). A fixed VHD or raw image holds data everywhere.
-    uint64_t allocationGranularity() {
-        std::call_once(granularityOnce, [this] {
-            uint64_t g = 0;
-            for (int i = 0; i <= host->snapshot(); ++i) {
-                const CopyRecord& c = record->copies[static_cast<size_t>(i)];
-                if (c.type != kTypeDynamic && c.type != kTypeDifferencing) continue;
-                try {
-                    VhdImage img = VhdImage::open(host->services().directory() + "/" + c.file);
-                    if (img.blockSize() && (!g || img.blockSize() < g)) g = img.blockSize();
-                } catch (const StoreError&) {
-                    // The store counts a file it cannot read as data throughout.
-                }
-            }
-            granularity = g ? g : static_cast<uint64_t>(host->extentSize());
-        });
-        return granularity;
-    }
 };
 
 struct LocalExtent::Impl {
@@ -240,7 +216,6 @@ Disk Disk::open(const std::string& storePath, const std::string& diskName, const
         o.readaheadMax = options.readaheadMax;
         impl->name = diskName;
         impl->host.reset(new DiskHost(o));
-        impl->record = impl->host->services().catalog().findDisk(diskName);
         return Disk(std::move(impl));
     });
 }
@@ -261,19 +236,9 @@ void Disk::read(uint64_t offset, uint64_t length, void* buffer) {
 std::vector<Range> Disk::allocation(uint64_t offset, uint64_t length) {
     return guarded([&] {
         checkRange(offset, length, size(), m_impl->name);
-        const uint64_t g = m_impl->allocationGranularity(), end = offset + length;
-        const int snapshot = m_impl->host->snapshot();
-        StoreServices& services = m_impl->host->services();
         std::vector<Range> out;
-        for (uint64_t at = offset; at < end;) {
-            uint64_t next = std::min(end, (at / g + 1) * g);
-            bool data = services.holdsData(*m_impl->record, snapshot, at, next - at);
-            if (!out.empty() && out.back().data == data)
-                out.back().length += next - at;
-            else
-                out.push_back(Range{at, next - at, data});
-            at = next;
-        }
+        for (const AllocatedRange& r : m_impl->host->allocation(offset, length))
+            out.push_back(Range{r.offset, r.length, r.data});
         return out;
     });
 }

@@ -16,6 +16,7 @@
 #include <functional>
 
 #include "platform/Log.h"
+#include "store/vhd_image.h"
 #include "vhd/ZxBlkVhd.h"
 
 namespace zxblk {
@@ -74,7 +75,7 @@ CacheHolder readLockNote(int fd) {
 
 // Everything a cache folder holds but its lock: anything else found in it
 // is not the cache's and stays, and then so does the folder.
-const char* const kCacheEntries[] = {"extents", "tmp", "identity", "identity.new", "dirty", "mount.log"};
+const char* const kCacheEntries[] = {"extents", "tmp", "identity", "identity.new", "dirty", "mount.log", "serve.log"};
 
 // With the cache's lock held. The lock goes last: a process that waits for
 // it finds it unlinked once it has it, and makes a new cache.
@@ -492,6 +493,41 @@ unsigned long long DiskHost::evict(unsigned long long bytesToFree) {
 bool DiskHost::holdsData(uint64_t extent) {
     const uint64_t E = static_cast<uint64_t>(m_extentSize);
     return extent < m_extentCount && m_services->holdsData(*m_record, m_snapshot, extent * E, E);
+}
+
+uint64_t DiskHost::allocationGranularity() {
+    std::call_once(m_granularityOnce, [this] {
+        uint64_t g = 0;
+        for (int i = 0; i <= m_snapshot; ++i) {
+            const CopyRecord& c = m_record->copies[static_cast<size_t>(i)];
+            if (c.type != kTypeDynamic && c.type != kTypeDifferencing) continue;
+            try {
+                VhdImage img = VhdImage::open(m_services->directory() + "/" + c.file);
+                if (img.blockSize() && (!g || img.blockSize() < g)) g = img.blockSize();
+            } catch (const StoreError&) {
+                // holdsData counts a file it cannot read as data throughout.
+            }
+        }
+        m_granularity = g ? g : static_cast<uint64_t>(m_extentSize);
+    });
+    return m_granularity;
+}
+
+std::vector<AllocatedRange> DiskHost::allocation(uint64_t offset, uint64_t length) {
+    std::vector<AllocatedRange> out;
+    const uint64_t end = std::min(m_size, offset + std::min(length, m_size));
+    if (offset >= end) return out;
+    const uint64_t g = allocationGranularity();
+    for (uint64_t at = offset; at < end;) {
+        uint64_t next = std::min(end, (at / g + 1) * g);
+        bool data = m_services->holdsData(*m_record, m_snapshot, at, next - at);
+        if (!out.empty() && out.back().data == data)
+            out.back().length += next - at;
+        else
+            out.push_back(AllocatedRange{at, next - at, data});
+        at = next;
+    }
+    return out;
 }
 
 void DiskHost::forget(uint64_t extent) {

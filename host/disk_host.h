@@ -47,6 +47,13 @@ struct HostOptions {
     StoreServices::Options services;
 };
 
+// A stretch of the disk and whether any snapshot holds data there.
+struct AllocatedRange {
+    uint64_t offset = 0;
+    uint64_t length = 0;
+    bool data = false;
+};
+
 struct HostStats {
     uint64_t extentsRecalled = 0;  // disk extents made local by this host
     uint64_t bytesRecalled = 0;
@@ -105,6 +112,15 @@ public:
     // False when no snapshot holds a byte of the extent: it reads as zeros
     // and a copy of the disk need not recall it.
     bool holdsData(uint64_t extent);
+    // [offset, offset + length) (clipped to the disk) covered by ranges in
+    // order, neighbours never alike, from the snapshots' block tables and
+    // without recalling anything. Its granularity is allocationGranularity().
+    // A snapshot file that cannot be read counts as data throughout.
+    std::vector<AllocatedRange> allocation(uint64_t offset, uint64_t length);
+    // The smallest VHD block among the snapshots presented (no allocation
+    // boundary lies between two multiples of it: block sizes are powers of
+    // two); the extent size when all are fixed or raw, holding data everywhere.
+    uint64_t allocationGranularity();
     // Drops one extent from the cache (unless a read is using it).
     void forget(uint64_t extent);
     HostStats stats() const;
@@ -155,6 +171,8 @@ private:
     uint64_t m_extentCount = 0;
     int m_snapshot = 0;
     const DiskRecord* m_record = nullptr;  // in the services' catalog
+    std::once_flag m_granularityOnce;
+    uint64_t m_granularity = 0;
 
     // The pool of disk objects; a recall takes a free one.
     std::vector<std::unique_ptr<PoolDisk>> m_disks;

@@ -119,6 +119,32 @@ int openOp(const char* path, struct fuse_file_info* fi) {
     return -ENOENT;
 }
 
+// SEEK_DATA and SEEK_HOLE from the snapshots' block tables, so that
+// qemu-img map, cp --sparse and the like skip what no snapshot holds
+// without recalling it. A file's end counts as a hole, as the kernel has it.
+off_t lseekOp(const char* path, off_t offset, int whence, struct fuse_file_info*) {
+    uint64_t start, length;
+    if (!rangeOf(path, &start, &length)) return -EINVAL;
+    if (whence != SEEK_DATA && whence != SEEK_HOLE) return -EINVAL;
+    if (offset < 0 || static_cast<uint64_t>(offset) >= length) return -ENXIO;
+    const bool wantData = whence == SEEK_DATA;
+    // Asked a stretch at a time: a seek near the start of a large sparse
+    // disk should not walk all of its block tables.
+    const uint64_t stretch = g_host->allocationGranularity() * 1024, end = start + length;
+    try {
+        for (uint64_t at = start + static_cast<uint64_t>(offset); at < end;) {
+            uint64_t n = std::min(stretch, end - at);
+            for (const AllocatedRange& r : g_host->allocation(at, n))
+                if (r.data == wantData) return static_cast<off_t>(std::max(r.offset, at) - start);
+            at += n;
+        }
+    } catch (const std::exception& e) {
+        LogSink::write(kLevelError, "zxblk mount", std::string("seek in ") + (path + 1) + " failed: " + e.what());
+        return -EIO;
+    }
+    return wantData ? -ENXIO : static_cast<off_t>(length);
+}
+
 int readOp(const char* path, char* buf, size_t size, off_t offset, struct fuse_file_info*) {
     if (std::strcmp(path, kStats) == 0) {
         std::string text = g_host->statsText();
@@ -333,6 +359,7 @@ void serve(const MountArgs& a, int& readyFd) {
     ops.readdir = readdirOp;
     ops.open = openOp;
     ops.read = readOp;
+    ops.lseek = lseekOp;
     ops.write = writeOp;
     ops.truncate = truncateOp;
     std::string fsname = "fsname=zxblk:" + a.disk;

@@ -35,5 +35,6 @@ void registerDemoCommand(CLI::App& app);
 void registerVerifyCommand(CLI::App& app);
 void registerCacheCommand(CLI::App& app);
 void registerStatsCommand(CLI::App& app);
+void registerServeCommand(CLI::App& app);
 
 }  // namespace zxblk

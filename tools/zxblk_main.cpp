@@ -130,6 +130,7 @@ int main(int argc, char** argv) {
     zxblk::registerExportCommand(app);
     zxblk::registerReadCommand(app);
     zxblk::registerMountCommand(app);
+    zxblk::registerServeCommand(app);
     zxblk::registerIndexCommand(app);
     zxblk::registerDemoCommand(app);
     zxblk::registerVerifyCommand(app);
