@@ -12,6 +12,7 @@
 #include <new>
 
 #include "host/disk_host.h"
+#include "platform/Log.h"
 #include "store/catalog.h"
 #include "store/store_services.h"
 #include "store/vhd_image.h"
@@ -107,6 +108,10 @@ std::atomic<bool> g_diskOpen{false};
 }  // namespace
 
 const char* version() { return ZXBLK_VERSION; }
+
+void setLogHandler(std::function<void(int, const std::string&, const std::string&)> handler) {
+    LogSink::setHandler(std::move(handler));
+}
 
 Error::Error(const std::string& message) : std::runtime_error(message) {}
 Error::~Error() = default;

@@ -144,6 +144,11 @@ void statsLoop() {
 
 int afterFork() {
     try {
+        // A request that fails says why in its own error line; the library's
+        // lines are for nbdkit -v.
+        zxblk::setLogHandler([](int, const std::string& source, const std::string& text) {
+            nbdkit_debug("%s: %s", source.c_str(), text.c_str());
+        });
         g_disk.reset(new zxblk::Disk(openDisk()));
         g_description = g_disk->name() + " snapshot " + std::to_string(g_disk->snapshot());
         nbdkit_debug("serving %s (%llu bytes, extents of %llu bytes)", g_description.c_str(),

@@ -20,10 +20,13 @@ struct SinkState {
     int level = 0;
     FILE* file = nullptr;  // null: stderr
     std::vector<std::vector<LogLine>*> captures;
+    std::function<void(int, const std::string&, const std::string&)> handler;
     SinkState() {
         if (const char* env = std::getenv("ZXBLK_LOG_LEVEL")) level = std::atoi(env);
     }
 };
+
+thread_local std::string t_lastError;
 
 SinkState& state() {
     static SinkState* s = new SinkState();  // never destroyed: logging may run during exit
@@ -77,7 +80,26 @@ void LogSink::write(int level, const char* tag, const std::string& text) {
     SinkState& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     for (auto* capture : s.captures) capture->push_back({level, tag ? tag : "", text});
-    if (level <= s.level) emit(s, level, tag, text);
+    if (level == kLevelError) t_lastError = text;
+    if (level > s.level) return;
+    if (s.handler) {
+        std::string body = text;
+        if (!body.empty() && body.back() == '\n') body.pop_back();
+        s.handler(level, tag ? tag : "", body);
+    } else {
+        emit(s, level, tag, text);
+    }
+}
+
+void LogSink::setHandler(std::function<void(int, const std::string&, const std::string&)> handler) {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    state().handler = std::move(handler);
+}
+
+std::string LogSink::takeLastError() {
+    std::string out;
+    out.swap(t_lastError);
+    return out;
 }
 
 void LogSink::vwrite(int level, const char* tag, const char* format, va_list args) {

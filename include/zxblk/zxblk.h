@@ -17,6 +17,7 @@
 // `pkg-config --cflags --libs zxblk`.
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -29,6 +30,14 @@ namespace zxblk {
 
 // The library's version, "MAJOR.MINOR.PATCH".
 ZXBLK_API const char* version();
+
+// Where the library's own log lines go; by default standard error, errors
+// only (ZXBLK_LOG_LEVEL=1 in the environment adds the debug lines). A handler
+// gets each line's level (-1 error, 0 summary, 1 debug), its source and its
+// text, one line at a time from any thread; it must not call the library.
+// An empty handler gives the lines back to standard error. What fails a call
+// is in the call's Error as well: a handler may drop the lines.
+ZXBLK_API void setLogHandler(std::function<void(int level, const std::string& source, const std::string& text)> handler);
 
 // What every call throws when it fails.
 class ZXBLK_API Error : public std::runtime_error {

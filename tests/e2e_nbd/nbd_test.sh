@@ -1,0 +1,178 @@
+#!/usr/bin/env bash
+# The disk over NBD, driven by the clients users attach with: nbdcopy and
+# qemu-img compare against the merged chain and qemu-img's own reading of a
+# dynamic VHD, nbdinfo's map against qemu-img map of the VHD, recalls of a
+# mostly-empty disk, parallel and multi-conn clients, NBD_CMD_CACHE through
+# libnbd's Python binding, the writable overlay, TLS-PSK over TCP, the
+# refusals, EIO for a lost extent, and a server in the background.
+#   nbd_test.sh ZXBLK PLUGIN MAKE_VHD_CHAIN [SANITIZER_RUNTIMES]
+set -euo pipefail
+zxblk=$1 plugin=$2 chain=$3 preload=${4:-}
+fail() { echo "FAIL: $*"; exit 1; }
+ok() { echo "ok: $*"; }
+t() { timeout 120 "$@"; }
+for tool in nbdkit nbdcopy nbdinfo qemu-img qemu-io; do
+  command -v $tool >/dev/null || { echo "skipped: no $tool"; exit 77; }
+done
+work=$(mktemp -d)
+bg=
+cleanup() {
+  [ -n "$bg" ] && kill "$bg" 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+cd "$work"
+py=
+for p in python3 /usr/bin/python3; do "$p" -c 'import nbd; nbd.NBD' 2>/dev/null && { py=$p; break; }; done
+[ -n "$py" ] || fail "no python3 with libnbd's binding (python3-libnbd; scripts/setup.sh installs it)"
+MiB=1048576
+serve() { t "$zxblk" serve --store store "$@"; }
+stat_of() { awk -v k="$2" '$1 == k { print $2 }' "$1"; }
+# "start length data|hole" rows, neighbours alike merged: from qemu-img map
+# JSON (a VHD) or nbdinfo --map (a server).
+norm_qemu() { qemu-img map --output=json -f "$1" "$2" | "$py" -c '
+import json, sys
+for e in json.load(sys.stdin): print(e["start"], e["length"], "data" if e["data"] else "hole")' | merge; }
+norm_nbd() { awk '{ print $1, $2, ($3 % 2 ? "hole" : "data") }' "$1" | merge; }
+merge() { awk '$3 == k && $1 == e { e += $2; next } { if (k != "") print s, e - s, k; s = $1; e = $1 + $2; k = $3 }
+               END { if (k != "") print s, e - s, k }'; }
+
+# The disks: a three-snapshot differencing chain (24 MiB and a bit, blocks
+# of half an extent), a dynamic VHD with data in three places, a mostly
+# empty 256 MiB dynamic VHD, and a raw disk whose file gets cut.
+mkdir chain
+"$chain" chain $((24 * MiB + 37 * 512)) 524288 2 41 >/dev/null
+truncate -s 48M dyn.raw
+for at in 3:2 20:1 47:1; do
+  dd if=/dev/urandom of=dyn.raw bs=1M seek=${at%:*} count=${at#*:} conv=notrunc status=none
+done
+qemu-img convert -f raw -O vpc -o subformat=dynamic,force_size=on dyn.raw dyn.vhd
+qemu-img create -q -f vpc -o force_size=on empty.vhd 256M
+qemu-io -f vpc -c "write -P 0x11 5M 4k" -c "write -P 0x22 200M 1M" empty.vhd >/dev/null
+head -c $((8 * MiB)) /dev/urandom >cut.raw
+"$zxblk" import --store store --disk chain chain/snap0.vhd chain/snap1.vhd chain/snap2.vhd >/dev/null
+for d in dyn empty; do
+  "$zxblk" import --store store --disk $d $d.vhd >/dev/null
+  qemu-img convert -f vpc -O raw $d.vhd $d.ref
+done
+"$zxblk" import --store store --disk cut --format raw cut.raw >/dev/null
+truncate -s $((4 * MiB)) store/snapshots/cut-snap0.raw
+(cd store && sha256sum catalog.json snapshots/*) >store.sums
+
+# zxblk serve: the merged chain, its name, a private socket.
+serve --disk chain --cache c1 --run 'nbdcopy "$uri" chain.out && nbdinfo "$uri" >info &&
+  stat -c %a "$unixsocket" >mode' >serve.out || fail "serve --run nbdcopy"
+cmp chain.out chain/snap2.raw || fail "nbdcopy of the chain differs from the merged image"
+grep -q "^	description: chain snapshot 2$" info || { cat info; fail "nbdinfo shows no description"; }
+[ "$(cat mode)" = 600 ] || fail "the socket has mode $(cat mode), not 600"
+grep -q "^serving chain snapshot 2 at nbd+unix:///?socket=/.*/nbd.sock (read-only)$" serve.out || fail "$(cat serve.out)"
+ok "zxblk serve: nbdcopy equals the merged chain; description, mode 0600, URI printed"
+
+# nbdkit with the plugin, as a user runs it: the dynamic VHD read as qemu-img
+# reads it, and the map of its blocks. (--run's children leave the
+# sanitizer runtime that the plugin needs behind.)
+LD_PRELOAD=$preload t nbdkit -U - "$plugin" store=store disk=dyn cache=c2 --run 'unset LD_PRELOAD
+  nbdcopy "$uri" dyn.out && qemu-img compare -q -f raw -F raw "$uri" dyn.ref && nbdinfo --map "$uri" >dyn.map' ||
+  fail "nbdkit zxblk: nbdcopy, qemu-img compare or nbdinfo --map failed"
+cmp dyn.out dyn.ref || fail "nbdcopy differs from qemu-img convert"
+diff <(norm_nbd dyn.map) <(norm_qemu vpc dyn.vhd) || fail "nbdinfo --map differs from qemu-img map of the VHD"
+ok "nbdkit zxblk: nbdcopy and qemu-img compare match qemu-img's reading; the map has the VHD's holes"
+
+# Copying a mostly-empty disk recalls only the extents its blocks hold.
+serve --disk empty --cache c3 --stats empty.stats --run 'nbdcopy "$uri" empty.out' >/dev/null || fail "nbdcopy empty"
+cmp empty.out empty.ref || fail "the mostly-empty disk"
+want=$(norm_qemu vpc empty.vhd | awk -v E=$MiB '$3 == "data" { n += $2 / E } END { print n }')
+[ "$(stat_of empty.stats extents_recalled)" = "$want" ] ||
+  fail "nbdcopy recalled $(stat_of empty.stats extents_recalled) extents of the mostly-empty disk, not $want"
+ok "nbdcopy of a 256 MiB disk recalled only its $want data extents"
+
+# Four clients at once, and one client with four connections.
+serve --disk chain --cache c4 --run 'for i in 1 2 3 4; do nbdcopy "$uri" p$i.out & done; wait &&
+  nbdcopy --connections=4 "$uri" mc.out' >/dev/null || fail "parallel nbdcopy"
+for f in p1 p2 p3 p4 mc; do cmp $f.out chain/snap2.raw || fail "$f: wrong bytes"; done
+ok "four parallel nbdcopy clients and a four-connection one read the merged chain"
+
+# NBD_CMD_CACHE recalls the data extents of its range before the reply;
+# reading the range then recalls only the 24 - N hole extents (a read
+# recalls what it touches), none of the cached ones again.
+cat >cache.py <<'EOF'
+import nbd, os, sys, time
+stats = lambda: dict(l.split() for l in open(sys.argv[2]))
+h = nbd.NBD()
+h.connect_uri(os.environ["uri"])
+h.cache(24 << 20, 0)
+time.sleep(1.5)  # the stats file is rewritten each second
+cached = stats()["extents_recalled"]
+data = h.pread(24 << 20, 0)
+time.sleep(1.5)
+print(cached, stats()["extents_recalled"], data == open(sys.argv[1], "rb").read(24 << 20))
+EOF
+serve --disk dyn --cache c5 --stats cache.stats --run "$py cache.py dyn.ref cache.stats >cache.out" >/dev/null ||
+  fail "NBD_CMD_CACHE"
+want=$(norm_qemu vpc dyn.vhd | awk -v E=$MiB '$3 == "data" && $1 < 24 * E { n += $2 / E } END { print n }')
+[ "$(cat cache.out)" = "$want 24 True" ] || fail "cache then read: '$(cat cache.out)', not '$want 24 True'"
+ok "NBD_CMD_CACHE recalled the $want data extents of 24 MiB ahead; the read after it none of them again"
+
+# The writable overlay: writes read back, the store is untouched, and the
+# next server shows the snapshot as it was.
+serve --disk dyn --cache c6 --writable --run 'qemu-io -f raw -c "write -P 0x5a 3M 64k" -c "read -P 0x5a 3M 64k" \
+  -c "write -z 20M 1M" -c "read -P 0 20M 1M" "$uri"' >overlay.out || fail "qemu-io through --writable"
+[ "$(grep -c '^wrote\|^read' overlay.out)" = 4 ] || fail "$(cat overlay.out)"
+serve --disk dyn --cache c6 --run 'nbdcopy "$uri" after.out' >/dev/null
+cmp after.out dyn.ref || fail "the overlay outlived its server"
+(cd store && sha256sum -c --quiet ../store.sums) || fail "the store changed"
+ok "--writable: writes and zeroes read back through the overlay; the store and the next server are unchanged"
+
+# TLS-PSK over TCP: the key gets in; no TLS, or the wrong key, does not.
+printf 'alice:%s\n' "$(head -c 32 /dev/urandom | od -An -tx1 | tr -d ' \n')" >keys.psk
+printf 'alice:%s\n' "$(head -c 32 /dev/urandom | od -An -tx1 | tr -d ' \n')" >wrong.psk
+serve --disk dyn --cache c7 --port 0 --tls-psk keys.psk --run 'nbdinfo --size "$uri" >size
+  ! nbdinfo --size "nbd://127.0.0.1:$port/" 2>/dev/null && ! nbdinfo --size "${uri%%\?*}?tls-psk-file=wrong.psk" 2>/dev/null' \
+  >tls.out 2>/dev/null || fail "TLS: a client without the key got in, or the one with it did not"
+[ "$(cat size)" = "$(stat -c %s dyn.ref)" ] || fail "TLS: size $(cat size)"
+grep -q "^serving dyn snapshot 0 at nbds://alice@127.0.0.1:[0-9]*/?tls-psk-file=$work/keys.psk (read-only)$" tls.out ||
+  fail "$(cat tls.out)"
+ok "TLS-PSK: the key reads the disk; plain NBD and a wrong key are refused"
+
+# Refusals, each in one line and before anything listens.
+for row in "--port 0 --bind 0.0.0.0|refusing to serve on 0.0.0.0 without TLS" \
+           "--bind 127.0.0.1|--bind requires --port" \
+           "--socket x --port 0|--socket excludes --port" \
+           "--port 0 --bind nowhere|--bind nowhere: not an IPv4 or IPv6 address" \
+           "--snapshot 5|disk dyn has no snapshot 5"; do
+  args=${row%%|*} want=${row#*|}
+  # shellcheck disable=SC2086
+  if serve --disk dyn --cache c8 $args --run true 2>err; then fail "serve $args was not refused"; fi
+  [ "$(wc -l <err)" = 1 ] && grep -q -- "$want" err || fail "serve $args: '$(cat err)'"
+done
+ok "refused: a non-loopback bind without TLS, --bind alone, --socket with --port, a bad address, no such snapshot"
+
+# A lost extent fails its request with EIO and one line; the rest reads.
+cat >eio.py <<'EOF'
+import nbd, os, sys
+h = nbd.NBD()
+h.connect_uri(os.environ["uri"])
+try:
+    h.pread(4096, 6 << 20)
+    print("no error")
+except nbd.Error as e:
+    print(e.errno)
+print(h.pread(4 << 20, 0) == open(sys.argv[1], "rb").read(4 << 20))
+EOF
+serve --disk cut --cache c9 --run "$py eio.py cut.raw >eio.out" >/dev/null 2>eio.err || fail "EIO client"
+[ "$(cat eio.out)" = "$(printf 'EIO\nTrue')" ] || fail "lost extent: '$(cat eio.out)'"
+[ "$(wc -l <eio.err)" = 1 ] && grep -q "read of 4096 bytes at 6291456 failed: extent 6 of disk cut could not be recalled: .*cut-snap0.raw: .*file ends early" eio.err ||
+  fail "the log of the failed read: '$(cat eio.err)'"
+ok "a cut snapshot file: EIO for its lost extent in one log line, the intact extents read on the same connection"
+
+# In the background: serve returns once the server answers, and stopping it
+# removes the socket.
+serve --disk dyn --cache c10 --socket "$work/bg.sock" >bg.out || fail "serve in the background"
+bg=$(sed -n 's/.*stop with: kill \([0-9]*\)$/\1/p' bg.out)
+[ -n "$bg" ] || fail "$(cat bg.out)"
+[ "$(t nbdinfo --size "nbd+unix:///?socket=$work/bg.sock")" = "$(stat -c %s dyn.ref)" ] || fail "the background server"
+kill "$bg"
+for _ in $(seq 100); do [ -e bg.sock ] || break; sleep 0.1; done
+[ -e bg.sock ] && fail "the socket outlived the server"
+bg=
+ok "in the background: serves once zxblk serve returns; kill stops it and removes its socket"
