@@ -215,7 +215,7 @@ for j in "${jobs[@]}"; do
     fi
 done
 
-extent=$("$zxblk" list --store "$store" --disk empty4g | grep -o 'extent [0-9]*' | head -1 | awk '{ print $2 }')
+extent=$("$zxblk" list --store "$store" --json | python3 -c 'import json, sys; print(next(d["extentSize"] for d in json.load(sys.stdin)["disks"] if d["name"] == "empty4g"))')
 extents=$(((4096 * MiB + extent - 1) / extent))
 us=$(awk -v t="${best_z[empty4g]}" -v n="$extents" 'BEGIN { printf "%.1f", t * 1e6 / n }')
 echo

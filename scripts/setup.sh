@@ -14,7 +14,7 @@ PACKAGES=(
   nlohmann-json3-dev libcli11-dev libsqlite3-dev sqlite3
   libfuse3-dev fuse3 nbdkit nbdkit-plugin-dev libnbd-bin libxxhash-dev
   qemu-utils libvhdi-utils e2fsprogs python3 strace
-  libblkid-dev fdisk gdisk
+  libblkid-dev fdisk gdisk python3-libnbd
 )
 
 say() { printf '==> %s\n' "$*"; }

@@ -1,5 +1,6 @@
 // zxblk stats: what a running mount has recalled, read ahead and cached, as
-// its MOUNTPOINT/.stats tells, in words or as JSON.
+// its MOUNTPOINT/.stats tells, or a server as its `zxblk serve --stats FILE`
+// tells, in words or as JSON.
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -21,8 +22,9 @@ namespace {
 std::vector<std::pair<std::string, uint64_t>> readStats(const std::string& mountpoint) {
     struct stat st;
     if (::stat(mountpoint.c_str(), &st) != 0) throw StoreError(mountpoint + ": " + std::strerror(errno));
-    if (!S_ISDIR(st.st_mode)) throw StoreError(mountpoint + " is not a directory, so not a zxblk mount");
-    std::ifstream in(mountpoint + "/.stats");
+    if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode))
+        throw StoreError(mountpoint + " is neither a zxblk mount nor a statistics file");
+    std::ifstream in(S_ISDIR(st.st_mode) ? mountpoint + "/.stats" : mountpoint);
     if (!in) throw StoreError(mountpoint + " is not a zxblk mount (it has no .stats)");
     std::vector<std::pair<std::string, uint64_t>> stats;
     std::string line;
@@ -33,12 +35,14 @@ std::vector<std::pair<std::string, uint64_t>> readStats(const std::string& mount
         auto parsed = space == std::string::npos ? std::from_chars_result{nullptr, std::errc::invalid_argument}
                                                  : std::from_chars(line.data() + space + 1, end, value);
         if (space == 0 || parsed.ec != std::errc() || parsed.ptr != end)
-            throw StoreError(mountpoint + " is not a zxblk mount (its .stats has a line '" + line + "')");
+            throw StoreError(mountpoint + " is not a zxblk mount" +
+                             (S_ISDIR(st.st_mode) ? " (its .stats has a line '" : " or statistics file (it has a line '") +
+                             line + "')");
         stats.emplace_back(line.substr(0, space), value);
     }
     bool disk = false;
     for (const auto& kv : stats) disk = disk || kv.first == "disk_bytes";
-    if (!disk) throw StoreError(mountpoint + " is not a zxblk mount (its .stats gives no disk size)");
+    if (!disk) throw StoreError(mountpoint + " is not a zxblk mount (its statistics give no disk size)");
     return stats;
 }
 
@@ -47,9 +51,10 @@ std::string plural(uint64_t n, const char* word) { return std::to_string(n) + " 
 }  // namespace
 
 void registerStatsCommand(CLI::App& app) {
-    auto* cmd = app.add_subcommand("stats", "what a running mount has recalled, read ahead and cached");
+    auto* cmd = app.add_subcommand("stats", "what a running mount or server has recalled, read ahead and cached");
     static std::string mountpoint;
-    cmd->add_option("mountpoint", mountpoint, "where zxblk mount presents a disk")->required();
+    cmd->add_option("mountpoint", mountpoint, "where zxblk mount presents a disk, or the file of zxblk serve --stats")
+        ->required();
     addJsonOption(cmd);
     addCommonOptions(cmd);
     cmd->callback([] {

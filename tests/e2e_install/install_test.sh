@@ -67,3 +67,14 @@ XDG_CACHE_HOME=$work/cache "$work/read_disk_pc" "$work/store" web01 "$size" 1 "$
   fail "a read past the end succeeded"
 grep -qx "read_disk: range $size+1 is past the end of disk web01 ($size bytes)" "$work/err" || fail "$(cat "$work/err")"
 ok "a read past the end is one line through zxblk::Error"
+
+# zxblk serve of the moved tree starts nbdkit with the plugin installed beside it.
+plugin=$(find "$p" -name nbdkit-zxblk-plugin.so)
+[ -n "$plugin" ] || fail "no nbdkit-zxblk-plugin.so installed"
+if readelf -d "$plugin" | grep -E 'R(UN)?PATH' | grep -qF "$build"; then fail "$plugin looks for libraries in the build tree"; fi
+if command -v nbdkit >/dev/null && command -v nbdcopy >/dev/null; then
+  XDG_CACHE_HOME=$work/cache timeout 120 "$p/bin/zxblk" serve --store "$work/store" --disk web01 \
+    --run "nbdcopy \"\$uri\" $work/nbd.out" >/dev/null || fail "installed zxblk serve"
+  cmp "$work/nbd.out" "$work/disk.raw" || fail "installed zxblk serve: wrong bytes"
+  ok "the installed zxblk serve finds its nbdkit plugin: nbdcopy reads the disk byte for byte"
+fi

@@ -33,6 +33,16 @@ gpt_parts() {
   done
 }
 
+# "start length data|hole" rows of an image, neighbours alike merged.
+alloc() { qemu-img map --output=json -f "$1" "$2" | python3 -c '
+import json, sys
+rows = []
+for e in json.load(sys.stdin):
+    kind = "data" if e["data"] else "hole"
+    if rows and rows[-1][2] == kind: rows[-1][1] += e["length"]
+    else: rows.append([e["start"], e["length"], kind])
+for r in rows: print(*r)'; }
+
 truncate -s 40M "$work/mbr.raw" "$work/gpt.raw"
 printf 'label: dos\nstart=2048, size=12288, type=83\nstart=16384, type=5\nstart=18432, size=16384, type=83\n' |
   sfdisk -q "$work/mbr.raw"
@@ -67,6 +77,9 @@ for disk in mbr gpt none; do
       fail "$disk part$n: not the bytes at sector $start of the disk"
   done
   [ "$(awk '$1 == "partitions" { print $2 }' "$m/.stats")" = "$(echo $expected | wc -w)" ] || fail "$disk: .stats partitions"
-  ok "$disk: ${want% }${expected:+ (sizes as the partitioning tool gives them, each file read back with debugfs)}"
+  # SEEK_DATA/SEEK_HOLE on disk.raw give the VHD's allocated blocks, as
+  # qemu-img sees them in the VHD itself.
+  t diff <(alloc raw "$m/disk.raw") <(alloc vpc "$work/$disk.vhd") || fail "$disk: disk.raw's holes are not the VHD's"
+  ok "$disk: ${want% }${expected:+ (sizes as the partitioning tool gives them, each file read back with debugfs)}, holes as in the VHD"
   unmount "$m"
 done

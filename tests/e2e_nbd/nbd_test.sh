@@ -84,7 +84,8 @@ cmp empty.out empty.ref || fail "the mostly-empty disk"
 want=$(norm_qemu vpc empty.vhd | awk -v E=$MiB '$3 == "data" { n += $2 / E } END { print n }')
 [ "$(stat_of empty.stats extents_recalled)" = "$want" ] ||
   fail "nbdcopy recalled $(stat_of empty.stats extents_recalled) extents of the mostly-empty disk, not $want"
-ok "nbdcopy of a 256 MiB disk recalled only its $want data extents"
+"$zxblk" stats empty.stats | grep -q "^recalled *$want extents" || fail "zxblk stats of the server's file"
+ok "nbdcopy of a 256 MiB disk recalled only its $want data extents (zxblk stats of --stats FILE says so)"
 
 # Four clients at once, and one client with four connections.
 serve --disk chain --cache c4 --run 'for i in 1 2 3 4; do nbdcopy "$uri" p$i.out & done; wait &&
