@@ -589,7 +589,6 @@ void DiskHost::recall(uint64_t extent) {
         std::lock_guard<std::mutex> lock(slot->mutex);
         long len = 0;
         unsigned char* buf = new unsigned char(0);  // the framework hands the provider a buffer it releases
-        LogSink::takeLastError();
         ok = slot->disk->readData(slot->disk.get(), e * m_extentSize, &len, &buf);
         delete buf;
         // The provider leaves the temporary file of a failed read (or of a
@@ -603,13 +602,8 @@ void DiskHost::recall(uint64_t extent) {
         arrived = m_arrived.erase(extent) != 0;
     }
     std::string error, what = "extent " + std::to_string(extent) + " of disk " + m_diskName;
-    if (!ok) {
-        // The provider returns only false; what it logged on this thread says why.
-        std::string why = LogSink::takeLastError();
-        size_t cut = why.find("failed: ");
-        if (cut != std::string::npos) why = why.substr(cut + 8);
-        error = what + " could not be recalled: " + (why.empty() ? "see the log" : why);
-    }
+    if (!ok)
+        error = what + " could not be recalled (see the log)";
     else if (!arrived && m_cache->usedBytes() + E > m_cache->capacity())
         error = what + " was recalled but does not fit in the cache (" + std::to_string(m_cache->usedBytes()) + " of " +
                 std::to_string(m_cache->capacity()) + " bytes used by extents that reads are using)";

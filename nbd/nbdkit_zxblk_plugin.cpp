@@ -39,6 +39,13 @@ Config g_config;
 std::unique_ptr<zxblk::Disk> g_disk;
 std::string g_description;
 
+// The first error line the library wrote on this thread during the current
+// request: the host's own error says only that an extent could not be
+// recalled, and the line that says why was logged on the way.
+thread_local std::string t_firstError;
+
+void startRequest() { t_firstError.clear(); }
+
 // The disk's statistics, rewritten whole once a second while the server
 // runs and once more when it stops, for `zxblk stats FILE` or a script.
 std::thread g_statsThread;
@@ -146,7 +153,8 @@ int afterFork() {
     try {
         // A request that fails says why in its own error line; the library's
         // lines are for nbdkit -v.
-        zxblk::setLogHandler([](int, const std::string& source, const std::string& text) {
+        zxblk::setLogHandler([](int level, const std::string& source, const std::string& text) {
+            if (level < 0 && t_firstError.empty()) t_firstError = text;
             nbdkit_debug("%s: %s", source.c_str(), text.c_str());
         });
         g_disk.reset(new zxblk::Disk(openDisk()));
@@ -203,12 +211,28 @@ int blockSize(void*, uint32_t* minimum, uint32_t* preferred, uint32_t* maximum) 
 
 // The request fails with EIO and its reason as one line; nothing else stops.
 int failed(const char* what, uint32_t count, uint64_t offset, const std::exception& e) {
-    nbdkit_error("%s of %u bytes at %llu failed: %s", what, count, static_cast<unsigned long long>(offset), e.what());
+    std::string why = e.what();
+    const std::string seeLog = " (see the log)";
+    if (why.size() > seeLog.size() && why.compare(why.size() - seeLog.size(), seeLog.size(), seeLog) == 0 &&
+        !t_firstError.empty()) {
+        // "recall of PATH failed: REASON" or "extent lookup: REASON": the reason.
+        std::string reason = t_firstError;
+        for (const char* lead : {"failed: ", "extent lookup: "}) {
+            size_t at = reason.find(lead);
+            if (at != std::string::npos) {
+                reason = reason.substr(at + std::strlen(lead));
+                break;
+            }
+        }
+        why = why.substr(0, why.size() - seeLog.size()) + ": " + reason;
+    }
+    nbdkit_error("%s of %u bytes at %llu failed: %s", what, count, static_cast<unsigned long long>(offset), why.c_str());
     nbdkit_set_error(EIO);
     return -1;
 }
 
 int pread(void*, void* buf, uint32_t count, uint64_t offset, uint32_t) {
+    startRequest();
     try {
         g_disk->read(offset, count, buf);
         return 0;
@@ -234,6 +258,7 @@ int extents(void*, uint32_t count, uint64_t offset, uint32_t flags, struct nbdki
 // local: a client that asks to cache and then reads finds them there. The
 // extents are asked for a window at a time, so that several recall at once.
 int cache(void*, uint32_t count, uint64_t offset, uint32_t) {
+    startRequest();
     try {
         if (!count) return 0;
         const uint64_t E = g_disk->extentSize(), last = (offset + count - 1) / E;

@@ -26,8 +26,6 @@ struct SinkState {
     }
 };
 
-thread_local std::string t_lastError;
-
 SinkState& state() {
     static SinkState* s = new SinkState();  // never destroyed: logging may run during exit
     return *s;
@@ -80,7 +78,6 @@ void LogSink::write(int level, const char* tag, const std::string& text) {
     SinkState& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     for (auto* capture : s.captures) capture->push_back({level, tag ? tag : "", text});
-    if (level == kLevelError) t_lastError = text;
     if (level > s.level) return;
     if (s.handler) {
         std::string body = text;
@@ -96,11 +93,6 @@ void LogSink::setHandler(std::function<void(int, const std::string&, const std::
     state().handler = std::move(handler);
 }
 
-std::string LogSink::takeLastError() {
-    std::string out;
-    out.swap(t_lastError);
-    return out;
-}
 
 void LogSink::vwrite(int level, const char* tag, const char* format, va_list args) {
     write(level, tag, FXString::FormatV(format, args));

@@ -61,11 +61,6 @@ public:
     // (an empty one restores them); it is called with the sink's lock held,
     // so it must not log through the sink itself.
     static void setHandler(std::function<void(int level, const std::string& tag, const std::string& text)> handler);
-    // The text of the last error line the calling thread wrote since the last
-    // call, whatever the level filter; "" when none. A caller that sees a
-    // call fail without a reason (the framework's calls return only false)
-    // can tell the user why in the same line.
-    static std::string takeLastError();
     static void write(int level, const char* tag, const std::string& text);
     static void vwrite(int level, const char* tag, const char* format, va_list args);
 };

@@ -253,7 +253,11 @@ pid_t startNbdkit(const std::vector<std::string>& args, const Listener& l, int s
     ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
 #ifdef ZXBLK_SANITIZER_PRELOAD
     // A sanitized plugin loads only into a process that has its runtime.
+    // nbdkit's own allocations at exit are not ours to report: the leak
+    // check of the library is the sanitized tests' and programs' own.
     ::setenv("LD_PRELOAD", ZXBLK_SANITIZER_PRELOAD, 1);
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    ::setenv("ASAN_OPTIONS", (std::string(asan ? asan : "") + ":detect_leaks=0").c_str(), 1);
 #endif
     std::vector<char*> argv;
     for (const std::string& s : args) argv.push_back(const_cast<char*>(s.c_str()));
@@ -269,23 +273,40 @@ std::string statusText(int status) {
     return "status " + std::to_string(status);
 }
 
-// Waits until nbdkit has written its pid file (it has checked the store and
-// the cache and serves) or has ended; false with its status when it ended.
-bool waitReady(pid_t pid, const Listener& l, int* status) {
+pid_t g_child = 0;
+volatile sig_atomic_t g_stopAsked = 0;
+void forward(int sig) {
+    g_stopAsked = 1;
+    if (g_child > 0) ::kill(g_child, sig);
+}
+
+// Once nbdkit has been asked to stop, it gets this long before SIGKILL: a
+// server that hangs on its way out (a library's exit handler) must not hang
+// zxblk serve, its socket and whoever waits for it.
+const auto kStopGrace = std::chrono::seconds(5);
+
+// Waits for nbdkit to end, or with `untilReady` for its pid file too; true
+// when it is ready, false with its status when it ended.
+bool watch(pid_t pid, const Listener& l, int* status, bool untilReady) {
+    auto killAt = std::chrono::steady_clock::time_point::max();
     for (;;) {
-        pid_t r = ::waitpid(pid, status, WNOHANG);
-        if (r == pid) return false;
-        if (isFile(l.privateDir + "/pid")) return true;
+        if (::waitpid(pid, status, WNOHANG) == pid) return false;
+        if (untilReady && !g_stopAsked && isFile(l.privateDir + "/pid")) return true;
+        auto now = std::chrono::steady_clock::now();
+        if (g_stopAsked && killAt == std::chrono::steady_clock::time_point::max()) killAt = now + kStopGrace;
+        if (now >= killAt) ::kill(pid, SIGKILL);
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 }
 
+void stop(pid_t pid, const Listener& l, int* status) {
+    g_stopAsked = 1;
+    ::kill(pid, SIGTERM);
+    watch(pid, l, status, false);
+}
+
 int exitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
 
-pid_t g_child = 0;
-void forward(int sig) {
-    if (g_child > 0) ::kill(g_child, sig);
-}
 
 void printServing(const ServeArgs& a, int snapshot, const Listener& l, const std::string& stop) {
     if (quiet()) return;
@@ -315,17 +336,12 @@ int runCommand(const ServeArgs& a, const Listener& l, pid_t server) {
         if (r < 0 && errno == EINTR) continue;
         if (r == server) {
             serverGone = true;
-            serverStatus = status;
             std::fprintf(stderr, "zxblk: nbdkit stopped while the command ran (%s)\n", statusText(status).c_str());
             continue;
         }
         if (r == pid || r < 0) break;
     }
-    if (!serverGone) {
-        ::kill(server, SIGTERM);
-        while (::waitpid(server, &serverStatus, 0) < 0 && errno == EINTR) {
-        }
-    }
+    if (!serverGone) stop(server, l, &serverStatus);
     return exitCodeOf(status);
 }
 
@@ -356,7 +372,7 @@ void serve(ServeArgs& a) {
         std::signal(SIGTERM, forward);
         std::signal(SIGHUP, forward);
         int status = 0;
-        if (!waitReady(pid, l, &status)) {
+        if (!watch(pid, l, &status, true)) {
             removeListener(l);
             throw StoreError("nbdkit could not serve the disk (" + statusText(status) + ")");
         }
@@ -366,13 +382,9 @@ void serve(ServeArgs& a) {
             rc = runCommand(a, l, pid);
         } else {
             printServing(a, snapshot, l, "stop with Ctrl-C");
-            while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-            }
-            // Stopped by the signal it was asked to stop with: a clean end.
-            rc = WIFSIGNALED(status) && (WTERMSIG(status) == SIGINT || WTERMSIG(status) == SIGTERM ||
-                                         WTERMSIG(status) == SIGHUP)
-                     ? 0
-                     : exitCodeOf(status);
+            watch(pid, l, &status, false);
+            // Asked to stop (Ctrl-C, SIGTERM): a clean end however nbdkit went.
+            rc = g_stopAsked ? 0 : exitCodeOf(status);
         }
         removeListener(l);
         ::close(l.fd);
@@ -411,13 +423,11 @@ void serve(ServeArgs& a) {
         int status = 0;
         pid_t pid = startNbdkit(args, l, log);
         g_child = pid;
-        bool ready = waitReady(pid, l, &status);
+        bool ready = watch(pid, l, &status, true);
         char word = ready ? '+' : '-';
         (void)!::write(pipeFds[1], &word, 1);
         ::close(pipeFds[1]);
-        if (ready)
-            while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-            }
+        if (ready) watch(pid, l, &status, false);
         removeListener(l);
         _exit(0);
     }

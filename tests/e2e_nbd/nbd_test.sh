@@ -69,9 +69,10 @@ grep -q "^serving chain snapshot 2 at nbd+unix:///?socket=/.*/nbd.sock (read-onl
 ok "zxblk serve: nbdcopy equals the merged chain; description, mode 0600, URI printed"
 
 # nbdkit with the plugin, as a user runs it: the dynamic VHD read as qemu-img
-# reads it, and the map of its blocks. (--run's children leave the
-# sanitizer runtime that the plugin needs behind.)
-LD_PRELOAD=$preload t nbdkit -U - "$plugin" store=store disk=dyn cache=c2 --run 'unset LD_PRELOAD
+# reads it, and the map of its blocks. (In a sanitized build nbdkit gets the
+# runtime the plugin needs, without the leak check of nbdkit's own memory;
+# --run's children leave it behind.)
+LD_PRELOAD=$preload ASAN_OPTIONS=detect_leaks=0 t nbdkit -U - "$plugin" store=store disk=dyn cache=c2 --run 'unset LD_PRELOAD
   nbdcopy "$uri" dyn.out && qemu-img compare -q -f raw -F raw "$uri" dyn.ref && nbdinfo --map "$uri" >dyn.map' ||
   fail "nbdkit zxblk: nbdcopy, qemu-img compare or nbdinfo --map failed"
 cmp dyn.out dyn.ref || fail "nbdcopy differs from qemu-img convert"
