@@ -199,7 +199,7 @@ row "job" "zxblk s" "qemu-nbd" "ratio" "target" "result"
 rt=$(ratio "${best_z[dyn1g]}" "${best_p[dyn1g]}")
 row "${label[dyn1g]}" "${best_z[dyn1g]}" "${best_p[dyn1g]}" "$rt" "<= 1.0x" "$(verdict "${rt%x}" "<=" 1.0)"
 rt=$(ratio "${best_z[sparse4g]}" "${best_p[sparse4g]}")
-row "${label[sparse4g]}" "${best_z[sparse4g]}" "${best_p[sparse4g]}" "$rt" "-" "-"
+row "${label[sparse4g]}" "${best_z[sparse4g]}" "${best_p[sparse4g]}" "$rt" "<= 1.0x" "$(verdict "${rt%x}" "<=" 1.0)"
 
 echo
 echo "extents zxblk recalled per run (extents of $((extent >> 10)) KiB; every run on an empty cache):"

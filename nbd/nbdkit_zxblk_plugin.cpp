@@ -26,6 +26,8 @@
 #include <string>
 #include <thread>
 
+#include <unistd.h>
+
 #include "zxblk/zxblk.h"
 
 namespace {
@@ -128,11 +130,19 @@ zxblk::Disk openDisk() {
 
 // Everything that can be wrong with the store, the disk or the cache is
 // found here, before nbdkit forks into the background and while it can
-// still say so where the user looks. The disk is opened for good after the
-// fork: the library's threads would not survive it.
+// still say so where the user looks. The library's threads would not
+// survive that fork, so the disk is then opened again after it. Started by
+// socket activation (as zxblk serve starts it), nbdkit does not fork: the
+// disk opened here is the one served.
+bool willFork() {
+    const char* pid = std::getenv("LISTEN_PID");
+    return !(pid && std::getenv("LISTEN_FDS") && std::to_string(::getpid()) == pid);
+}
+
 int getReady() {
     try {
-        openDisk();
+        zxblk::Disk disk = openDisk();
+        if (!willFork()) g_disk.reset(new zxblk::Disk(std::move(disk)));
         return 0;
     } catch (const std::exception& e) {
         nbdkit_error("%s", e.what());
@@ -157,7 +167,7 @@ int afterFork() {
             if (level < 0 && t_firstError.empty()) t_firstError = text;
             nbdkit_debug("%s: %s", source.c_str(), text.c_str());
         });
-        g_disk.reset(new zxblk::Disk(openDisk()));
+        if (!g_disk) g_disk.reset(new zxblk::Disk(openDisk()));
         g_description = g_disk->name() + " snapshot " + std::to_string(g_disk->snapshot());
         nbdkit_debug("serving %s (%llu bytes, extents of %llu bytes)", g_description.c_str(),
                      static_cast<unsigned long long>(g_disk->size()),

@@ -289,13 +289,16 @@ const auto kStopGrace = std::chrono::seconds(5);
 // when it is ready, false with its status when it ended.
 bool watch(pid_t pid, const Listener& l, int* status, bool untilReady) {
     auto killAt = std::chrono::steady_clock::time_point::max();
+    std::chrono::microseconds pause(500);
     for (;;) {
         if (::waitpid(pid, status, WNOHANG) == pid) return false;
         if (untilReady && !g_stopAsked && isFile(l.privateDir + "/pid")) return true;
         auto now = std::chrono::steady_clock::now();
         if (g_stopAsked && killAt == std::chrono::steady_clock::time_point::max()) killAt = now + kStopGrace;
         if (now >= killAt) ::kill(pid, SIGKILL);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        // Often at first: a client waits for the server, and `--run` for its end.
+        std::this_thread::sleep_for(pause);
+        pause = std::min(pause * 2, std::chrono::microseconds(20000));
     }
 }
 
