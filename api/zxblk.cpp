@@ -14,6 +14,7 @@
 #include "host/disk_host.h"
 #include "platform/Log.h"
 #include "store/catalog.h"
+#include "store/storage.h"
 #include "store/store_services.h"
 #include "store/vhd_image.h"
 
@@ -36,6 +37,10 @@ auto guarded(F&& f) -> decltype(f()) {
 // A folder with a catalog. Catalog::load takes a folder without one for an
 // empty store, as import needs; a reader has nothing to read there.
 void checkIsStore(const std::string& path) {
+    if (Storage::isRemote(path)) {
+        if (!Storage::at(path)->stat(kCatalogName).exists) throw Error(path + " is not a zxblk store (no catalog.json)");
+        return;
+    }
     struct stat st;
     if (::stat(path.c_str(), &st) != 0) throw Error(path + ": " + std::strerror(errno));
     if (!S_ISDIR(st.st_mode)) throw Error(path + " is not a zxblk store (not a folder)");
@@ -64,14 +69,14 @@ SnapshotInfo snapshotInfo(const std::string& storeDir, const DiskRecord& disk, s
     s.file = copy.file;
     s.fileSize = copy.fileSize;
     s.importedAt = copy.importedAt;
-    std::string path = storeDir + "/" + copy.file;
-    struct stat st;
-    if (::stat(path.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
+    std::shared_ptr<Storage> storage = Storage::at(storeDir);
+    ObjectInfo info = storage->stat(copy.file);
+    if (!info.exists) {
         s.status = SnapshotStatus::missing;
-        s.problem = path + ": no such file";
+        s.problem = storage->describe(copy.file) + ": no such file";
         return s;
     }
-    if (!s.fileSize) s.fileSize = static_cast<uint64_t>(st.st_size);  // a catalog from before sizes were kept
+    if (!s.fileSize) s.fileSize = info.size;  // a catalog from before sizes were kept
     try {
         std::shared_ptr<VhdImage> img = openCopyImage(storeDir, disk, index);
         // openCopyImage keeps a bad side file for the reads to report; here

@@ -16,6 +16,7 @@
 #include <functional>
 
 #include "platform/Log.h"
+#include "store/storage.h"
 #include "store/vhd_image.h"
 #include "vhd/ZxBlkVhd.h"
 
@@ -32,7 +33,9 @@ std::string absolutePath(const std::string& path) {
     return ec ? path : p.lexically_normal().string();
 }
 
+// A store's folder as the kernel names it; a store on S3 as its URL.
 std::string realPath(const std::string& path) {
+    if (Storage::isRemote(path)) return path;
     char real[PATH_MAX];
     return ::realpath(path.c_str(), real) ? std::string(real) : absolutePath(path);
 }
@@ -727,6 +730,15 @@ std::string DiskHost::statsText() {
     line("restore_bytes", r.bytes);
     line("mount_complete", m_mountComplete);
     line("metadata_phase", m_metadataPhase);
+    // What the store's object storage was asked for: the bytes a recall
+    // fetched from S3, not the disk's.
+    std::shared_ptr<Storage> storage = Storage::at(m_services->directory());
+    if (storage->remote()) {
+        StorageStats s = storage->stats();
+        line("store_gets", s.gets);
+        line("store_get_bytes", s.getBytes);
+        line("store_retries", s.retries);
+    }
     return out;
 }
 

@@ -85,7 +85,9 @@ std::string absolute(const char* value) {
 
 int config(const char* key, const char* value) {
     std::string k(key);
-    if (k == "store" || k == "cache" || k == "statsfile") {
+    if (k == "store" && std::strncmp(value, "s3://", 5) == 0) {
+        g_config.store = value;  // a store on S3: a URL, not a path
+    } else if (k == "store" || k == "cache" || k == "statsfile") {
         std::string path = absolute(value);
         if (path.empty()) return -1;  // nbdkit said why
         (k == "store" ? g_config.store : k == "cache" ? g_config.cache : g_config.statsFile) = path;
@@ -298,7 +300,7 @@ nbdkit_plugin makePlugin() {
     p.config = config;
     p.config_complete = configComplete;
     p.config_help =
-        "store=DIR         (required) the zxblk store\n"
+        "store=DIR         (required) the zxblk store: a directory or s3://BUCKET/PREFIX\n"
         "disk=NAME         (required) the disk in it\n"
         "snapshot=N        the snapshot, 0 the oldest (default: the newest)\n"
         "cache=DIR         the extent cache (default: one under ~/.cache/zxblk)\n"

@@ -1,5 +1,7 @@
 #include "store/catalog.h"
 
+#include "store/storage.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -18,7 +20,11 @@ namespace zxblk {
 
 using nlohmann::json;
 
-std::string catalogPath(const std::string& storeDir) { return storeDir + "/catalog.json"; }
+const char* const kCatalogName = "catalog.json";
+// Far above any real catalog; a bigger file is not one.
+const uint64_t kMaxCatalogBytes = 256ull << 20;
+
+std::string catalogPath(const std::string& storeDir) { return storeDir + "/" + kCatalogName; }
 
 namespace {
 
@@ -110,28 +116,18 @@ void checkInvariants(const Catalog& c, const Reader& r) {
                                         std::to_string(topArchiveFileId) + ", which is in use");
 }
 
-void fsyncPath(const std::string& path, int flags) {
-    int fd = ::open(path.c_str(), flags | O_CLOEXEC);
-    if (fd >= 0) {
-        ::fsync(fd);
-        ::close(fd);
-    }
-}
-
 }  // namespace
 
 Catalog Catalog::load(const std::string& storeDir) {
     Catalog c;
-    std::string path = catalogPath(storeDir);
-    std::ifstream in(path);
-    if (!in) {
-        if (errno == ENOENT) return c;
-        throw StoreError(path + ": " + std::strerror(errno));
-    }
+    std::shared_ptr<Storage> storage = Storage::at(storeDir);
+    std::string path = storage->describe(kCatalogName), text;
+    // No catalog: an empty store (import makes one so).
+    if (!storage->readWhole(kCatalogName, kMaxCatalogBytes, text)) return c;
     Reader r{path};
     json j;
     try {
-        j = json::parse(in);
+        j = json::parse(text);
     } catch (const json::exception& e) {
         r.fail("catalog", std::string("not valid JSON (") + e.what() + ")");
     }
@@ -164,6 +160,7 @@ Catalog Catalog::load(const std::string& storeDir) {
         c.subclients[s.id] = s;
     }
     std::map<std::pair<dev_t, ino_t>, std::string> files;
+    std::map<std::string, std::string> objects;
     const json& disks = r.member(j, "disks", "");
     if (!disks.is_array()) r.fail("disks", "not a list");
     for (size_t i = 0; i < disks.size(); ++i) {
@@ -196,6 +193,7 @@ Catalog Catalog::load(const std::string& storeDir) {
             cr.parentUniqueId = r.optionalStr(copies[k], "parentUniqueId", cw);
             cr.sums = r.optionalStr(copies[k], "sums", cw);
             cr.sumsChecksum = r.optionalStr(copies[k], "sumsChecksum", cw);
+            cr.etag = r.optionalStr(copies[k], "etag", cw);
             if (!cr.sums.empty() && (cr.sums[0] == '/' || cr.sums.find("..") != std::string::npos))
                 r.fail(cw + "sums", "must name a file inside the store");
             bool hex = cr.sumsChecksum.size() == 16 &&
@@ -210,7 +208,11 @@ Catalog Catalog::load(const std::string& storeDir) {
             // shows it as missing; it does not make the rest of the store
             // unreadable. Two records naming one file do.
             struct stat st;
-            if (::stat((storeDir + "/" + cr.file).c_str(), &st) == 0) {
+            if (storage->remote()) {
+                // Objects have one spelling.
+                auto seen = objects.emplace(cr.file, copyAt(i, k));
+                if (!seen.second) r.fail(cw + "file", cr.file + " is also the file of " + seen.first->second);
+            } else if (::stat((storeDir + "/" + cr.file).c_str(), &st) == 0) {
                 // By inode, so that another spelling of a path or a hard link is the same file too.
                 auto seen = files.emplace(std::make_pair(st.st_dev, st.st_ino), copyAt(i, k));
                 if (!seen.second) r.fail(cw + "file", cr.file + " is also the file of " + seen.first->second);
@@ -252,25 +254,12 @@ void Catalog::save(const std::string& storeDir, const std::function<void()>& bef
             if (c.fileSize) cj["fileSize"] = c.fileSize;
             if (!c.parentUniqueId.empty()) cj["parentUniqueId"] = c.parentUniqueId;
             if (!c.sums.empty()) cj["sums"] = c.sums, cj["sumsChecksum"] = c.sumsChecksum;
+            if (!c.etag.empty()) cj["etag"] = c.etag;
             dj["copies"].push_back(cj);
         }
         j["disks"].push_back(dj);
     }
-    std::string path = catalogPath(storeDir), temp = path + ".new";
-    {
-        std::ofstream out(temp, std::ios::trunc);
-        out << j.dump(2) << "\n";
-        out.flush();
-        if (!out) throw StoreError(temp + ": cannot write the catalog: " + std::strerror(errno));
-    }
-    fsyncPath(temp, O_RDONLY);
-    if (beforeReplace) beforeReplace();
-    if (::rename(temp.c_str(), path.c_str()) != 0) {
-        int err = errno;
-        ::unlink(temp.c_str());
-        throw StoreError(path + ": cannot replace the catalog: " + std::strerror(err));
-    }
-    fsyncPath(storeDir, O_RDONLY | O_DIRECTORY);
+    Storage::at(storeDir)->replace(kCatalogName, j.dump(2) + "\n", beforeReplace);
 }
 
 uint64_t Catalog::takeArchiveFileId() {
@@ -322,13 +311,8 @@ bool Catalog::findCopy(const std::string& browsePath, const DiskRecord** disk, c
     return false;
 }
 
-StoreLock::StoreLock(const std::string& storeDir) : m_fd(::open((storeDir + "/.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
-    if (m_fd < 0) throw StoreError(storeDir + "/.lock: " + std::strerror(errno));
-    if (::flock(m_fd, LOCK_EX) != 0) throw StoreError(storeDir + "/.lock: " + std::strerror(errno));
-}
+StoreLock::StoreLock(const std::string& storeDir) : m_lock(Storage::at(storeDir)->lock()) {}
 
-StoreLock::~StoreLock() {
-    if (m_fd >= 0) ::close(m_fd);
-}
+StoreLock::~StoreLock() = default;
 
 }  // namespace zxblk

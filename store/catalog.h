@@ -5,10 +5,12 @@
 #pragma once
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "store/storage.h"
 #include "store/store_error.h"
 
 namespace zxblk {
@@ -36,6 +38,9 @@ struct CopyRecord {
     // were kept: such a copy is served unchecked.
     std::string sums;
     std::string sumsChecksum;
+    // The object's ETag at import, in a store on S3: another one is a
+    // replaced object.
+    std::string etag;
     // The extent length the provider works with for this copy.
     int64_t copyExtentLength() const { return storedExtentSize - (type == kTypeDifferencing ? 512 : 0); }
 };
@@ -83,9 +88,13 @@ struct Catalog {
     bool findCopy(const std::string& browsePath, const DiskRecord** disk, const CopyRecord** copy) const;
 };
 
+// The catalog's name in a store, and the largest a catalog may be.
+extern const char* const kCatalogName;
+extern const uint64_t kMaxCatalogBytes;
 std::string catalogPath(const std::string& storeDir);
 
-// Serializes changes to one store between processes (flock on DIR/.lock).
+// Serializes changes to one store between processes and hosts (flock on
+// DIR/.lock; a lock object on S3).
 class StoreLock {
 public:
     explicit StoreLock(const std::string& storeDir);
@@ -94,7 +103,7 @@ public:
     StoreLock& operator=(const StoreLock&) = delete;
 
 private:
-    int m_fd;
+    std::unique_ptr<Storage::Lock> m_lock;
 };
 
 }  // namespace zxblk

@@ -1,5 +1,7 @@
 #include "store/importer.h"
 
+#include "store/storage.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +15,7 @@
 #include <ctime>
 #include <deque>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <optional>
@@ -527,8 +530,54 @@ std::vector<std::string> importLocked(const std::string& storeDir, const std::st
 
 }  // namespace
 
+// A store on S3: the images are imported into a local folder that holds a
+// copy of the store's catalog, so that the checks, checksums and names are
+// the folder import's own; then what that import added is uploaded, the
+// snapshot and checksum files first, the catalog that names them last, all
+// under the store's lock. A failed upload leaves the catalog as it was; an
+// object it left is not named by it and the next import replaces it.
+std::vector<std::string> importRemote(const std::string& location, const std::string& diskName,
+                                      const std::vector<std::string>& images, const ImportOptions& options) {
+    std::shared_ptr<Storage> storage = Storage::at(location);
+    StoreLock lock(location);
+    const char* tmp = std::getenv("TMPDIR");
+    std::string stage = std::string(tmp && *tmp ? tmp : "/tmp") + "/zxblk-import-XXXXXX";
+    if (!::mkdtemp(&stage[0])) throw StoreError(stage + ": " + std::strerror(errno));
+    struct Cleanup {
+        std::string dir;
+        ~Cleanup() {
+            std::error_code ec;
+            std::filesystem::remove_all(dir, ec);
+        }
+    } cleanup{stage};
+    std::string text;
+    Catalog before;
+    if (storage->readWhole(kCatalogName, kMaxCatalogBytes, text)) {
+        std::ofstream(catalogPath(stage), std::ios::binary) << text;
+        before = Catalog::load(stage);
+    }
+    std::vector<std::string> lines = importImages(stage, diskName, images, options);
+    Catalog after = Catalog::load(stage);
+    std::set<uint64_t> old;
+    for (const DiskRecord& d : before.disks)
+        for (const CopyRecord& c : d.copies) old.insert(c.archiveFileId);
+    for (DiskRecord& d : after.disks)
+        for (CopyRecord& c : d.copies) {
+            if (old.count(c.archiveFileId)) continue;
+            c.etag = storage->upload(c.file, stage + "/" + c.file);
+            if (!c.sums.empty()) storage->upload(c.sums, stage + "/" + c.sums);
+        }
+    after.save(location);
+    for (std::string& line : lines) {
+        size_t as = line.find(" as ");
+        if (as != std::string::npos) line.insert(as, " into " + location);
+    }
+    return lines;
+}
+
 std::vector<std::string> importImages(const std::string& storeDir, const std::string& diskName,
                                       const std::vector<std::string>& images, const ImportOptions& options) {
+    if (Storage::isRemote(storeDir)) return importRemote(storeDir, diskName, images, options);
     if (!validName(diskName)) throw StoreError("disk name '" + diskName + "': use letters, digits, '-', '_' and '.'");
     if (images.empty()) throw StoreError("no images to import");
     if (options.extentSize < 65536 || options.extentSize > (2 << 20) || (options.extentSize & (options.extentSize - 1)))

@@ -2,8 +2,13 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+
 #include "platform/CNMessage.h"
 #include "platform/Log.h"
+#include "store/storage.h"
 #include "store/store_error.h"
 
 namespace zxblk {
@@ -23,9 +28,25 @@ struct Statement {
     ~Statement() { sqlite3_finalize(s); }
 };
 
+// Where the index of a store lives: in its folder, or, for a store on S3,
+// in a local folder of its own (an SQLite file needs a local file system),
+// $XDG_CACHE_HOME/zxblk/index/ (~/.cache/zxblk/index/) and the store's URL
+// with '/' made '_'.
+std::string indexFile(const std::string& store) {
+    if (!Storage::isRemote(store)) return store + "/index.sqlite";
+    const char* xdg = std::getenv("XDG_CACHE_HOME");
+    const char* home = std::getenv("HOME");
+    std::string dir = xdg && *xdg ? std::string(xdg) + "/zxblk/index" : std::string(home ? home : "/tmp") + "/.cache/zxblk/index";
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
+    std::string name = store.substr(5);
+    std::replace(name.begin(), name.end(), '/', '_');
+    return dir + "/" + name + ".sqlite";
+}
+
 }  // namespace
 
-SqliteIndexService::SqliteIndexService(const std::string& storeDir) : m_path(storeDir + "/index.sqlite") {
+SqliteIndexService::SqliteIndexService(const std::string& storeDir) : m_path(indexFile(storeDir)) {
     if (sqlite3_open_v2(m_path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                         nullptr) != SQLITE_OK) {
         std::string why = m_db ? sqlite3_errmsg(m_db) : "out of memory";

@@ -1,5 +1,7 @@
 #include "store/store_services.h"
 
+#include "store/storage.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -147,28 +149,11 @@ static void checkAgainstRecord(const VhdImage& img, const DiskRecord& disk, size
 
 std::shared_ptr<const BlockSums> loadBlockSums(const std::string& storeDir, const CopyRecord& copy, const VhdImage& img) {
     if (copy.sums.empty()) return nullptr;
-    std::string path = storeDir + "/" + copy.sums;
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw StoreError(path + ": " + std::strerror(errno));
-    struct stat st;
+    std::shared_ptr<Storage> storage = Storage::at(storeDir);
+    std::string path = storage->describe(copy.sums), bytes;
     // Never more than a header and one entry per block of the image.
     uint64_t most = 4096 + 64 + 24 * img.sumUnits();
-    std::string bytes;
-    if (::fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) <= most) {
-        bytes.resize(static_cast<size_t>(st.st_size));
-        size_t done = 0;
-        while (done < bytes.size()) {
-            ssize_t n = ::pread(fd, &bytes[done], bytes.size() - done, static_cast<off_t>(done));
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
-            done += static_cast<size_t>(n);
-        }
-        bytes.resize(done);
-    } else {
-        ::close(fd);
-        throw StoreError(path + ": size: larger than the checksums of " + std::to_string(img.sumUnits()) + " blocks");
-    }
-    ::close(fd);
+    if (!storage->readWhole(copy.sums, most, bytes)) throw StoreError(path + ": " + std::strerror(ENOENT));
     std::string found = sumText(xxh3(bytes.data(), bytes.size()));
     if (found != copy.sumsChecksum)
         throw StoreError(path + ": checksum: the catalog records " + copy.sumsChecksum + ", the file has " + found);
@@ -184,7 +169,8 @@ std::shared_ptr<const BlockSums> loadBlockSums(const std::string& storeDir, cons
 
 std::shared_ptr<VhdImage> openCopyImage(const std::string& storeDir, const DiskRecord& disk, size_t index) {
     const CopyRecord& copy = disk.copies.at(index);
-    auto img = std::make_shared<VhdImage>(VhdImage::open(storeDir + "/" + copy.file, copy.type == kTypeRaw, disk.size));
+    auto img = std::make_shared<VhdImage>(
+        VhdImage::open(Storage::at(storeDir)->openReader(copy.file, copy.etag), copy.type == kTypeRaw, disk.size));
     checkAgainstRecord(*img, disk, index);
     // A bad side file fails the recalls of this file, not the lookups that
     // tell which copy holds an extent.
@@ -206,14 +192,10 @@ std::shared_ptr<VhdImage> StoreServices::image(const CopyRecord& copy, bool rech
     const CopyRecord* found;
     if (!m_catalog.findCopy(copy.archiveFileId, &disk, &found))
         throw StoreError("no copy with archive file id " + std::to_string(copy.archiveFileId) + " in store " + m_dir);
-    std::string path = m_dir + "/" + copy.file;
-    // A stat per call is cheap against a recall, and catches a file replaced
-    // or rewritten while it is open: it is then opened and checked again.
-    struct stat st;
-    bool statted = ::stat(path.c_str(), &st) == 0;
+    // A file replaced or rewritten while it is open is opened and checked again.
     std::lock_guard<std::mutex> lock(m_imagesMutex);
     auto it = m_images.find(copy.archiveFileId);
-    if (it != m_images.end() && statted && it->second->stamp() == FileStamp::of(st)) return it->second;
+    if (it != m_images.end() && it->second->current()) return it->second;
     if (it != m_images.end()) m_images.erase(it);
     auto img = openCopyImage(m_dir, *disk, static_cast<size_t>(found - disk->copies.data()));
     m_images[copy.archiveFileId] = img;

@@ -83,22 +83,12 @@ void VhdImage::fail(const std::string& field, const std::string& why) const {
     throw StoreError(m_path + ": " + field + ": " + why);
 }
 
-FileStamp FileStamp::of(const struct stat& st) {
-    FileStamp s;
-    s.device = static_cast<uint64_t>(st.st_dev);
-    s.inode = static_cast<uint64_t>(st.st_ino);
-    s.size = static_cast<uint64_t>(st.st_size);
-    s.mtimeNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-    return s;
-}
-
 VhdImage::VhdImage(VhdImage&& o) noexcept { *this = std::move(o); }
 
 VhdImage& VhdImage::operator=(VhdImage&& o) noexcept {
     if (this != &o) {
-        if (m_fd >= 0) ::close(m_fd);
         m_path = std::move(o.m_path);
-        m_fd = std::exchange(o.m_fd, -1);
+        m_reader = std::move(o.m_reader);
         m_stamp = o.m_stamp;
         m_kind = o.m_kind;
         m_size = o.m_size;
@@ -118,21 +108,10 @@ VhdImage& VhdImage::operator=(VhdImage&& o) noexcept {
     return *this;
 }
 
-VhdImage::~VhdImage() {
-    if (m_fd >= 0) ::close(m_fd);
-}
+VhdImage::~VhdImage() = default;
 
 void VhdImage::readAt(uint64_t offset, void* buffer, size_t length) const {
-    size_t done = 0;
-    while (done < length) {
-        ssize_t n = ::pread(m_fd, static_cast<char*>(buffer) + done, length - done, static_cast<off_t>(offset + done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) fail("data at offset " + std::to_string(offset + done), std::strerror(errno));
-        if (n == 0)
-            fail("data at offset " + std::to_string(offset + done),
-                 "file ends early (it was shortened after it was checked?)");
-        done += static_cast<size_t>(n);
-    }
+    m_reader->readAt(offset, buffer, length);
 }
 
 // The fields of one footer copy, or what makes it unusable.
@@ -198,13 +177,14 @@ VhdImage::Footer VhdImage::chooseFooter(std::string& note) const {
 }
 
 VhdImage VhdImage::open(const std::string& path, bool raw, uint64_t rawSize) {
+    return open(openLocalFile(path), raw, rawSize);
+}
+
+VhdImage VhdImage::open(std::unique_ptr<ObjectReader> reader, bool raw, uint64_t rawSize) {
     VhdImage img;
-    img.m_path = path;
-    img.m_fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (img.m_fd < 0) throw StoreError(path + ": " + std::strerror(errno));
-    struct stat st;
-    if (::fstat(img.m_fd, &st) != 0 || !S_ISREG(st.st_mode)) img.fail("file", "not a regular file");
-    img.m_stamp = FileStamp::of(st);
+    img.m_path = reader->name();
+    img.m_stamp = reader->stamp();
+    img.m_reader = std::move(reader);
     const uint64_t fileSize = img.m_stamp.size;
     if (raw) {
         img.m_kind = ImageKind::Raw;
@@ -232,7 +212,7 @@ VhdImage VhdImage::open(const std::string& path, bool raw, uint64_t rawSize) {
     img.m_kind = footer.type == 3 ? ImageKind::Dynamic : ImageKind::Differencing;
     img.readDynamic(footer.dataOffset);
     // Said only of a file that is otherwise sound: a refused one gets one line.
-    if (!note.empty()) LogSink::write(0, "VhdImage", path + ": " + note);
+    if (!note.empty()) LogSink::write(0, "VhdImage", img.m_path + ": " + note);
     return img;
 }
 

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "store/storage.h"
 #include "store/store_error.h"
 
 namespace zxblk {
@@ -30,18 +31,6 @@ struct Piece {
     uint64_t length;
     int64_t fileOffset;
     uint64_t block;
-};
-
-// What tells one state of a file from another: a file renamed over it, a
-// rewrite, a change of size.
-struct FileStamp {
-    uint64_t device = 0, inode = 0, size = 0;
-    int64_t mtimeNs = 0;
-    static FileStamp of(const struct stat& st);
-    bool operator==(const FileStamp& o) const {
-        return device == o.device && inode == o.inode && size == o.size && mtimeNs == o.mtimeNs;
-    }
-    bool operator!=(const FileStamp& o) const { return !(*this == o); }
 };
 
 // XXH3 of the bytes of one unit of a snapshot: a VHD block's data and its
@@ -85,6 +74,8 @@ public:
     // import): a raw file cut short afterwards then fails only the reads
     // past its end.
     static VhdImage open(const std::string& path, bool raw = false, uint64_t rawSize = 0);
+    // The same, of an object already opened (a store's, perhaps on S3).
+    static VhdImage open(std::unique_ptr<ObjectReader> reader, bool raw = false, uint64_t rawSize = 0);
     VhdImage(VhdImage&& other) noexcept;
     VhdImage& operator=(VhdImage&& other) noexcept;
     ~VhdImage();
@@ -95,6 +86,8 @@ public:
     uint64_t fileSize() const { return m_stamp.size; }
     // The file as it was when it was opened and checked.
     const FileStamp& stamp() const { return m_stamp; }
+    // Whether the name still refers to the object opened (see ObjectReader).
+    bool current() const { return m_reader->current(); }
     uint32_t blockSize() const { return m_blockSize; }  // 0 for raw and fixed
     uint32_t bitmapBytes() const { return m_bitmapBytes; }
     const UniqueId& uniqueId() const { return m_uniqueId; }
@@ -155,7 +148,7 @@ private:
     uint32_t sectorOf(uint64_t block) const;
 
     std::string m_path;
-    int m_fd = -1;
+    std::unique_ptr<ObjectReader> m_reader;
     FileStamp m_stamp;
     ImageKind m_kind = ImageKind::Raw;
     uint64_t m_size = 0;

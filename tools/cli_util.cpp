@@ -1,5 +1,10 @@
 #include "tools/cli_util.h"
 
+#include "store/s3_client.h"
+#include "store/storage.h"
+
+#include <filesystem>
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -204,6 +209,31 @@ void checkConfigFile(const std::string& path) {
             throw StoreError(path + ":" + std::to_string(number) + ": " + key + " = " + value +
                              ": give true or false");
     }
+}
+
+CLI::Option* addStoreOption(CLI::App* cmd, std::string& target, bool existing) {
+    auto* opt = cmd->add_option("--store", target,
+                                existing ? "the store: a directory, or s3://BUCKET/PREFIX"
+                                         : "the store: a directory (made if missing), or s3://BUCKET/PREFIX");
+    opt->required()->type_name("DIR|s3://BUCKET/PREFIX");
+    opt->check(CLI::Validator(
+        [existing](std::string& value) -> std::string {
+            if (Storage::isRemote(value)) {
+                S3Location where;
+                std::string why;
+                return S3Location::parse(value, where, why) ? std::string() : value + ": " + why;
+            }
+            if (!existing) return std::string();
+            std::string bad = CLI::ExistingDirectory(value);
+            if (!bad.empty()) return bad;
+            std::error_code ec;
+            std::filesystem::path p = std::filesystem::absolute(value, ec);
+            if (!ec) value = p.lexically_normal().string();
+            while (value.size() > 1 && value.back() == '/') value.pop_back();
+            return std::string();
+        },
+        ""));
+    return opt;
 }
 
 }  // namespace zxblk

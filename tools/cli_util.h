@@ -32,6 +32,11 @@ CLI::Option* addNumberOption(CLI::App* cmd, const std::string& name, T& target, 
         ->check(CLI::Range(min, max));
 }
 
+// --store: a folder, or s3://BUCKET/PREFIX. `existing`: the folder must be
+// there, and is made absolute (a server or mount runs from "/"); import
+// makes it, and list says itself that a folder is not a store.
+CLI::Option* addStoreOption(CLI::App* cmd, std::string& target, bool existing = true);
+
 // "512 bytes", "64 KiB", "1.5 GiB".
 std::string humanSize(uint64_t bytes);
 

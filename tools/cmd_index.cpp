@@ -13,7 +13,7 @@ void registerIndexCommand(CLI::App& app) {
     auto* cmd = app.add_subcommand("index", "list the extents the index flags as mount or metadata extents");
     static std::string store, disk, kind;
     static int64_t snapshot = -1;
-    cmd->add_option("--store", store, "store directory")->required()->check(CLI::ExistingDirectory);
+    addStoreOption(cmd, store);
     cmd->add_option("--disk", disk, "disk name")->required();
     addNumberOption<int64_t>(cmd, "--snapshot", snapshot, "only this snapshot", 0);
     cmd->add_option("--kind", kind, "only 'mount' or 'metadata'")->check(CLI::IsMember({"mount", "metadata"}));

@@ -47,7 +47,7 @@ void printText(const std::vector<DiskInfo>& disks) {
 void registerListCommand(CLI::App& app) {
     auto* cmd = app.add_subcommand("list", "list the disks of a store and their snapshots, with each file's state");
     static std::string store, disk;
-    cmd->add_option("--store", store, "store directory")->required();
+    addStoreOption(cmd, store, false);
     cmd->add_option("--disk", disk, "only this disk");
     addJsonOption(cmd);
     addCommonOptions(cmd);

@@ -492,7 +492,7 @@ void registerMountCommand(CLI::App& app) {
     auto* cmd = app.add_subcommand(
         "mount", "present the disk as MOUNTPOINT/disk.raw (its partitions as partN), recalling extents on demand");
     static MountArgs a;
-    cmd->add_option("--store", a.store, "store directory")->required()->check(CLI::ExistingDirectory);
+    addStoreOption(cmd, a.store);
     cmd->add_option("--disk", a.disk, "disk name")->required();
     addNumberOption(cmd, "--snapshot", a.snapshot, "snapshot number, 0 the oldest (default: the newest)", 0);
     cmd->add_option("--cache", a.cache, "extent cache directory (default: under ~/.cache/zxblk)");
@@ -524,7 +524,7 @@ void registerMountCommand(CLI::App& app) {
     cmd->callback([] {
         applyCommonOptions();
         // A running mount serves from "/": every path it keeps is absolute.
-        for (std::string* p : {&a.store, &a.cache, &a.mountpoint, &a.logFile}) {
+        for (std::string* p : {&a.cache, &a.mountpoint, &a.logFile}) {
             if (p->empty()) continue;
             *p = std::filesystem::absolute(*p).lexically_normal().string();
             while (p->size() > 1 && p->back() == '/') p->pop_back();

@@ -28,7 +28,7 @@ struct DiskArgs {
 };
 
 void addDiskOptions(CLI::App* cmd, DiskArgs& a) {
-    cmd->add_option("--store", a.store, "store directory")->required()->check(CLI::ExistingDirectory);
+    addStoreOption(cmd, a.store);
     cmd->add_option("--disk", a.disk, "disk name")->required();
     addNumberOption(cmd, "--snapshot", a.snapshot, "snapshot number, 0 the oldest (default: the newest)", 0);
     cmd->add_option("--cache", a.cache, "extent cache directory (default: under ~/.cache/zxblk)");

@@ -461,7 +461,7 @@ void serve(ServeArgs& a) {
 void registerServeCommand(CLI::App& app) {
     auto* cmd = app.add_subcommand("serve", "serve the disk over NBD (through nbdkit), recalling extents on demand");
     static ServeArgs a;
-    cmd->add_option("--store", a.store, "store directory")->required()->check(CLI::ExistingDirectory);
+    addStoreOption(cmd, a.store);
     cmd->add_option("--disk", a.disk, "disk name")->required();
     addNumberOption(cmd, "--snapshot", a.snapshot, "snapshot number, 0 the oldest (default: the newest)", 0);
     cmd->add_option("--cache", a.cache, "extent cache directory (default: under ~/.cache/zxblk)");
@@ -488,7 +488,7 @@ void registerServeCommand(CLI::App& app) {
     cmd->callback([] {
         applyCommonOptions();
         // The server runs from "/": every path it is given is absolute.
-        for (std::string* p : {&a.store, &a.cache, &a.socketPath, &a.tlsPsk, &a.statsFile, &a.logFile})
+        for (std::string* p : {&a.cache, &a.socketPath, &a.tlsPsk, &a.statsFile, &a.logFile})
             if (!p->empty()) *p = std::filesystem::absolute(*p).lexically_normal().string();
         serve(a);
     });

@@ -104,6 +104,14 @@ void registerStatsCommand(CLI::App& app) {
                     humanSize(restored).c_str());
         std::printf("phases           mount %s; %s\n", mounted ? "complete" : "not complete yet",
                     metadata ? "in the metadata phase" : "not in the metadata phase");
+        // A store on S3: what its objects were asked for.
+        bool remote = false;
+        for (const auto& kv : unknown) remote = remote || kv.first == "store_gets";
+        if (remote) {
+            uint64_t gets = take("store_gets"), bytes = take("store_get_bytes"), retries = take("store_retries");
+            std::printf("store (S3)       %s, %s, %llu %s\n", plural(gets, "GET").c_str(), humanSize(bytes).c_str(),
+                        static_cast<unsigned long long>(retries), retries == 1 ? "retry" : "retries");
+        }
         for (const auto& kv : unknown)
             std::printf("%-16s %llu\n", kv.first.c_str(), static_cast<unsigned long long>(kv.second));
     });

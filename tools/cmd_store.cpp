@@ -14,7 +14,7 @@ void registerImportCommand(CLI::App& app) {
     static std::vector<std::string> images;
     static ImportOptions options;
     static uint64_t extentSize = static_cast<uint64_t>(options.extentSize);
-    cmd->add_option("--store", store, "store directory (made if missing)")->required();
+    addStoreOption(cmd, store, false);
     cmd->add_option("--disk", disk, "disk name")->required();
     cmd->add_option("--format", format,
                     "vhd: fixed, dynamic or differencing VHD files; raw: any file, taken as the disk's bytes; "

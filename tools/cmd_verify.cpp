@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "store/catalog.h"
+#include "store/storage.h"
 #include "store/store_services.h"
 #include "store/vhd_image.h"
 #include "tools/commands.h"
@@ -73,8 +74,7 @@ int verifyStore(const std::string& store, const std::string& diskName, const std
     Tally tally;
     uint64_t disks = 0;
     try {
-        struct stat st;
-        if (::stat(catalogPath(store).c_str(), &st) != 0) throw StoreError(store + ": no catalog.json; not a store");
+        if (!Storage::at(store)->stat(kCatalogName).exists) throw StoreError(store + ": no catalog.json; not a store");
         Catalog catalog = Catalog::load(store);
         if (!diskName.empty() && !catalog.findDisk(diskName)) throw StoreError(store + ": no disk named '" + diskName + "'");
         for (const DiskRecord& d : catalog.disks)

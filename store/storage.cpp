@@ -1,0 +1,220 @@
+// The folder store's storage, and the one place that tells a folder from S3.
+#include "store/storage.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <mutex>
+
+#include "store/fd_io.h"
+#include "store/s3_storage.h"
+
+namespace zxblk {
+namespace {
+
+std::string errnoText(const std::string& what, int err = errno) { return what + ": " + std::strerror(err); }
+
+class LocalFile : public ObjectReader {
+public:
+    explicit LocalFile(const std::string& path) : m_path(path) {
+        m_fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (m_fd < 0) throw StoreError(errnoText(path));
+        struct stat st;
+        if (::fstat(m_fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+            ::close(m_fd);
+            throw StoreError(path + ": file: not a regular file");
+        }
+        m_stamp = FileStamp::of(st);
+    }
+    ~LocalFile() override { ::close(m_fd); }
+    const std::string& name() const override { return m_path; }
+    uint64_t size() const override { return m_stamp.size; }
+    const FileStamp& stamp() const override { return m_stamp; }
+    void readAt(uint64_t offset, void* buffer, size_t length) const override {
+        size_t done = 0;
+        while (done < length) {
+            ssize_t n = ::pread(m_fd, static_cast<char*>(buffer) + done, length - done, static_cast<off_t>(offset + done));
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) throw StoreError(errnoText(m_path + ": data at offset " + std::to_string(offset + done)));
+            if (n == 0)
+                throw StoreError(m_path + ": data at offset " + std::to_string(offset + done) +
+                                 ": file ends early (it was shortened after it was checked?)");
+            done += static_cast<size_t>(n);
+        }
+    }
+    // A stat per call is cheap against a recall, and catches a file replaced
+    // or rewritten while it is open.
+    bool current() const override {
+        struct stat st;
+        return ::stat(m_path.c_str(), &st) == 0 && FileStamp::of(st) == m_stamp;
+    }
+
+private:
+    std::string m_path;
+    int m_fd = -1;
+    FileStamp m_stamp;
+};
+
+void fsyncPath(const std::string& path, int flags) {
+    int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+    if (fd >= 0) {
+        ::fsync(fd);
+        ::close(fd);
+    }
+}
+
+class FolderStorage : public Storage {
+public:
+    explicit FolderStorage(const std::string& dir) : Storage(dir) {}
+    bool remote() const override { return false; }
+
+    std::unique_ptr<ObjectReader> openReader(const std::string& name, const std::string&) const override {
+        return std::unique_ptr<ObjectReader>(new LocalFile(path(name)));
+    }
+
+    ObjectInfo stat(const std::string& name) const override {
+        struct stat st;
+        ObjectInfo info;
+        if (::stat(path(name).c_str(), &st) == 0) info.exists = true, info.size = static_cast<uint64_t>(st.st_size);
+        return info;
+    }
+
+    bool readWhole(const std::string& name, uint64_t most, std::string& out) const override {
+        std::string p = path(name);
+        int fd = ::open(p.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            if (errno == ENOENT) return false;
+            throw StoreError(errnoText(p));
+        }
+        struct stat st;
+        if (::fstat(fd, &st) != 0 || static_cast<uint64_t>(st.st_size) > most) {
+            ::close(fd);
+            throw StoreError(p + ": size: larger than the " + std::to_string(most) + " bytes it can be");
+        }
+        out.assign(static_cast<size_t>(st.st_size), '\0');
+        size_t done = 0;
+        while (done < out.size()) {
+            ssize_t n = ::pread(fd, &out[done], out.size() - done, static_cast<off_t>(done));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            done += static_cast<size_t>(n);
+        }
+        out.resize(done);
+        ::close(fd);
+        return true;
+    }
+
+    void replace(const std::string& name, const std::string& data,
+                 const std::function<void()>& beforeReplace) const override {
+        std::string p = path(name), temp = p + ".new";
+        int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd < 0) throw StoreError(errnoText(temp + ": cannot write"));
+        try {
+            writeFully(fd, data.data(), data.size(), 0, temp + ": cannot write");
+            if (::fsync(fd) != 0) throw StoreError(errnoText(temp + ": cannot write"));
+        } catch (...) {
+            ::close(fd);
+            ::unlink(temp.c_str());
+            throw;
+        }
+        ::close(fd);
+        if (beforeReplace) beforeReplace();
+        if (::rename(temp.c_str(), p.c_str()) != 0) {
+            int err = errno;
+            ::unlink(temp.c_str());
+            throw StoreError(errnoText(p + ": cannot replace", err));
+        }
+        fsyncPath(location(), O_RDONLY | O_DIRECTORY);
+    }
+
+    // The importer writes a folder's files in place itself: it renames them
+    // into the store with the catalog.
+    std::string upload(const std::string& name, const std::string& from,
+                       const std::function<void(uint64_t)>&) const override {
+        std::error_code ec;
+        std::filesystem::copy_file(from, path(name), std::filesystem::copy_options::overwrite_existing, ec);
+        if (ec) throw StoreError(path(name) + ": " + ec.message());
+        return std::string();
+    }
+
+    void remove(const std::string& name) const override {
+        if (::unlink(path(name).c_str()) != 0 && errno != ENOENT) throw StoreError(errnoText(path(name)));
+    }
+
+    std::vector<std::string> list(const std::string& prefix) const override {
+        std::vector<std::string> out;
+        std::error_code ec;
+        for (auto it = std::filesystem::recursive_directory_iterator(location(), ec);
+             !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+            if (!it->is_regular_file()) continue;
+            std::string rel = std::filesystem::relative(it->path(), location()).string();
+            if (rel.compare(0, prefix.size(), prefix) == 0) out.push_back(rel);
+        }
+        return out;
+    }
+
+    StorageStats stats() const override { return StorageStats(); }
+
+    class FolderLock : public Lock {
+    public:
+        explicit FolderLock(const std::string& dir) {
+            std::string p = dir + "/.lock";
+            m_fd = ::open(p.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+            if (m_fd < 0) throw StoreError(errnoText(p));
+            if (::flock(m_fd, LOCK_EX) != 0) {
+                int err = errno;
+                ::close(m_fd);
+                throw StoreError(errnoText(p, err));
+            }
+        }
+        ~FolderLock() override { ::close(m_fd); }
+
+    private:
+        int m_fd = -1;
+    };
+    std::unique_ptr<Lock> lock() const override { return std::unique_ptr<Lock>(new FolderLock(location())); }
+
+private:
+    std::string path(const std::string& name) const { return location() + "/" + name; }
+};
+
+}  // namespace
+
+FileStamp FileStamp::of(const struct stat& st) {
+    FileStamp s;
+    s.device = static_cast<uint64_t>(st.st_dev);
+    s.inode = static_cast<uint64_t>(st.st_ino);
+    s.size = static_cast<uint64_t>(st.st_size);
+    s.mtimeNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    return s;
+}
+
+bool Storage::isRemote(const std::string& location) { return location.compare(0, 5, "s3://") == 0; }
+
+std::shared_ptr<Storage> Storage::at(const std::string& location) {
+    if (!isRemote(location)) return std::make_shared<FolderStorage>(location);
+    // One per bucket and prefix: its connections and its statistics are shared.
+    static std::mutex mutex;
+    static std::map<std::string, std::shared_ptr<Storage>> remotes;
+    std::lock_guard<std::mutex> lock(mutex);
+    auto it = remotes.find(location);
+    if (it != remotes.end()) return it->second;
+    std::shared_ptr<Storage> s = openS3Storage(location);
+    remotes[location] = s;
+    return s;
+}
+
+std::string Storage::describe(const std::string& name) const {
+    return m_location + (m_location.empty() || m_location.back() == '/' ? "" : "/") + name;
+}
+
+std::unique_ptr<ObjectReader> openLocalFile(const std::string& path) {
+    return std::unique_ptr<ObjectReader>(new LocalFile(path));
+}
+
+}  // namespace zxblk

@@ -1,0 +1,124 @@
+#!/usr/bin/env bash
+# A store on S3 (a Ceph cluster of the test's own): a differencing chain
+# imported into s3://..., then export, read, serve + nbdcopy and mount all
+# byte-identical to the merged image, a file read with debugfs off a mounted
+# ext4 disk, only the extents read fetched, two mounts of one disk at once,
+# two racing imports that both land, a replaced object refused, wrong keys
+# and a missing bucket in one line, and reads through a proxy that drops and
+# stalls connections costing retries, never wrong bytes.
+#   s3_store_test.sh ZXBLK MAKE_VHD_CHAIN
+set -euo pipefail
+zxblk=$1 chain=$2
+s3=$(cd "$(dirname "$0")/../s3" && pwd)
+work=$(mktemp -d)
+mounts=() proxy=
+cleanup() {
+  for m in "${mounts[@]}"; do fusermount3 -u "$m" 2>/dev/null || true; done
+  [ -n "$proxy" ] && kill "$proxy" 2>/dev/null
+  [ -d "$work/ceph" ] && "$s3/ceph_down.sh" "$work/ceph" >/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+fail() { echo "FAIL: $*"; exit 1; }
+ok() { echo "ok: $*"; }
+t() { timeout 120 "$@"; }
+cd "$work"
+rc=0
+"$s3/ceph_up.sh" ceph >up.log 2>&1 || rc=$?
+[ $rc = 77 ] && { cat up.log; exit 77; }
+[ $rc = 0 ] || { cat up.log; fail "ceph_up.sh: exit $rc"; }
+set -a
+. ceph/env
+set +a
+unset AWS_PROFILE AWS_SESSION_TOKEN AWS_DEFAULT_REGION
+export AWS_SHARED_CREDENTIALS_FILE=$work/none AWS_CONFIG_FILE=$work/none XDG_CACHE_HOME=$work/xdg
+curl_s3() { curl -sS --fail-with-body --aws-sigv4 "aws:amz:$AWS_REGION:s3" --user "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY" \
+  -H "x-amz-content-sha256: UNSIGNED-PAYLOAD" "$@"; }
+curl_s3 -X PUT "$AWS_ENDPOINT_URL/bkt" >/dev/null
+store=s3://bkt/backups/site1
+stat_of() { awk -v k="$2" '$1 == k { print $2 }' "$1"; }
+
+# The chain: 24 MiB and a bit, blocks of half an extent; and an ext4 disk.
+mkdir chain src
+"$chain" chain $((24 * 1048576 + 37 * 512)) 524288 2 41 >/dev/null
+head -c 300000 /dev/urandom >src/file.bin
+mke2fs -q -F -t ext4 -d src fs.raw 32M >/dev/null
+qemu-img convert -f raw -O vpc -o subformat=dynamic,force_size=on fs.raw fs.vhd
+t "$zxblk" import --store $store --disk chain chain/snap0.vhd chain/snap1.vhd chain/snap2.vhd >import.out ||
+  { cat import.out; fail "import into $store"; }
+grep -q "into $store as chain snapshot 2 " import.out || fail "$(cat import.out)"
+t "$zxblk" list --store $store --json >list.json || fail "list"
+[ "$(grep -c '"status": "ok"' list.json)" = 3 ] || { cat list.json; fail "list: not 3 snapshots ok"; }
+ok "a three-snapshot chain imported into $store; list shows it"
+
+t "$zxblk" export --store $store --disk chain --cache c1 --out chain.out -q || fail "export"
+cmp chain.out chain/snap2.raw || fail "export differs from the merged chain"
+t "$zxblk" read --store $store --disk chain --cache c2 --offset 5000000 --length 70000 >read.out || fail "read"
+cmp read.out <(tail -c +5000001 chain/snap2.raw | head -c 70000) || fail "read differs"
+t "$zxblk" serve --store $store --disk chain --cache c3 --run 'nbdcopy "$uri" nbd.out' >/dev/null || fail "serve"
+cmp nbd.out chain/snap2.raw || fail "nbdcopy differs"
+ok "export, read and serve + nbdcopy of the S3 store equal the merged chain"
+
+# A read fetches its extents, not the disk: one 4 KiB read through NBD.
+py=
+for p in python3 /usr/bin/python3; do "$p" -c 'import nbd; nbd.NBD' 2>/dev/null && { py=$p; break; }; done
+[ -n "$py" ] || fail "no python3 with libnbd's binding (python3-libnbd)"
+t "$zxblk" serve --store $store --disk chain --cache c4 --stats one.stats \
+  --run "$py -c 'import nbd, os; h = nbd.NBD(); h.connect_uri(os.environ[\"uri\"]); h.pread(4096, 0)'" >/dev/null ||
+  fail "one read through NBD"
+gets=$(stat_of one.stats store_get_bytes)
+[ -n "$gets" ] && [ "$gets" -lt $((6 * 1048576)) ] || fail "reading the start of the disk fetched ${gets:-?} bytes"
+ok "reading the start of the disk fetched $gets bytes of a $(stat -c %s chain/snap2.raw)-byte disk ($(stat_of one.stats store_gets) GETs)"
+
+# Two hosts at once: two mounts of the same disk, each with its cache.
+"$zxblk" import --store $store --disk fs fs.vhd >/dev/null || fail "import fs"
+if [ -e /dev/fuse ] && command -v fusermount3 >/dev/null; then
+  for m in m1 m2; do
+    mkdir $m
+    t "$zxblk" mount --store $store --disk fs --cache c-$m $m >/dev/null || fail "mount $m"
+    mounts+=("$work/$m")
+  done
+  for m in m1 m2; do
+    t debugfs -R "cat /file.bin" $m/disk.raw 2>/dev/null | cmp - src/file.bin || fail "$m: debugfs reads another file"
+  done
+  t cmp m1/disk.raw m2/disk.raw || fail "the two mounts differ"
+  for m in m1 m2; do fusermount3 -u $m; done
+  mounts=()
+  ok "two mounts of one disk on S3 at once: debugfs reads the file back on both"
+fi
+
+# Two imports racing on one store: both land, neither loses the other.
+truncate -s 8M a.raw b.raw
+"$zxblk" import --store $store --disk racea --format raw a.raw >ra.out 2>&1 &
+pa=$!
+"$zxblk" import --store $store --disk raceb --format raw b.raw >rb.out 2>&1 || fail "racing import b: $(cat rb.out)"
+wait $pa || fail "racing import a: $(cat ra.out)"
+t "$zxblk" list --store $store >list.out
+for d in chain racea raceb; do grep -q "^$d" list.out || { cat list.out; fail "disk $d lost"; }; done
+ok "two racing imports both landed; the catalog lost nothing"
+
+# A replaced object is refused, as a replaced file is.
+curl_s3 -T chain/snap1.vhd "$AWS_ENDPOINT_URL/bkt/backups/site1/snapshots/chain-snap2.vhd" >/dev/null
+if t "$zxblk" export --store $store --disk chain --cache c5 --out x.out 2>err; then fail "a replaced object exported"; fi
+grep -q "chain-snap2.vhd: ETag: the catalog records" err || { cat err; fail "replaced object: unclear"; }
+ok "a replaced object: $(tail -1 err)"
+
+# Wrong keys, a missing bucket: one line each.
+for row in "AWS_SECRET_ACCESS_KEY=wrong|s3://bkt/backups/site1|403" "|s3://nobucket/x|NoSuchBucket"; do
+  env=${row%%|*} rest=${row#*|} loc=${rest%%|*} want=${rest#*|}
+  if env $env "$zxblk" list --store "$loc" >/dev/null 2>err; then fail "list $loc with $env"; fi
+  [ "$(wc -l <err)" = 1 ] && grep -q "$want" err || { cat err; fail "$env $loc: not one line with $want"; }
+  grep -q "$AWS_SECRET_ACCESS_KEY" err && fail "the secret key is in an error"
+done
+ok "wrong keys and a missing bucket are one-line errors, without the secret"
+
+# Through a proxy that refuses, stalls and cuts connections: retries, and
+# the right bytes.
+python3 "$s3/fault_proxy.py" "${AWS_ENDPOINT_URL#http://}" proxy.port 2>proxy.log &
+proxy=$!
+for _ in $(seq 100); do [ -s proxy.port ] && break; sleep 0.05; done
+AWS_ENDPOINT_URL=http://127.0.0.1:$(cat proxy.port) t "$zxblk" serve --store s3://bkt/backups/site1 --disk fs --cache c6 \
+  --stats proxy.stats --run 'nbdcopy "$uri" proxy.out' >/dev/null 2>&1 || fail "copy through the faulty proxy"
+cmp proxy.out <(head -c $(stat -c %s fs.raw) fs.raw) || fail "wrong bytes through the faulty proxy"
+[ "$(stat_of proxy.stats store_retries)" -gt 0 ] || fail "no retries counted through the faulty proxy"
+ok "through a proxy that drops and stalls connections: $(stat_of proxy.stats store_retries) retries, the right bytes"
