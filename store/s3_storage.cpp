@@ -37,11 +37,10 @@ unsigned parallelUploads() {
     return n >= 1 && n <= 64 ? static_cast<unsigned>(n) : 4;
 }
 
-// An object read with range GETs. A few of the stretches it fetched are
-// kept: a snapshot's block is checked whole against its checksum before an
-// extent of it is served, the next extent of that block comes from the same
-// stretch, and a block's bitmap is read just before the block's data, so a
-// small read fetches the bytes after it with it.
+// An object read with range GETs. A few of the larger stretches it fetched
+// are kept: a snapshot's block (with its bitmap) is checked whole against
+// its checksum before an extent of it is served, and the next extent of that
+// block is then served from the same stretch.
 class S3Reader : public ObjectReader {
 public:
     S3Reader(std::shared_ptr<S3Client> client, std::string key, std::string url, const S3ObjectInfo& info)
@@ -65,10 +64,10 @@ public:
                     return;
                 }
         }
-        uint64_t want = length < kSmall ? std::min<uint64_t>(kWindow, m_stamp.size - offset) : length;
-        if (want > kLargest) return m_client->getRange(m_key, offset, length, buffer);
-        auto stretch = std::make_shared<std::vector<uint8_t>>(static_cast<size_t>(want));
-        m_client->getRange(m_key, offset, want, stretch->data());
+        // Small reads (headers, tables, bitmaps) are not worth keeping.
+        if (length < kSmall || length > kLargest) return m_client->getRange(m_key, offset, length, buffer);
+        auto stretch = std::make_shared<std::vector<uint8_t>>(static_cast<size_t>(length));
+        m_client->getRange(m_key, offset, length, stretch->data());
         std::memcpy(buffer, stretch->data(), length);
         std::lock_guard<std::mutex> lock(m_mutex);
         m_kept.emplace_front(offset, std::move(stretch));
@@ -77,7 +76,7 @@ public:
     bool current() const override { return true; }
 
 private:
-    static constexpr uint64_t kSmall = 64 << 10, kWindow = (2 << 20) + kSmall, kLargest = 4 << 20;
+    static constexpr uint64_t kSmall = 64 << 10, kLargest = (4 << 20) + 4096;
     static constexpr size_t kKept = 8;
     std::shared_ptr<S3Client> m_client;
     std::string m_key, m_url;

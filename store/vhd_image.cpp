@@ -449,9 +449,15 @@ uint64_t VhdImage::nextHeldUnit(uint64_t from) const {
     return from;
 }
 
+namespace {
+const uint64_t kSlice = (4u << 20) + 4096;
+}  // namespace
+
 UnitSum VhdImage::sumOf(uint64_t unit, uint64_t copyFrom, uint64_t copyLength, uint8_t* copyTo) const {
     UnitSum sum;
     uint64_t at, length;
+    // A slice at a time: a block may be as large as 256 MiB.
+    thread_local std::vector<uint8_t> buffer;
     if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) {
         at = unit * kSumChunk;
         if (at >= m_size) fail("block " + std::to_string(unit), "past the end of the disk");
@@ -459,15 +465,26 @@ UnitSum VhdImage::sumOf(uint64_t unit, uint64_t copyFrom, uint64_t copyLength, u
     } else {
         uint32_t sector = sectorOf(unit);
         if (sector == kUnallocated) fail("block " + std::to_string(unit), "not allocated");
+        at = uint64_t(sector) * 512 + m_bitmapBytes;
+        length = m_blockSize;
+        // The bitmap and the data that follows it in one read where they fit
+        // in a slice: one request to a store on S3, not two.
+        const uint64_t whole = uint64_t(m_bitmapBytes) + m_blockSize;
+        if (whole <= kSlice) {
+            buffer.resize(static_cast<size_t>(whole));
+            readAt(uint64_t(sector) * 512, buffer.data(), buffer.size());
+            sum.bitmap = xxh3(buffer.data(), m_bitmapBytes);
+            const uint8_t* data = buffer.data() + m_bitmapBytes;
+            sum.data = xxh3(data, m_blockSize);
+            uint64_t to = std::min<uint64_t>(copyFrom + copyLength, m_blockSize);
+            if (copyTo && copyFrom < to) std::memcpy(copyTo, data + copyFrom, to - copyFrom);
+            return sum;
+        }
         std::vector<uint8_t> bitmap(m_bitmapBytes);
         readAt(uint64_t(sector) * 512, bitmap.data(), bitmap.size());
         sum.bitmap = xxh3(bitmap.data(), bitmap.size());
-        at = uint64_t(sector) * 512 + m_bitmapBytes;
-        length = m_blockSize;
     }
-    // A slice at a time: a block may be as large as 256 MiB.
-    thread_local std::vector<uint8_t> buffer;
-    buffer.resize(std::min<uint64_t>(length, 2u << 20));
+    buffer.resize(std::min<uint64_t>(length, kSlice));
     std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> state(XXH3_createState(), XXH3_freeState);
     if (!state) throw StoreError(m_path + ": block " + std::to_string(unit) + ": out of memory for its checksum");
     XXH3_64bits_reset(state.get());
