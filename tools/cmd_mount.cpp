@@ -488,16 +488,21 @@ void startDaemon(const MountArgs& a) {
 
 }  // namespace
 
+void addPresentedDiskOptions(CLI::App* cmd, std::string& store, std::string& disk, int& snapshot, std::string& cache,
+                             uint64_t& cacheLimit) {
+    addStoreOption(cmd, store);
+    cmd->add_option("--disk", disk, "disk name")->required();
+    addNumberOption(cmd, "--snapshot", snapshot, "snapshot number, 0 the oldest (default: the newest)", 0);
+    cmd->add_option("--cache", cache, "extent cache directory (default: under ~/.cache/zxblk)");
+    addSizeOption(cmd, "--cache-limit", cacheLimit,
+                  "largest size of the extent cache, e.g. 2G or 256K (default: a quarter of the space it may use)", 1);
+}
+
 void registerMountCommand(CLI::App& app) {
     auto* cmd = app.add_subcommand(
         "mount", "present the disk as MOUNTPOINT/disk.raw (its partitions as partN), recalling extents on demand");
     static MountArgs a;
-    addStoreOption(cmd, a.store);
-    cmd->add_option("--disk", a.disk, "disk name")->required();
-    addNumberOption(cmd, "--snapshot", a.snapshot, "snapshot number, 0 the oldest (default: the newest)", 0);
-    cmd->add_option("--cache", a.cache, "extent cache directory (default: under ~/.cache/zxblk)");
-    addSizeOption(cmd, "--cache-limit", a.cacheLimit,
-                  "largest size of the extent cache, e.g. 2G or 256K (default: a quarter of the space it may use)", 1);
+    addPresentedDiskOptions(cmd, a.store, a.disk, a.snapshot, a.cache, a.cacheLimit);
     addNumberOption<uint64_t>(cmd, "--flush-threshold", a.flushThreshold,
                               "metadata extents gathered before they are sent to the index", 1, 1 << 20)
         ->capture_default_str();

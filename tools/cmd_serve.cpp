@@ -461,12 +461,7 @@ void serve(ServeArgs& a) {
 void registerServeCommand(CLI::App& app) {
     auto* cmd = app.add_subcommand("serve", "serve the disk over NBD (through nbdkit), recalling extents on demand");
     static ServeArgs a;
-    addStoreOption(cmd, a.store);
-    cmd->add_option("--disk", a.disk, "disk name")->required();
-    addNumberOption(cmd, "--snapshot", a.snapshot, "snapshot number, 0 the oldest (default: the newest)", 0);
-    cmd->add_option("--cache", a.cache, "extent cache directory (default: under ~/.cache/zxblk)");
-    addSizeOption(cmd, "--cache-limit", a.cacheLimit,
-                  "largest size of the extent cache, e.g. 2G or 256K (default: a quarter of the space it may use)", 1);
+    addPresentedDiskOptions(cmd, a.store, a.disk, a.snapshot, a.cache, a.cacheLimit);
     auto* socketOpt = cmd->add_option("--socket", a.socketPath, "listen on this Unix socket, mode 0600 (default: one in a "
                                                                 "private folder under $XDG_RUNTIME_DIR or /tmp)");
     auto* portOpt = addNumberOption(cmd, "--port", a.port, "listen on this TCP port (0: any free one)", 0, 65535);

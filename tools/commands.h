@@ -25,6 +25,11 @@ void addProgressOption(CLI::App* command);
 // --json, for the commands that can print their result as JSON.
 void addJsonOption(CLI::App* command);
 
+// --store, --disk, --snapshot, --cache and --cache-limit: the disk that a
+// mount or a server presents, and its extent cache.
+void addPresentedDiskOptions(CLI::App* command, std::string& store, std::string& disk, int& snapshot,
+                             std::string& cache, uint64_t& cacheLimit);
+
 void registerImportCommand(CLI::App& app);
 void registerListCommand(CLI::App& app);
 void registerExportCommand(CLI::App& app);
