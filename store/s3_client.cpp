@@ -850,16 +850,21 @@ S3ObjectInfo S3Client::head(const std::string& key) {
     return info;
 }
 
-void S3Client::getRange(const std::string& key, uint64_t offset, uint64_t length, void* buf) {
+void S3Client::getRange(const std::string& key, uint64_t offset, uint64_t length, void* buf, const std::string& ifMatch) {
     if (length == 0) return;
     if (offset > UINT64_MAX - length) throw StoreError(s_->name(key) + ": GET: range past 2^64");
     const uint64_t last = offset + length - 1;
     const std::string range = std::to_string(offset) + "-" + std::to_string(last);
     Call c = s_->objectCall(kGet, "GET", "GET bytes " + range, key);
     c.headers = {"Range: bytes=" + range};
+    if (!ifMatch.empty()) {
+        c.headers.push_back("If-Match: \"" + ifMatch + "\"");
+        c.handBack = {412};
+    }
     c.into = static_cast<char*>(buf);
     c.intoSize = length;
     Reply r = s_->perform(c);
+    if (r.status == 412) s_->fail(c, "replaced since it was opened (its ETag is no longer " + ifMatch + ")");
     if (r.status == 206) {
         // "bytes FIRST-LAST/SIZE"
         const std::string cr = r.header("content-range");

@@ -105,7 +105,9 @@ public:
     S3ObjectInfo head(const std::string& key);
     // Exactly `length` bytes of `key` from `offset` into `buf`; a range that
     // runs past the object's end is an error.
-    void getRange(const std::string& key, uint64_t offset, uint64_t length, void* buf);
+    // With `ifMatch` (an ETag), an object replaced since is an error at once.
+    void getRange(const std::string& key, uint64_t offset, uint64_t length, void* buf,
+                  const std::string& ifMatch = std::string());
     std::string getObject(const std::string& key);
     // Writes `key`. With ifNoneMatch the write happens only where no object
     // `key` exists, and false says one did.

@@ -44,7 +44,7 @@ unsigned parallelUploads() {
 class S3Reader : public ObjectReader {
 public:
     S3Reader(std::shared_ptr<S3Client> client, std::string key, std::string url, const S3ObjectInfo& info)
-        : m_client(std::move(client)), m_key(std::move(key)), m_url(std::move(url)) {
+        : m_client(std::move(client)), m_key(std::move(key)), m_url(std::move(url)), m_etag(info.etag) {
         m_stamp.size = info.size;
     }
     const std::string& name() const override { return m_url; }
@@ -65,21 +65,23 @@ public:
                 }
         }
         // Small reads (headers, tables, bitmaps) are not worth keeping.
-        if (length < kSmall || length > kLargest) return m_client->getRange(m_key, offset, length, buffer);
+        if (length < kSmall || length > kLargest) return m_client->getRange(m_key, offset, length, buffer, m_etag);
         auto stretch = std::make_shared<std::vector<uint8_t>>(static_cast<size_t>(length));
-        m_client->getRange(m_key, offset, length, stretch->data());
+        m_client->getRange(m_key, offset, length, stretch->data(), m_etag);
         std::memcpy(buffer, stretch->data(), length);
         std::lock_guard<std::mutex> lock(m_mutex);
         m_kept.emplace_front(offset, std::move(stretch));
         if (m_kept.size() > kKept) m_kept.pop_back();
     }
+    // Every GET asks for the version opened (If-Match), so a replaced
+    // object fails its reads rather than serving other bytes.
     bool current() const override { return true; }
 
 private:
     static constexpr uint64_t kSmall = 64 << 10, kLargest = (4 << 20) + 4096;
     static constexpr size_t kKept = 8;
     std::shared_ptr<S3Client> m_client;
-    std::string m_key, m_url;
+    std::string m_key, m_url, m_etag;
     FileStamp m_stamp;
     mutable std::mutex m_mutex;
     mutable std::list<std::pair<uint64_t, std::shared_ptr<const std::vector<uint8_t>>>> m_kept;

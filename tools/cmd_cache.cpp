@@ -12,6 +12,7 @@
 #include <set>
 
 #include "host/disk_host.h"
+#include "store/storage.h"
 #include "tools/commands.h"
 
 namespace zxblk {
@@ -181,7 +182,10 @@ void purgeCaches(const PurgeArgs& a) {
     std::string store;
     if (!a.store.empty()) {
         char real[PATH_MAX];
-        store = ::realpath(a.store.c_str(), real) ? std::string(real) : absoluteRoot(a.store);
+        // As the caches' identity files name it: a folder by its real path, S3 by its URL.
+        store = Storage::isRemote(a.store)            ? a.store
+                : ::realpath(a.store.c_str(), real) ? std::string(real)
+                                                    : absoluteRoot(a.store);
     }
     unsigned removed = 0, busy = 0, failed = 0;
     uint64_t freed = 0;
@@ -245,7 +249,7 @@ void registerCacheCommand(CLI::App& app) {
     auto* purge = cmd->add_subcommand("purge", "remove the extent caches that no process uses");
     static PurgeArgs a;
     purge->add_option("--cache-root", a.root, rootHelp);
-    auto* store = purge->add_option("--store", a.store, "only the caches of this store");
+    auto* store = purge->add_option("--store", a.store, "only the caches of this store (a directory or s3://BUCKET/PREFIX)");
     auto* disk = purge->add_option("--disk", a.disk, "only the caches of this disk");
     purge->add_flag("--all", a.all, "every cache not in use")->excludes(store)->excludes(disk);
     addCommonOptions(purge);
