@@ -110,7 +110,7 @@ store_file() {
 }
 
 # parse_common_args "$@": --rounds N, --budget SECONDS and the build folder.
-# Sets rounds, budget and build.
+# Sets rounds, budget and build (an existing folder, made absolute).
 parse_common_args() {
     build=
     while [ $# -gt 0 ]; do
@@ -125,6 +125,8 @@ parse_common_args() {
         esac
     done
     build=${build:-build}
+    [ -d "$build" ] || die "no build folder $build"
+    build=$(cd "$build" && pwd)
     case $rounds in ''|*[!0-9]*|0) die "--rounds wants a whole number of at least 1" ;; esac
     case $budget in ''|*[!0-9]*) die "--budget wants whole seconds (0: no limit)" ;; esac
 }

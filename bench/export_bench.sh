@@ -39,8 +39,6 @@ rounds=${EXPORT_BENCH_ROUNDS:-5} budget=${EXPORT_BENCH_BUDGET:-240}
 parse_common_args "$@"
 script_start=$EPOCHREALTIME
 
-[ -d "$build" ] || die "no build folder $build"
-build=$(cd "$build" && pwd)
 zxblk=$build/tools/zxblk chain_writer=$build/tests/support/make_vhd_chain
 [ -x "$zxblk" ] || die "no $zxblk: build first (./run.sh, or cmake --build $build)"
 [ -x "$chain_writer" ] || die "no $chain_writer: configure $build with -DZXBLK_TESTS=ON"

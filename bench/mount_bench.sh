@@ -43,8 +43,6 @@ ttf_target=0.06
 file=/data/file8.bin
 MiB=$((1 << 20))
 
-[ -d "$build" ] || die "no build folder $build"
-build=$(cd "$build" && pwd)
 zxblk=$build/tools/zxblk
 [ -x "$zxblk" ] || die "no $zxblk: build first (./run.sh, or cmake --build $build)"
 for t in qemu-img debugfs timeout python3 awk; do

@@ -36,8 +36,6 @@ rounds=${NBD_BENCH_ROUNDS:-5} budget=${NBD_BENCH_BUDGET:-200}
 parse_common_args "$@"
 script_start=$EPOCHREALTIME
 
-[ -d "$build" ] || die "no build folder $build"
-build=$(cd "$build" && pwd)
 zxblk=$build/tools/zxblk
 [ -x "$zxblk" ] || die "no $zxblk: build first (./run.sh, or cmake --build $build)"
 for t in nbdcopy nbdkit qemu-nbd qemu-img python3 awk; do

@@ -43,8 +43,6 @@ bucket=bkt prefix=bench
 store=s3://$bucket/$prefix
 MiB=$((1 << 20))
 
-[ -d "$build" ] || die "no build folder $build"
-build=$(cd "$build" && pwd)
 zxblk=$build/tools/zxblk
 [ -x "$zxblk" ] || die "no $zxblk: build first (./run.sh, or cmake --build $build)"
 for t in curl qemu-img mke2fs debugfs timeout python3 awk; do
