@@ -75,7 +75,8 @@ gets=$(stat_of one.stats store_get_bytes)
 [ -n "$gets" ] && [ "$gets" -lt $((6 * 1048576)) ] || fail "reading the start of the disk fetched ${gets:-?} bytes"
 ok "reading the start of the disk fetched $gets bytes of a $(stat -c %s chain/snap2.raw)-byte disk ($(stat_of one.stats store_gets) GETs)"
 
-# Two hosts at once: two mounts of the same disk, each with its cache.
+# Two hosts at once: two mounts of the same disk, each with its cache; and
+# the chain through a mount.
 "$zxblk" import --store $store --disk fs fs.vhd >/dev/null || fail "import fs"
 if [ -e /dev/fuse ] && command -v fusermount3 >/dev/null; then
   for m in m1 m2; do
@@ -87,9 +88,13 @@ if [ -e /dev/fuse ] && command -v fusermount3 >/dev/null; then
     t debugfs -R "cat /file.bin" $m/disk.raw 2>/dev/null | cmp - src/file.bin || fail "$m: debugfs reads another file"
   done
   t cmp m1/disk.raw m2/disk.raw || fail "the two mounts differ"
-  for m in m1 m2; do fusermount3 -u $m; done
+  mkdir m3
+  t "$zxblk" mount --store $store --disk chain --cache c-m3 m3 >/dev/null || fail "mount the chain"
+  mounts+=("$work/m3")
+  t cmp m3/disk.raw chain/snap2.raw || fail "the mounted chain differs from the merged image"
+  for m in m1 m2 m3; do fusermount3 -u $m; done
   mounts=()
-  ok "two mounts of one disk on S3 at once: debugfs reads the file back on both"
+  ok "two mounts of one disk on S3 at once (debugfs reads the file back on both); the mounted chain equals the merged image"
 fi
 
 # Two imports racing on one store: both land, neither loses the other.
