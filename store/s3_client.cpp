@@ -932,17 +932,25 @@ void S3Client::uploadFile(const std::string& key, int fd, uint64_t size, uint64_
     std::atomic<bool> stop{false};
     std::mutex errorLock;
     std::string error;
+    uint64_t errorPart = parts;
     auto work = [&] {
+        uint64_t i = 0;
         try {
             while (!stop.load()) {
-                const uint64_t i = next.fetch_add(1);
+                i = next.fetch_add(1);
                 if (i >= parts) break;
                 const uint64_t offset = i * partSize, length = std::min(partSize, size - offset);
                 etags[i] = s_->uploadPart(key, uploadId, i + 1, s_->readPart(key, fd, offset, length, size));
             }
         } catch (const std::exception& e) {
+            // Parts fail in whatever order the threads reach them; the first
+            // part's error is the one to report, so that it reads the same
+            // every time (a short file names where it ends, not a later part).
             std::lock_guard<std::mutex> g(errorLock);
-            if (error.empty()) error = e.what();
+            if (i < errorPart) {
+                errorPart = i;
+                error = e.what();
+            }
             stop = true;
         }
     };
