@@ -183,8 +183,13 @@ void buildSample(const std::string& dir, const std::string& work, const std::str
     std::printf("    %llu sectors changed, in %llu blocks of the differencing VHD\n",
                 static_cast<unsigned long long>(diff.sectorsChanged), static_cast<unsigned long long>(diff.blocksAllocated));
     say("importing both into the store " + store);
-    for (const std::string& line : importImages(store, "demo", {work + "/base.vhd", work + "/child.vhd"}, ImportOptions()))
+    // The images are named without the scratch folder, which is gone when
+    // the demo ends: a path there would point the user at nothing.
+    for (std::string line : importImages(store, "demo", {work + "/base.vhd", work + "/child.vhd"}, ImportOptions())) {
+        for (size_t at = line.find(work + "/"); at != std::string::npos; at = line.find(work + "/", at))
+            line.erase(at, work.size() + 1);
         std::printf("    %s\n", shown(line).c_str());
+    }
 }
 
 }  // namespace

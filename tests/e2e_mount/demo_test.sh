@@ -11,6 +11,7 @@ source "$(dirname "$0")/mount_common.sh"
 t "$zxblk" demo --dir "$work/demo" >"$work/out" 2>"$work/err" || { cat "$work/out" "$work/err"; fail "zxblk demo"; }
 cat "$work/out"
 [ ! -s "$work/err" ] || { cat "$work/err"; fail "the demo wrote to standard error"; }
+grep -q "^    imported child.vhd as demo snapshot 1 " "$work/out" || fail "the import lines name the images as a user sees them"
 grep -q "/data/file17.bin: 2097152 bytes, identical to the changed file of snapshot 1" "$work/out" || fail "changed file"
 grep -q "/data/file8.bin: .* identical to the original" "$work/out" || fail "unchanged file"
 recalled=$(sed -n 's/^ *recalled \([0-9]*\) of 256 extents.*/\1/p' "$work/out")
