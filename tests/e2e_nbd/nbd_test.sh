@@ -102,11 +102,14 @@ import nbd, os, sys, time
 def stats():
     # The file is replaced about once a second; the second replacement
     # after now was written from figures taken after now.
-    version = lambda: (lambda st: (st.st_ino, st.st_mtime_ns))(os.stat(sys.argv[2]))
+    def version():
+        st = os.stat(sys.argv[2])
+        return st.st_ino, st.st_mtime_ns
     seen, start = [version()], time.time()
     while len(seen) < 3 and time.time() - start < 60:
         time.sleep(0.05)
-        if version() != seen[-1]: seen.append(version())
+        v = version()
+        if v != seen[-1]: seen.append(v)
     return dict(l.split() for l in open(sys.argv[2]))
 h = nbd.NBD()
 h.connect_uri(os.environ["uri"])
