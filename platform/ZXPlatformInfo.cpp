@@ -62,7 +62,7 @@ const char* ZXPI_Focus::getFocus() { return "zxblk"; }
 ZXPlatformInfo::ZXPlatformInfo() {}
 ZXPlatformInfo::~ZXPlatformInfo() {}
 
-void ZXPlatformInfo::ReloadForTests() {
+void ZXPlatformInfo::Reload() {
     std::lock_guard<std::mutex> lock(g_configMutex);
     g_config.reset();
 }

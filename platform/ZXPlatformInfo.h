@@ -20,8 +20,9 @@ public:
     void setFocus(const char* focus);
     const char* getPhysicalMachine();
 
-    // Re-reads ZXBLK_CONFIG on the next construction (tests change it).
-    static void ReloadForTests();
+    // Re-reads ZXBLK_CONFIG on the next construction, for when it is pointed
+    // at another file after the configuration was first read (--config).
+    static void Reload();
     // A value the host process supplies for a key that the configuration
     // file leaves unset; the file always wins.
     static void setHostDefault(const char* section, const char* key, const std::string& value);

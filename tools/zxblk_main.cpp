@@ -47,7 +47,7 @@ void applyCommonOptions() {
     if (!o.config.empty()) {
         checkConfigFile(o.config);
         setenv("ZXBLK_CONFIG", o.config.c_str(), 1);
-        ZXPlatformInfo::ReloadForTests();
+        ZXPlatformInfo::Reload();
     } else if (const char* env = std::getenv("ZXBLK_CONFIG"); env && *env) {
         checkConfigFile(env);
     }

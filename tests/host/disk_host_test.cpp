@@ -293,7 +293,7 @@ TEST_F(DiskHostTest, RefusesASecondHostOnALiveCacheAndBadRequests) {
 TEST_F(DiskHostTest, MountAndMetadataExtentsReachTheIndex) {
     // The disk object reads its configuration when it is built.
     ::unsetenv("ZXBLK_CONFIG");
-    ZXPlatformInfo::ReloadForTests();
+    ZXPlatformInfo::Reload();
     ZXPlatformInfo::setHostDefault("VirtualServer", "bEnableMetadataRestoreOptimization", "true");
     // A disk of one snapshot: each recall of an extent it holds is reported once.
     zxblk::importImages(store(), "base", {snaps[0].vhd}, importOptions);

@@ -237,7 +237,7 @@ TEST(Configuration, IniBooleansHostDefaultsAndMissingFiles) {
     std::ofstream(path) << "[VirtualServer]\nbOn=true\nbOff=0\nbYes=YES\nbJunk=maybe\ncount=42\n"
                            "[Other]\nbOn=false\n";
     setenv("ZXBLK_CONFIG", path.c_str(), 1);
-    ZXPlatformInfo::ReloadForTests();
+    ZXPlatformInfo::Reload();
     // The host's defaults fill only what the file leaves unset.
     ZXPlatformInfo::setHostDefault("VirtualServer", "bOff", "true");
     ZXPlatformInfo::setHostDefault("VirtualServer", "bHostOnly", "true");
@@ -259,12 +259,12 @@ TEST(Configuration, IniBooleansHostDefaultsAndMissingFiles) {
     EXPECT_EQ(n, 42);
 
     setenv("ZXBLK_CONFIG", (path + ".missing").c_str(), 1);
-    ZXPlatformInfo::ReloadForTests();
+    ZXPlatformInfo::Reload();
     bool v = true;
     EXPECT_FALSE(ZXPlatformInfo().getBoolean("VirtualServer", "bOn", &v));
     EXPECT_TRUE(v);
     unsetenv("ZXBLK_CONFIG");
-    ZXPlatformInfo::ReloadForTests();
+    ZXPlatformInfo::Reload();
     unlink(path.c_str());
 }
 

@@ -56,7 +56,7 @@ protected:
         config = dir + ".ini";
         std::ofstream(config) << "[VirtualServer]\nbEnableMetadataRestoreOptimization=true\n";
         setenv("ZXBLK_CONFIG", config.c_str(), 1);
-        ZXPlatformInfo::ReloadForTests();
+        ZXPlatformInfo::Reload();
         store.reset(new ZxBlkBackingStore(dir, 0));
         records = std::make_shared<zxtest::MapRecordsService>();
         AppIdInfo info;
@@ -94,7 +94,7 @@ protected:
         zxblk::setExtentLookupService(nullptr);
         ZxEventH::SetWaitDivisorForTests(1);
         unsetenv("ZXBLK_CONFIG");
-        ZXPlatformInfo::ReloadForTests();
+        ZXPlatformInfo::Reload();
         std::system(("rm -rf '" + dir + "' '" + config + "'").c_str());
     }
 

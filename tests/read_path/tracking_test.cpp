@@ -16,7 +16,7 @@ protected:
     }
     void configure(const char* text) {
         std::ofstream(config) << "[VirtualServer]\n" << text;
-        ZXPlatformInfo::ReloadForTests();
+        ZXPlatformInfo::Reload();
     }
     // The extent record of update `i`, and its extent list.
     const CNMessageBase& record(size_t i) { return index->updates.at(i).listobject(13, 16, 816748524, 6487156)->at(0); }

@@ -44,7 +44,7 @@ TEST(DiskObject, ConfigurationMatrix) {
             if (c.mount) out << "bIdentifyFSMetadataDuringMount=" << c.mount << "\n";
         }
         setenv("ZXBLK_CONFIG", path.c_str(), 1);
-        ZXPlatformInfo::ReloadForTests();
+        ZXPlatformInfo::Reload();
         ZxBlkVhd disk("d", "p");
         SCOPED_TRACE(std::string(c.master ? c.master : "-") + "/" + (c.ci ? c.ci : "-") + "/" + (c.mount ? c.mount : "-"));
         EXPECT_EQ(disk.bEnableMetadataRestoreOptimization, c.enable);
@@ -52,7 +52,7 @@ TEST(DiskObject, ConfigurationMatrix) {
         EXPECT_EQ(disk.bIdentifyFSMetadataDuringMount, c.expectMount);
     }
     unsetenv("ZXBLK_CONFIG");
-    ZXPlatformInfo::ReloadForTests();
+    ZXPlatformInfo::Reload();
     unlink(path.c_str());
 }
 
