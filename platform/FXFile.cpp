@@ -21,54 +21,35 @@
 #include "platform/Log.h"
 
 namespace zxblk {
+
+FileCalls::~FileCalls() {}
+int FileCalls::open(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
+ssize_t FileCalls::pwritev(int fd, const struct iovec* iov, int count, off_t offset) {
+    return ::pwritev(fd, iov, count, offset);
+}
+off_t FileCalls::lseek(int fd, off_t offset, int whence) { return ::lseek(fd, offset, whence); }
+int FileCalls::fstat(int fd, struct stat* st) { return ::fstat(fd, st); }
+int FileCalls::fstatvfs(int fd, struct statvfs* fs) { return ::fstatvfs(fd, fs); }
+int FileCalls::fallocate(int fd, int mode, off_t offset, off_t length) { return ::fallocate(fd, mode, offset, length); }
+int FileCalls::ftruncate(int fd, off_t length) { return ::ftruncate(fd, length); }
+
 namespace {
 
-std::mutex g_faultMutex;
-std::vector<FileFault> g_faults;
-const int kFileOps = static_cast<int>(FileOp::Reserve) + 1;
-int g_calls[kFileOps] = {};
+// Null while the system's calls are in force. Read without a lock before
+// each system call: the file layer's calls are its hot path.
+std::atomic<FileCalls*> g_fileCalls{nullptr};
 
-std::atomic<unsigned long long> g_kernelWrites{0}, g_kernelOthers{0};
-
-// Whether any fault is armed: the data path asks on every call and must not
-// take a lock for it.
-std::atomic<bool> g_faultsArmed{false};
-
-// Returns the armed fault for this call, if any (and consumes it).
-bool takeFault(FileOp op, FileFault* out) {
-    if (!g_faultsArmed.load(std::memory_order_acquire)) return false;
-    std::lock_guard<std::mutex> lock(g_faultMutex);
-    if (g_faults.empty()) return false;
-    int index = g_calls[static_cast<int>(op)]++;
-    for (auto it = g_faults.begin(); it != g_faults.end(); ++it) {
-        if (it->op == op && it->callIndex == index) {
-            *out = *it;
-            g_faults.erase(it);
-            g_faultsArmed = !g_faults.empty();
-            return true;
-        }
-    }
-    return false;
+FileCalls& kernel() {
+    if (FileCalls* calls = g_fileCalls.load(std::memory_order_acquire)) return *calls;
+    // Never destroyed: a holder with static storage may close its handle,
+    // and so write out its run, while the process exits.
+    static FileCalls* const system = new FileCalls;
+    return *system;
 }
 
 }  // namespace
 
-void armFileFault(const FileFault& fault) {
-    std::lock_guard<std::mutex> lock(g_faultMutex);
-    if (g_faults.empty())
-        for (int& c : g_calls) c = 0;
-    g_faults.push_back(fault);
-    g_faultsArmed = true;
-}
-
-void clearFileFaults() {
-    std::lock_guard<std::mutex> lock(g_faultMutex);
-    g_faults.clear();
-    g_faultsArmed = false;
-    for (int& c : g_calls) c = 0;
-}
-
-KernelFileCalls kernelFileCalls() { return {g_kernelWrites.load(), g_kernelOthers.load()}; }
+FileCalls* setFileCalls(FileCalls* calls) { return g_fileCalls.exchange(calls, std::memory_order_acq_rel); }
 
 namespace {
 
@@ -130,8 +111,7 @@ std::shared_ptr<OpenFile> findFile(int fd, bool forget = false) {
 // at its current offset.
 std::shared_ptr<OpenFile> fileOf(int fd, int* err) {
     if (std::shared_ptr<OpenFile> file = findFile(fd)) return file;
-    ++g_kernelOthers;
-    off_t pos = fd < 0 ? -1 : ::lseek(fd, 0, SEEK_CUR);
+    off_t pos = fd < 0 ? -1 : kernel().lseek(fd, 0, SEEK_CUR);
     if (pos < 0) {
         *err = fd < 0 ? EBADF : errno;
         return nullptr;
@@ -142,8 +122,7 @@ std::shared_ptr<OpenFile> fileOf(int fd, int* err) {
 // Writes all of iov at `at`, however the kernel splits it. Returns an errno.
 int writeAllAt(int fd, struct iovec* iov, int count, off_t at) {
     while (count > 0) {
-        ++g_kernelWrites;
-        ssize_t n = ::pwritev(fd, iov, count, at);
+        ssize_t n = kernel().pwritev(fd, iov, count, at);
         if (n < 0) {
             if (errno == EINTR) continue;
             return errno;
@@ -180,24 +159,20 @@ int writeZerosAt(int fd, off_t at, off_t length) {
 // range past the end extends the file as a write would.
 int zeroRange(int fd, off_t at, off_t length) {
     struct stat st;
-    ++g_kernelOthers;
-    if (::fstat(fd, &st) != 0) return errno;
+    if (kernel().fstat(fd, &st) != 0) return errno;
     off_t end = at + length, inside = std::min(end, st.st_size);
     if (at < inside) {
-        ++g_kernelOthers;
-        off_t data = ::lseek(fd, at, SEEK_DATA);
+        off_t data = kernel().lseek(fd, at, SEEK_DATA);
         if (data < 0) data = errno == ENXIO ? inside : at;  // cannot tell: take it for data
         if (data < inside) {
-            ++g_kernelOthers;
-            if (::fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, data, inside - data) != 0) {
+            if (kernel().fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, data, inside - data) != 0) {
                 if (errno != EOPNOTSUPP && errno != ENOSYS) return errno;
                 if (int err = writeZerosAt(fd, data, inside - data)) return err;
             }
         }
     }
     if (end > st.st_size) {
-        ++g_kernelOthers;
-        if (::ftruncate(fd, end) != 0) return errno;
+        if (kernel().ftruncate(fd, end) != 0) return errno;
     }
     return 0;
 }
@@ -208,8 +183,6 @@ int commitRun(int fd, OpenFile& f, const void* extra = nullptr, size_t extraLeng
     if (!f.pending() && extraLength == 0) return 0;
     off_t at = f.runStart;
     int err = 0;
-    FileFault fault;
-    if (takeFault(FileOp::Commit, &fault)) err = fault.error ? fault.error : EIO;
     struct iovec iov[2] = {{f.data.data(), f.data.size()}, {const_cast<void*>(extra), extraLength}};
     int first = f.data.empty() ? 1 : 0, count = extraLength ? 2 - first : 1 - first;
     if (!err && count > 0) err = writeAllAt(fd, iov + first, count, at);
@@ -237,8 +210,7 @@ void beforeClose(int fd) {
     int err = commitRun(fd, *file);
     if (!err && !file->lostErrno) return;
     if (!err) err = file->lostErrno;
-    ++g_kernelOthers;
-    bool emptied = ::ftruncate(fd, 0) == 0;
+    bool emptied = kernel().ftruncate(fd, 0) == 0;
     LogSink::write(kLevelError, "FXFile",
                    "closing " + file->path + ": buffered bytes could not be written (" + std::strerror(err) + "); " +
                        (emptied ? "the file is emptied" : "the file could not be emptied either"));
@@ -257,10 +229,6 @@ CUxError FXFile::ZXCreateFile(auto_handle& handle, const std::string& path, DWOR
                               DWORD disposition, DWORD, void*) {
     FXFILE_LOCATION("static CUxError FXFile::ZXCreateFile(auto_handle&, const std::string&, DWORD, DWORD, "
                     "void*, DWORD, DWORD, void*)");
-    zxblk::FileFault fault;
-    if (zxblk::takeFault(zxblk::FileOp::Create, &fault))
-        return FXErrorUtil::ErrorErrno(location, fault.error ? fault.error : EIO, "cannot open %s",
-                                       path.c_str());
     int flags = O_CLOEXEC;
     bool wantRead = access & GENERIC_READ, wantWrite = access & GENERIC_WRITE;
     flags |= wantRead && wantWrite ? O_RDWR : wantWrite ? O_WRONLY : O_RDONLY;
@@ -275,7 +243,7 @@ CUxError FXFile::ZXCreateFile(auto_handle& handle, const std::string& path, DWOR
     // What the handle still holds for its old file goes out before the open,
     // which may truncate that same file.
     if (handle.is_valid()) zxblk::writeOut(handle.get());
-    int fd = ::open(path.c_str(), flags, 0644);
+    int fd = zxblk::kernel().open(path.c_str(), flags, 0644);
     if (fd < 0) return FXErrorUtil::ErrorErrno(location, errno, "cannot open %s", path.c_str());
     handle.reset(fd);
     zxblk::registerFile(fd, path, 0);
@@ -286,54 +254,44 @@ CUxError FXFile::ZXWriteFile(auto_handle& handle, const void* buffer, DWORD leng
     FXFILE_LOCATION("static CUxError FXFile::ZXWriteFile(auto_handle&, const void*, DWORD, DWORD*, void*)");
     using namespace zxblk;
     if (written) *written = 0;
-    FileFault fault;
-    DWORD toWrite = length;
-    if (takeFault(FileOp::Write, &fault)) {
-        if (fault.error) return FXErrorUtil::ErrorErrno(location, fault.error, "write of %u bytes failed", length);
-        toWrite = fault.shortBytes >= length ? 0 : length - fault.shortBytes;
-    }
-    int err = buffer || !toWrite ? 0 : EFAULT;
+    int err = buffer || !length ? 0 : EFAULT;
     std::shared_ptr<OpenFile> file = err ? nullptr : fileOf(handle.get(), &err);
     if (!file) return FXErrorUtil::ErrorErrno(location, err, "write of %u bytes failed", length);
-    if (toWrite == 0) return CUxError::Success();
+    if (length == 0) return CUxError::Success();
     OpenFile& f = *file;
     std::lock_guard<std::mutex> lock(f.mutex);
-    if (f.pos > LLONG_MAX - static_cast<off_t>(toWrite))
+    if (f.pos > LLONG_MAX - static_cast<off_t>(length))
         return FXErrorUtil::ErrorErrno(location, EFBIG, "write of %u bytes to %s failed", length, f.path.c_str());
     if (f.pending() && f.pos != f.runEnd()) err = commitRun(handle.get(), f);
     if (!err && !f.pending()) f.runStart = f.pos;
-    if (!err && IsAllZeroBytes(buffer, toWrite)) {
-        f.zeros += toWrite;
+    if (!err && IsAllZeroBytes(buffer, length)) {
+        f.zeros += length;
     } else if (!err) {
-        if (f.zeros && f.zeros <= kAbsorbZeros && f.data.size() + f.zeros + toWrite <= kRunCapacity) {
+        if (f.zeros && f.zeros <= kAbsorbZeros && f.data.size() + f.zeros + length <= kRunCapacity) {
             f.data.resize(f.data.size() + static_cast<size_t>(f.zeros), 0);
             f.zeros = 0;
         } else if (f.zeros) {
             err = commitRun(handle.get(), f);
             f.runStart = f.pos;
         }
-        if (!err && f.data.size() + toWrite > kRunCapacity) {
-            err = commitRun(handle.get(), f, buffer, toWrite);  // the full run and this write in one call
+        if (!err && f.data.size() + length > kRunCapacity) {
+            err = commitRun(handle.get(), f, buffer, length);  // the full run and this write in one call
         } else if (!err) {
             if (f.data.capacity() < kRunCapacity) f.data.reserve(kRunCapacity);
             const char* p = static_cast<const char*>(buffer);
-            f.data.insert(f.data.end(), p, p + toWrite);
+            f.data.insert(f.data.end(), p, p + length);
         }
     }
     if (err)
         return FXErrorUtil::ErrorErrno(location, err, "write of %u bytes to %s failed", length, f.path.c_str());
-    f.pos += toWrite;
-    if (written) *written = toWrite;
+    f.pos += length;
+    if (written) *written = length;
     return CUxError::Success();
 }
 
 CUxError FXFile::ZXSetFilePointer(auto_handle& handle, LONGLONG distance, DWORD method, ULONGLONG* newPosition) {
     FXFILE_LOCATION("static CUxError FXFile::ZXSetFilePointer(auto_handle&, LONGLONG, DWORD, ULONGLONG*)");
     using namespace zxblk;
-    FileFault fault;
-    if (takeFault(FileOp::Seek, &fault))
-        return FXErrorUtil::ErrorErrno(location, fault.error ? fault.error : EIO, "seek by %lld failed",
-                                       static_cast<long long>(distance));
     int err = 0;
     std::shared_ptr<OpenFile> file = fileOf(handle.get(), &err);
     if (!file)
@@ -355,8 +313,7 @@ CUxError FXFile::ZXSetFilePointer(auto_handle& handle, LONGLONG distance, DWORD 
         return FXErrorUtil::ErrorErrno(location, err, "seek by %lld in %s failed: buffered bytes could not be written",
                                        static_cast<long long>(distance), f.path.c_str());
     off_t target = method == FILE_CURRENT ? f.pos + distance : distance;
-    ++g_kernelOthers;
-    off_t pos = ::lseek(handle.get(), target, method == FILE_END ? SEEK_END : SEEK_SET);
+    off_t pos = kernel().lseek(handle.get(), target, method == FILE_END ? SEEK_END : SEEK_SET);
     if (pos < 0)
         return FXErrorUtil::ErrorErrno(location, errno, "seek by %lld in %s failed", static_cast<long long>(distance),
                                        f.path.c_str());
@@ -368,9 +325,6 @@ CUxError FXFile::ZXSetFilePointer(auto_handle& handle, LONGLONG distance, DWORD 
 CUxError FXFile::ZXFlushFileBuffers(auto_handle& handle) {
     FXFILE_LOCATION("static CUxError FXFile::ZXFlushFileBuffers(auto_handle&)");
     using namespace zxblk;
-    FileFault fault;
-    if (takeFault(FileOp::Flush, &fault))
-        return FXErrorUtil::ErrorErrno(location, fault.error ? fault.error : EIO, "flush failed");
     int err = 0;
     std::shared_ptr<OpenFile> file = fileOf(handle.get(), &err);
     if (!file) return FXErrorUtil::ErrorErrno(location, err, "flush failed");
@@ -382,8 +336,7 @@ CUxError FXFile::ZXFlushFileBuffers(auto_handle& handle) {
                                        f.path.c_str());
     if (err) return FXErrorUtil::ErrorErrno(location, err, "flush of %s failed", f.path.c_str());
     if (f.kernelPos != f.pos) {
-        ++g_kernelOthers;
-        if (::lseek(handle.get(), f.pos, SEEK_SET) < 0)
+        if (kernel().lseek(handle.get(), f.pos, SEEK_SET) < 0)
             return FXErrorUtil::ErrorErrno(location, errno, "flush of %s failed", f.path.c_str());
         f.kernelPos = f.pos;
     }
@@ -393,22 +346,16 @@ CUxError FXFile::ZXFlushFileBuffers(auto_handle& handle) {
 CUxError FXFile::ZXReserveSpace(int fd, ULONGLONG length, const std::string& path) {
     FXFILE_LOCATION("static CUxError FXFile::ZXReserveSpace(int, ULONGLONG, const std::string&)");
     using namespace zxblk;
-    FileFault fault;
-    if (takeFault(FileOp::Reserve, &fault))
-        return FXErrorUtil::ErrorErrno(location, fault.error ? fault.error : EIO, "cannot reserve %llu bytes for %s",
-                                       length, path.c_str());
     if (length == 0) return CUxError::Success();
     if (length > static_cast<ULONGLONG>(LLONG_MAX))
         return FXErrorUtil::ErrorErrno(location, EFBIG, "cannot reserve %llu bytes for %s", length, path.c_str());
-    ++g_kernelOthers;
-    if (::fallocate(fd, 0, 0, static_cast<off_t>(length)) == 0) return CUxError::Success();
+    if (kernel().fallocate(fd, 0, 0, static_cast<off_t>(length)) == 0) return CUxError::Success();
     if (errno != EOPNOTSUPP && errno != ENOSYS)
         return FXErrorUtil::ErrorErrno(location, errno, "cannot reserve %llu bytes for %s", length, path.c_str());
     // No reservation here: at least make sure the space is free now.
     struct stat st;
     struct statvfs fs;
-    g_kernelOthers += 2;
-    if (::fstat(fd, &st) != 0 || ::fstatvfs(fd, &fs) != 0)
+    if (kernel().fstat(fd, &st) != 0 || kernel().fstatvfs(fd, &fs) != 0)
         return FXErrorUtil::ErrorErrno(location, errno, "cannot check the free space for %s", path.c_str());
     unsigned long long held = static_cast<unsigned long long>(st.st_blocks) * 512;
     unsigned long long available = static_cast<unsigned long long>(fs.f_bavail) * fs.f_frsize;

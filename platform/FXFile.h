@@ -15,10 +15,17 @@
 // own offset is brought in step at ZXFlushFileBuffers and at every backward
 // or absolute seek, not after each call.
 #pragma once
+#include <sys/types.h>
+
 #include <string>
+
 #include "framework/AutoHandles.h"
 #include "framework/CUxError.h"
 #include "framework/WinTypes.h"
+
+struct iovec;
+struct stat;
+struct statvfs;
 
 class FXFile {
 public:
@@ -45,28 +52,32 @@ public:
 
 namespace zxblk {
 
-// Test seam: make the n-th call (0-based, counted from arming) of one kind of
-// file call fail with errno `error`, or, for writes with `shortBytes` > 0,
-// write only that many bytes fewer and report success. Create, Write, Seek,
-// Flush and Reserve count the FXFile calls of that name; Commit counts the
-// writes of a handle's buffered run to the kernel, so that a failure the
-// kernel would report late (a full disk) can be staged.
-enum class FileOp { Create, Write, Seek, Flush, Commit, Reserve };
-struct FileFault {
-    FileOp op;
-    int callIndex;
-    int error;              // errno for a failure; 0 with shortBytes for a short write
-    unsigned shortBytes;    // write: bytes left unwritten
+// The system calls through which FXFile reaches the kernel, one method each,
+// with the call's own arguments and results (-1 and errno on a failure, the
+// count written for pwritev). The base class makes the system's calls. A
+// subclass installed with setFileCalls sees, and may alter, every call the
+// file layer makes: tests count calls and stage failures that only the
+// kernel reports (a full disk, a short write), and a host may use it to
+// observe the file layer. Closing is left out: auto_handle closes the
+// descriptor itself, after FXFile has written out what it held for it.
+class FileCalls {
+public:
+    virtual ~FileCalls();
+    virtual int open(const char* path, int flags, mode_t mode);
+    virtual ssize_t pwritev(int fd, const struct iovec* iov, int count, off_t offset);
+    virtual off_t lseek(int fd, off_t offset, int whence);
+    virtual int fstat(int fd, struct stat* st);
+    virtual int fstatvfs(int fd, struct statvfs* fs);
+    virtual int fallocate(int fd, int mode, off_t offset, off_t length);
+    virtual int ftruncate(int fd, off_t length);
 };
-void armFileFault(const FileFault& fault);
-void clearFileFaults();
 
-// System calls that FXFile has made since the process started, so that
-// tests can tell that the file layer coalesces.
-struct KernelFileCalls {
-    unsigned long long writes;  // pwrite, pwritev
-    unsigned long long others;  // lseek, fstat, fallocate, ftruncate
-};
-KernelFileCalls kernelFileCalls();
+// Sends every later file call of the process through `calls` (nullptr: the
+// system's) and returns the one installed before. FXFile is called as a set
+// of static functions, so the choice is process-wide. `calls` is not owned
+// and must outlive every call that may go through it; a handle may be
+// written out as late as its holder closes it, so an implementation that is
+// taken out again must only be destroyed once no file is busy.
+FileCalls* setFileCalls(FileCalls* calls);
 
 }  // namespace zxblk

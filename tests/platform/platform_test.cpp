@@ -3,9 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -15,6 +17,7 @@
 #include "platform/FXString.h"
 #include "platform/Log.h"
 #include "platform/ZXPlatformInfo.h"
+#include "support/fault_file_calls.h"
 
 namespace {
 
@@ -46,7 +49,7 @@ TEST(Errors, TraceAndFormatting) {
 
 bool has(const CUxError& e, const std::string& text) { return e.AsString().find(text) != std::string::npos; }
 
-TEST(FXFileCalls, DispositionsWritesSeeksAndInjectedFaults) {
+TEST(FXFileCalls, DispositionsWritesAndSeeks) {
     std::string path = tempPath("file");
     unlink(path.c_str());
     auto_handle h;
@@ -64,51 +67,89 @@ TEST(FXFileCalls, DispositionsWritesSeeksAndInjectedFaults) {
     ASSERT_FALSE(FXFile::ZXFlushFileBuffers(h).IsError());
     EXPECT_EQ(slurp(path), std::string("hello\0\0!", 8));
     EXPECT_EQ(lseek(h.get(), 0, SEEK_CUR), 8);  // the descriptor is in step after a flush
-
-    // The second write comes out three bytes short; the third fails outright.
-    zxblk::armFileFault({zxblk::FileOp::Write, 1, 0, 3});
-    zxblk::armFileFault({zxblk::FileOp::Write, 2, 28 /*ENOSPC*/, 0});
-    ASSERT_FALSE(write("abcd").IsError());
-    EXPECT_EQ(written, 4u);
-    ASSERT_FALSE(write("abcd").IsError());
-    EXPECT_EQ(written, 1u);
-    CUxError e = write("abcd");
-    EXPECT_TRUE(has(e, "FXFile::ZXWriteFile") && has(e, "No space left on device")) << e.AsString();
-    zxblk::armFileFault({zxblk::FileOp::Seek, 0, 5 /*EIO*/, 0});
-    EXPECT_TRUE(FXFile::ZXSetFilePointer(h, 1, FILE_CURRENT, nullptr).IsError());
-    zxblk::armFileFault({zxblk::FileOp::Flush, 0, 5, 0});
-    EXPECT_TRUE(FXFile::ZXFlushFileBuffers(h).IsError());
-    zxblk::armFileFault({zxblk::FileOp::Create, 0, 13 /*EACCES*/, 0});
-    auto_handle other;
-    EXPECT_TRUE(FXFile::ZXCreateFile(other, path, GENERIC_READ, 7, nullptr, OPEN_EXISTING, 0, nullptr).IsError());
-    zxblk::clearFileFaults();
-    ASSERT_FALSE(FXFile::ZXFlushFileBuffers(h).IsError());
-    EXPECT_EQ(slurp(path), std::string("hello\0\0!abcda", 13));
-
-    // The kernel refuses the buffered run only when it is written: every
-    // flush from then on fails, and the space check fails on its own.
-    zxblk::armFileFault({zxblk::FileOp::Commit, 0, 28, 0});
-    ASSERT_FALSE(write("late").IsError());
-    for (int i = 0; i < 2; ++i) EXPECT_TRUE(has(FXFile::ZXFlushFileBuffers(h), "No space left on device"));
-    zxblk::armFileFault({zxblk::FileOp::Reserve, 0, 28, 0});
-    EXPECT_TRUE(has(FXFile::ZXReserveSpace(h.get(), 4096, path), "cannot reserve 4096 bytes for " + path));
-    EXPECT_FALSE(FXFile::ZXReserveSpace(h.get(), 4096, path).IsError());
-    zxblk::clearFileFaults();
-
     ASSERT_FALSE(create(CREATE_ALWAYS).IsError());  // truncates
     EXPECT_EQ(slurp(path), "");
-
-    // A run that fails when the handle closes cannot be reported: the file is
-    // emptied so that it is never taken for what was written, and one line says so.
-    ASSERT_FALSE(write("kept").IsError());
-    ASSERT_FALSE(FXFile::ZXFlushFileBuffers(h).IsError());
-    ASSERT_FALSE(write("lost").IsError());
-    zxblk::armFileFault({zxblk::FileOp::Commit, 0, 28, 0});
-    zxblk::LogCapture capture;
     h.reset();
-    EXPECT_EQ(capture.texts("FXFile").size(), 1u);
-    zxblk::clearFileFaults();
-    EXPECT_EQ(slurp(path), "");
+    unlink(path.c_str());
+}
+
+// Failures that only the kernel reports, each staged on one system call of
+// a handle open on "0123456789", reach the caller that made the kernel call;
+// a buffered run that the kernel refused leaves the file emptied at close,
+// with one line in the log, so that nobody takes it for what was written.
+TEST(FXFileCalls, KernelFailuresReachTheCaller) {
+    using zxtest::FileCall;
+    std::string path = tempPath("faults");
+    auto_handle h;
+    DWORD written = 0;
+    auto write = [&](const std::string& s) {
+        return FXFile::ZXWriteFile(h, s.data(), DWORD(s.size()), &written, nullptr);
+    };
+    auto seek = [&](LONGLONG d, DWORD how) { return FXFile::ZXSetFilePointer(h, d, how, nullptr); };
+    auto flush = [&] { return FXFile::ZXFlushFileBuffers(h); };
+    auto reserve = [&](ULONGLONG n) { return FXFile::ZXReserveSpace(h.get(), n, path); };
+    // The first failure of a sequence of calls, or success.
+    auto first = [](std::initializer_list<std::function<CUxError()>> steps) {
+        for (const auto& step : steps)
+            if (CUxError e = step(); e.IsError()) return e;
+        return CUxError::Success();
+    };
+    const std::string zeros4(4, '\0');
+    const struct {
+        const char* what;
+        zxtest::FileFault fault;
+        std::function<CUxError()> act;
+        std::string error;  // in the error the act returns; empty: it succeeds
+        std::string file;   // after the handle closes; empty: emptied, one line logged
+    } cases[] = {
+        {"open refused", {FileCall::Open, 0, EACCES, 0},
+         [&] {
+             auto_handle other;
+             return FXFile::ZXCreateFile(other, path, GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+         },
+         "cannot open " + path + ": Permission denied", "0123456789"},
+        {"a short write is carried on", {FileCall::Write, 0, 0, 3},
+         [&] { return first({[&] { return write("abcd"); }, flush}); }, "", "abcd456789"},
+        {"the run written by a write after a gap", {FileCall::Write, 0, ENOSPC, 0},
+         [&] {
+             return first({[&] { return write("ab"); }, [&] { return seek(2, FILE_CURRENT); },
+                           [&] { return write("cd"); }});
+         },
+         "write of 2 bytes to " + path + " failed: No space left on device", ""},
+        {"the run written by a flush, then every flush", {FileCall::Write, 0, ENOSPC, 0},
+         [&] { return first({[&] { return write("late"); }, [&] { flush(); return flush(); }}); },
+         "flush of " + path + " failed: buffered bytes were lost earlier: No space left on device", ""},
+        {"the run written at close", {FileCall::Write, 0, ENOSPC, 0}, [&] { return write("lost"); }, "", ""},
+        {"an absolute seek", {FileCall::Seek, 0, EIO, 0}, [&] { return seek(5, FILE_BEGIN); },
+         "seek by 5 in " + path + " failed: Input/output error", "0123456789"},
+        {"a flush bringing the descriptor in step", {FileCall::Seek, 0, EIO, 0},
+         [&] { return first({[&] { return seek(3, FILE_CURRENT); }, flush}); },
+         "flush of " + path + " failed: Input/output error", "0123456789"},
+        {"a reservation", {FileCall::Allocate, 0, ENOSPC, 0}, [&] { return reserve(4096); },
+         "cannot reserve 4096 bytes for " + path + ": No space left on device", "0123456789"},
+        {"no reservation: enough free space", {FileCall::Allocate, 0, EOPNOTSUPP, 0}, [&] { return reserve(4096); }, "",
+         "0123456789"},
+        {"no reservation: too little free space", {FileCall::Allocate, 0, EOPNOTSUPP, 0},
+         [&] { return reserve(1ull << 60); }, "bytes free: No space left on device", "0123456789"},
+        {"no hole punched: zeros written", {FileCall::Allocate, 0, EOPNOTSUPP, 0},
+         [&] { return first({[&] { return write(zeros4); }, flush}); }, "", zeros4 + "456789"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << "0123456789";
+        ASSERT_FALSE(FXFile::ZXCreateFile(h, path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr)
+                         .IsError());
+        zxtest::armFileFault(c.fault);
+        CUxError e = c.act();
+        EXPECT_EQ(e.IsError(), !c.error.empty()) << e.AsString();
+        EXPECT_TRUE(has(e, c.error)) << e.AsString();
+        zxblk::LogCapture capture;
+        h.reset();
+        EXPECT_EQ(zxtest::armedFileFaults(), 0);  // the fault was met
+        zxtest::clearFileFaults();
+        EXPECT_EQ(capture.texts("FXFile").size(), c.file.empty() ? 1u : 0u);
+        EXPECT_EQ(slurp(path), c.file);
+    }
     unlink(path.c_str());
 }
 
@@ -203,7 +244,7 @@ TEST(FXFileCalls, SectorCallsCoalesce) {
                  {"zero sectors past the end", false, false, 0, 4}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        zxblk::KernelFileCalls before = zxblk::kernelFileCalls();
+        zxtest::FileCallCounts before = zxtest::fileCallCounts();
         for (int i = 0; i < 2048; ++i) {
             ASSERT_FALSE((c.seek ? FXFile::ZXSetFilePointer(h, 512, FILE_CURRENT, nullptr)
                                  : FXFile::ZXWriteFile(h, c.data ? sector.data() : zeros.data(), 512, &written, nullptr))
@@ -211,19 +252,19 @@ TEST(FXFileCalls, SectorCallsCoalesce) {
             expected.insert(expected.end(), c.data ? sector.begin() : zeros.begin(), c.data ? sector.end() : zeros.end());
         }
         ASSERT_FALSE(FXFile::ZXFlushFileBuffers(h).IsError());
-        zxblk::KernelFileCalls after = zxblk::kernelFileCalls();
+        zxtest::FileCallCounts after = zxtest::fileCallCounts();
         EXPECT_LE(after.writes - before.writes, c.maxWrites);
         EXPECT_LE(after.others - before.others, c.maxOthers);
     }
     EXPECT_TRUE(slurp(path) == std::string(expected.begin(), expected.end()));
 
     // The whole file again as one write of zeros: no write, its data punched out.
-    zxblk::KernelFileCalls before = zxblk::kernelFileCalls();
+    zxtest::FileCallCounts before = zxtest::fileCallCounts();
     std::vector<char> all(expected.size(), 0);
     ASSERT_FALSE(FXFile::ZXSetFilePointer(h, 0, FILE_BEGIN, nullptr).IsError());
     ASSERT_FALSE(FXFile::ZXWriteFile(h, all.data(), static_cast<DWORD>(all.size()), &written, nullptr).IsError());
     ASSERT_FALSE(FXFile::ZXFlushFileBuffers(h).IsError());
-    EXPECT_EQ(zxblk::kernelFileCalls().writes, before.writes);
+    EXPECT_EQ(zxtest::fileCallCounts().writes, before.writes);
     EXPECT_TRUE(slurp(path) == std::string(all.begin(), all.end()));
     struct stat st;
     ASSERT_EQ(fstat(h.get(), &st), 0);

@@ -3,8 +3,8 @@
 
 #include <thread>
 
-#include "platform/FXFile.h"
 #include "read_path/read_fixture.h"
+#include "support/fault_file_calls.h"
 
 namespace readtest {
 namespace {
@@ -260,13 +260,13 @@ TEST_F(ReadPathTest, FullDisksFailEarlyAndZeroExtentsStayHoles) {
     ZxBlkVhd& d = makeDisk({{"/c", 0, 7}}, MiB);
     hold("/c", 0, {randomBytes(rng, MiB), {}, {}});
     hold("/c", 1, {Bytes(MiB, 0), {}, {}});
-    zxblk::armFileFault({zxblk::FileOp::Reserve, 0, ENOSPC, 0});
+    zxtest::armFileFault({zxtest::FileCall::Allocate, 0, ENOSPC, 0});
     EXPECT_FALSE(read(d, 0));
     EXPECT_TRUE(restore->jobs().empty());
-    zxblk::armFileFault({zxblk::FileOp::Commit, 0, ENOSPC, 0});
+    zxtest::armFileFault({zxtest::FileCall::Write, 0, ENOSPC, 0});
     EXPECT_FALSE(read(d, 0));
     EXPECT_EQ(restore->jobs().size(), 1u);
-    zxblk::clearFileFaults();
+    zxtest::clearFileFaults();
     EXPECT_FALSE(store->hasExtent(0));
     restore->waitIdle();
     EXPECT_EQ(tempFiles().size(), 2u);  // left for the host to clear
