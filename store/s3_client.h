@@ -1,58 +1,18 @@
-// A client for S3 object storage (AWS, or any server that speaks the S3 API,
-// such as Ceph's radosgw), on libcurl and its built-in request signing.
-//
-// Every call is one S3 operation; transient trouble (5xx, 429, timeouts,
-// refused or dropped connections, short bodies) is retried with exponential
-// back-off and jitter until the call's deadline; anything else (403, 404,
-// other 4xx) fails at once. Failures throw StoreError with one line naming
-// the object ("s3://bucket/key"), the operation and the S3 error code.
-// Credentials never appear in any message.
+// The S3 operations on one bucket (AWS, or any server that speaks the S3
+// API, such as Ceph's radosgw), over an S3Transport that does the sending,
+// signing and retrying. Failures throw StoreError with one line naming the
+// object ("s3://bucket/key"), the operation and the S3 error code.
 #pragma once
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "store/s3_config.h"
+#include "store/s3_transport.h"
+#include "store/s3_xml.h"
+
 namespace zxblk {
-
-// True when `text` names an S3 location ("s3://...").
-bool isS3Url(const std::string& text);
-
-// Where a store lies in S3: "s3://BUCKET/PREFIX".
-struct S3Location {
-    std::string bucket;
-    std::string prefix;  // empty, or no leading '/' and one trailing '/': "backups/site1/"
-
-    // Parses `url`; false with the reason in `why` when it is not a valid
-    // s3:// URL or the bucket name breaks S3's naming rules.
-    static bool parse(const std::string& url, S3Location& out, std::string& why);
-    std::string url() const;  // "s3://bucket/prefix"
-};
-
-// How to reach the service, and how long to keep trying.
-struct S3Config {
-    std::string endpoint;  // "http://127.0.0.1:7480", "https://s3.eu-west-1.amazonaws.com"
-    std::string region = "us-east-1";
-    std::string accessKey;
-    std::string secretKey;
-    std::string sessionToken;  // sent as x-amz-security-token when not empty
-    // http(s)://ENDPOINT/BUCKET/KEY rather than http(s)://BUCKET.ENDPOINT/KEY.
-    bool pathStyle = true;
-    double deadlineSeconds = 20;       // one call, all its attempts
-    double requestTimeoutSeconds = 10;  // one attempt
-    double connectTimeoutSeconds = 3;
-
-    // What the AWS command line tools would use: AWS_ENDPOINT_URL_S3 or
-    // AWS_ENDPOINT_URL; AWS_REGION, AWS_DEFAULT_REGION or the profile's
-    // region (else us-east-1); AWS_ACCESS_KEY_ID, AWS_SECRET_ACCESS_KEY and
-    // AWS_SESSION_TOKEN, or the profile's keys. The profile is AWS_PROFILE's
-    // or "default": [NAME] in ~/.aws/credentials, [profile NAME] (or
-    // [default]) in ~/.aws/config; AWS_SHARED_CREDENTIALS_FILE and
-    // AWS_CONFIG_FILE name other files. Without an endpoint it is AWS's for
-    // the region, addressed virtual-host style; any other endpoint is
-    // addressed path style. Throws StoreError when no credentials are found.
-    static S3Config fromEnvironment();
-};
 
 struct S3ObjectInfo {
     bool exists = false;
@@ -60,45 +20,19 @@ struct S3ObjectInfo {
     std::string etag;  // without quotes
 };
 
-struct S3ListEntry {
-    std::string key;
-    uint64_t size = 0;
-    std::string etag;  // without quotes
-};
-
-struct S3Upload {  // a multipart upload begun and neither completed nor aborted
-    std::string key;
-    std::string uploadId;
-};
-
-// What a client did so far, for the caller's statistics. Requests count
-// every HTTP request sent, retries included.
-struct S3Stats {
-    uint64_t heads = 0;
-    uint64_t gets = 0;
-    uint64_t puts = 0;       // object PUTs and uploaded parts
-    uint64_t lists = 0;      // listing pages of objects or of uploads
-    uint64_t deletes = 0;
-    uint64_t multipart = 0;  // begin, complete and abort of multipart uploads
-    uint64_t other = 0;      // bucket calls
-    uint64_t getBytes = 0;   // object bytes received by successful GETs
-    uint64_t putBytes = 0;   // object bytes sent by successful PUTs and parts
-    uint64_t retries = 0;    // attempts repeated after a transient failure
-    uint64_t failures = 0;   // calls that ended in an error
-};
-
 // One bucket of one service. Thread-safe: calls from several threads run at
 // once, each on a connection of its own, and connections are kept open for
-// the next call.
+// the next call. Its statistics are its own, whoever shares its transport.
 class S3Client {
 public:
+    // With connections of its own.
     S3Client(S3Config config, std::string bucket);
+    // With the connections `connections` keeps for its endpoint, region and
+    // keys, shared with every other client there.
+    S3Client(S3Config config, std::string bucket, S3Connections& connections);
     ~S3Client();
     S3Client(const S3Client&) = delete;
     S3Client& operator=(const S3Client&) = delete;
-
-    const std::string& bucket() const;
-    const S3Config& config() const;
 
     // Size and ETag of `key`; exists=false when there is no such key. A
     // missing bucket is an error (NoSuchBucket).
@@ -116,12 +50,12 @@ public:
     // PUT up to `partSize`, else a multipart upload of parts of `partSize`
     // bytes (at least 5 MiB; raised where the file would need more than
     // 10000 parts), `parallel` of them in flight at once. On failure the
-    // upload is aborted, so no part of it stays behind.
+    // upload is aborted, so no part of it stays behind, and the error told
+    // is that of the lowest-numbered part that failed.
     void uploadFile(const std::string& key, int fd, uint64_t size, uint64_t partSize, unsigned parallel);
     // Every object whose key starts with `prefix`, in key order, fetched
     // `pageSize` keys per request.
     std::vector<S3ListEntry> list(const std::string& prefix, unsigned pageSize = 1000);
-    std::vector<S3Upload> listUploads(const std::string& prefix);
     void abortUpload(const std::string& key, const std::string& uploadId);
     // Removes `key`; removing a key that does not exist is no error.
     void remove(const std::string& key);

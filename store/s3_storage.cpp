@@ -89,8 +89,10 @@ private:
 
 class S3Storage : public Storage {
 public:
-    S3Storage(const std::string& location, const S3Location& where)
-        : Storage(location), m_where(where), m_client(std::make_shared<S3Client>(S3Config::fromEnvironment(), where.bucket)) {}
+    S3Storage(const std::string& location, const S3Location& where, S3Connections& connections)
+        : Storage(location),
+          m_where(where),
+          m_client(std::make_shared<S3Client>(S3Config::fromEnvironment(), where.bucket, connections)) {}
 
     bool remote() const override { return true; }
 
@@ -260,11 +262,14 @@ private:
 
 }  // namespace
 
-std::shared_ptr<Storage> openS3Storage(const std::string& location) {
+std::shared_ptr<S3Connections> makeS3Connections() { return std::make_shared<S3Connections>(); }
+
+std::shared_ptr<Storage> openS3Storage(const std::string& location, const std::shared_ptr<S3Connections>& connections) {
+    if (!connections) throw StoreError(location + ": no S3 connections to open it with");
     S3Location where;
     std::string why;
     if (!S3Location::parse(location, where, why)) throw StoreError(location + ": " + why);
-    return std::make_shared<S3Storage>(location, where);
+    return std::make_shared<S3Storage>(location, where, *connections);
 }
 
 }  // namespace zxblk

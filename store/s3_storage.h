@@ -8,7 +8,15 @@
 
 namespace zxblk {
 
-// Throws StoreError for a malformed URL or when no credentials are found.
-std::shared_ptr<Storage> openS3Storage(const std::string& location);
+class S3Connections;
+
+// A pool of S3 connections for the stores a program opens: those on one
+// endpoint (with one region and one set of keys) share its connections.
+std::shared_ptr<S3Connections> makeS3Connections();
+
+// The store at `location` (s3://BUCKET/PREFIX), its requests sent over
+// `connections`. Throws StoreError for a malformed URL or when no
+// credentials are found.
+std::shared_ptr<Storage> openS3Storage(const std::string& location, const std::shared_ptr<S3Connections>& connections);
 
 }  // namespace zxblk

@@ -204,7 +204,10 @@ std::shared_ptr<Storage> Storage::at(const std::string& location) {
     std::lock_guard<std::mutex> lock(mutex);
     auto it = remotes.find(location);
     if (it != remotes.end()) return it->second;
-    std::shared_ptr<Storage> s = openS3Storage(location);
+    // One pool of S3 connections for every store opened here (temporary,
+    // until the caller hands its own in).
+    static const std::shared_ptr<S3Connections> connections = makeS3Connections();
+    std::shared_ptr<Storage> s = openS3Storage(location, connections);
     remotes[location] = s;
     return s;
 }

@@ -17,6 +17,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "store/s3_client.h"
@@ -85,6 +86,26 @@ std::string errorOf(const std::function<void()>& f) {
     return "(no error)";
 }
 
+// The multipart uploads begun under `prefix` and neither completed nor
+// aborted (key, upload ID): a request of the test's own, as the product
+// never lists them. There are few enough for one page.
+std::vector<std::pair<std::string, std::string>> openUploads(const std::string& prefix) {
+    const S3Config cfg = config();
+    zxblk::S3Transport transport(cfg);
+    zxblk::S3Request r;
+    r.kind = zxblk::S3Kind::list;
+    r.op = "ListMultipartUploads";
+    r.name = "s3://" + bucket() + "/" + prefix;
+    r.url = transport.bucketUrl(bucket(), cfg.pathStyle);
+    r.query = {{"uploads", ""}, {"prefix", prefix}};
+    const zxblk::S3XmlDocument page(transport.perform(r).body);
+    EXPECT_EQ(page.rootName(), "ListMultipartUploadsResult");
+    EXPECT_NE(page.field("IsTruncated"), "true");
+    std::vector<std::pair<std::string, std::string>> out;
+    for (auto& upload : page.records("Upload")) out.emplace_back(upload["Key"], upload["UploadId"]);
+    return out;
+}
+
 class Bucket : public ::testing::Environment {
     void SetUp() override { client().createBucket(); }
 };
@@ -143,6 +164,21 @@ TEST(S3Client, ConditionalPutAndRemove) {
     client().remove(key);
     EXPECT_FALSE(client().head(key).exists);
     client().remove(key);  // gone already: no error
+}
+
+TEST(S3Client, ClientsSharingConnectionsCountTheirOwnRequests) {
+    zxblk::S3Connections connections;
+    S3Client a(config(), bucket(), connections), b(config(), bucket(), connections);
+    EXPECT_TRUE(a.putObject("shared/x", "xyz"));
+    EXPECT_EQ(b.getObject("shared/x"), "xyz");
+    EXPECT_EQ(b.getObject("shared/x"), "xyz");
+    const S3Stats sa = a.stats(), sb = b.stats();
+    EXPECT_EQ(sa.puts, 1u);
+    EXPECT_EQ(sa.putBytes, 3u);
+    EXPECT_EQ(sa.gets, 0u);
+    EXPECT_EQ(sb.puts, 0u);
+    EXPECT_EQ(sb.gets, 2u);
+    EXPECT_EQ(sb.getBytes, 6u);
 }
 
 TEST(S3Client, ListsByPrefixPageByPage) {
@@ -209,11 +245,12 @@ TEST(S3Client, MultipartUploadMatchesTheFile) {
 
 TEST(S3Client, FailedUploadLeavesNothingBehind) {
     // The upload curl began and left open is there to be seen and aborted.
-    auto open = client().listUploads("abort/");
+    auto open = openUploads("abort/");
     ASSERT_EQ(open.size(), 1u);
-    EXPECT_EQ(open[0].key, "abort/dangling");
-    client().abortUpload(open[0].key, open[0].uploadId);
-    EXPECT_TRUE(client().listUploads("abort/").empty());
+    EXPECT_EQ(open[0].first, "abort/dangling");
+    EXPECT_FALSE(open[0].second.empty());
+    client().abortUpload(open[0].first, open[0].second);
+    EXPECT_TRUE(openUploads("abort/").empty());
 
     // A file 12 MiB long announced as 20 MiB: the upload fails on the third
     // part, after others went up, and is aborted.
@@ -222,7 +259,7 @@ TEST(S3Client, FailedUploadLeavesNothingBehind) {
     const std::string err = errorOf([&] { client().uploadFile("abort/short.bin", f.fd, 20 * kMiB, 5 * kMiB, 2); });
     EXPECT_EQ(err, "s3://" + bucket() + "/abort/short.bin: upload: the file ends at byte " + std::to_string(12 * kMiB) +
                        ", short of the " + std::to_string(20 * kMiB) + " bytes to upload");
-    EXPECT_TRUE(client().listUploads("abort/").empty());
+    EXPECT_TRUE(openUploads("abort/").empty());
     EXPECT_FALSE(client().head("abort/short.bin").exists);
     EXPECT_TRUE(client().list("abort/").empty());
 }

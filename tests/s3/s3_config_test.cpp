@@ -1,11 +1,13 @@
-// Where an S3 store and its credentials come from: s3:// URLs, and the AWS
-// tools' environment variables and files. No server needed.
+// Where an S3 store and its credentials come from: s3:// URLs, the AWS
+// tools' environment variables and files, and which clients share a
+// transport. No server needed.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -134,6 +136,17 @@ TEST_F(S3Environment, FromEnvironment) {
          "the S3 endpoint '127.0.0.1:7480' (AWS_ENDPOINT_URL) is not an http:// or https:// URL"},
         {"a region that is no name", {{"AWS_REGION", "eu west:1"}}, creds, none, "", "", "", "", "", false,
          "the AWS region 'eu west:1' is not a region name (such as eu-west-1)"},
+        {"nested blocks with the same keys, comments, a dotted profile", {{"AWS_PROFILE", "site.b"}}, none,
+         "# mine\n[profile site.b]\n; keys\nregion = eu-north-1\ns3 =\n  addressing_style = path\n"
+         "  max_concurrent_requests = 4\ns3api =\n\taddressing_style = path\n"
+         "aws_access_key_id = DOTKEY\naws_secret_access_key = dotsecret\n",
+         "https://s3.eu-north-1.amazonaws.com", "eu-north-1", "DOTKEY", "dotsecret", "", false, ""},
+        {"a section left open", {}, "[default\naws_access_key_id = K\n", none, "", "", "", "", "", false,
+         "HOME/.aws/credentials:1: unmatched '['"},
+        {"a line that is no key", {}, creds, "[default]\n\nregion eu-west-1\n", "", "", "", "", "", false,
+         "HOME/.aws/config:3: '=' character not found in line"},
+        {"a key twice", {}, "[default]\naws_access_key_id = A\naws_access_key_id = B\n", none, "", "", "", "", "",
+         false, "HOME/.aws/credentials:3: duplicate key name"},
     };
     const char* all[] = {"AWS_PROFILE", "AWS_DEFAULT_PROFILE", "AWS_ACCESS_KEY_ID", "AWS_SECRET_ACCESS_KEY",
                          "AWS_SESSION_TOKEN", "AWS_REGION", "AWS_DEFAULT_REGION", "AWS_ENDPOINT_URL",
@@ -156,7 +169,7 @@ TEST_F(S3Environment, FromEnvironment) {
         std::string want = c.error;
         for (size_t at; (at = want.find("HOME")) != std::string::npos;) want.replace(at, 4, home.string());
         EXPECT_EQ(error, want) << c.name;
-        for (const char* secret : {"envsecret", "filesecret", "worksecret", "cfgsecret"})
+        for (const char* secret : {"envsecret", "filesecret", "worksecret", "cfgsecret", "dotsecret"})
             EXPECT_EQ(error.find(secret), std::string::npos) << c.name;
         if (!want.empty()) continue;
         EXPECT_EQ(got.endpoint, c.endpoint) << c.name;
@@ -182,13 +195,48 @@ TEST_F(S3Environment, OtherFilesByName) {
     S3Config c = S3Config::fromEnvironment();
     EXPECT_EQ(c.accessKey, "OTHERKEY");
     EXPECT_EQ(c.region, "sa-east-1");
-    // A client needs keys, whatever the caller filled in.
-    c.secretKey.clear();
-    try {
-        zxblk::S3Client client(c, "bucket");
-        ADD_FAILURE() << "a client without a secret key";
-    } catch (const zxblk::StoreError& e) {
-        EXPECT_STREQ(e.what(), "s3://bucket: no S3 credentials (AWS_ACCESS_KEY_ID/AWS_SECRET_ACCESS_KEY)");
+}
+
+TEST(S3Connections, OneTransportPerEndpointRegionAndKeys) {
+    S3Config base;
+    base.endpoint = "http://127.0.0.1:7480";
+    base.accessKey = "K";
+    base.secretKey = "S";
+    zxblk::S3Connections connections;
+    const std::shared_ptr<zxblk::S3Transport> first = connections.transport(base);
+    const struct {
+        std::string name;
+        void (*change)(S3Config&);
+        bool shared;
+        std::string error;  // of a client of the bucket "bucket" with this configuration
+    } cases[] = {
+        {"the same", [](S3Config&) {}, true, ""},
+        {"a trailing slash", [](S3Config& c) { c.endpoint += "/"; }, true, ""},
+        {"other timing and style",
+         [](S3Config& c) { c.deadlineSeconds = 1, c.requestTimeoutSeconds = 0.5, c.pathStyle = false; }, true, ""},
+        {"another endpoint", [](S3Config& c) { c.endpoint = "http://127.0.0.1:7481"; }, false, ""},
+        {"another region", [](S3Config& c) { c.region = "eu-west-1"; }, false, ""},
+        {"another key", [](S3Config& c) { c.accessKey = "K2"; }, false, ""},
+        {"another secret", [](S3Config& c) { c.secretKey = "S2"; }, false, ""},
+        {"a session token", [](S3Config& c) { c.sessionToken = "T"; }, false, ""},
+        {"no secret", [](S3Config& c) { c.secretKey.clear(); }, false,
+         "s3://bucket: no S3 credentials (AWS_ACCESS_KEY_ID/AWS_SECRET_ACCESS_KEY)"},
+        {"no region", [](S3Config& c) { c.region = "Mars 1"; }, false,
+         "s3://bucket: the region 'Mars 1' is not a region name"},
+        {"no URL", [](S3Config& c) { c.endpoint = "127.0.0.1:7480"; }, false,
+         "s3://bucket: the endpoint '127.0.0.1:7480' is not a URL"},
+    };
+    for (const auto& c : cases) {
+        S3Config cfg = base;
+        c.change(cfg);
+        std::string error;
+        try {
+            zxblk::S3Client client(cfg, "bucket", connections);
+            EXPECT_EQ(connections.transport(cfg) == first, c.shared) << c.name;
+        } catch (const zxblk::StoreError& e) {
+            error = e.what();
+        }
+        EXPECT_EQ(error, c.error) << c.name;
     }
 }
 
