@@ -5,7 +5,6 @@
 
 #include <sys/stat.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -14,6 +13,7 @@
 #include "host/disk_host.h"
 #include "platform/Log.h"
 #include "store/catalog.h"
+#include "store/s3_storage.h"
 #include "store/storage.h"
 #include "store/store_services.h"
 #include "store/vhd_image.h"
@@ -34,19 +34,26 @@ auto guarded(F&& f) -> decltype(f()) {
     }
 }
 
+// The S3 connection pools of the library's stores, one per endpoint, as
+// long as the library is loaded.
+std::shared_ptr<S3Connections> connections() {
+    static std::shared_ptr<S3Connections> pools = makeS3Connections();
+    return pools;
+}
+
 // A folder with a catalog. Catalog::load takes a folder without one for an
 // empty store, as import needs; a reader has nothing to read there.
-void checkIsStore(const std::string& path) {
-    if (Storage::isRemote(path)) {
-        if (!Storage::at(path)->stat(kCatalogName).exists) throw Error(path + " is not a zxblk store (no catalog.json)");
+void checkIsStore(const std::string& path, const Storage& storage) {
+    if (storage.remote()) {
+        if (!storage.stat(kCatalogName).exists) throw Error(path + " is not a zxblk store (no catalog.json)");
         return;
     }
     struct stat st;
     if (::stat(path.c_str(), &st) != 0) throw Error(path + ": " + std::strerror(errno));
     if (!S_ISDIR(st.st_mode)) throw Error(path + " is not a zxblk store (not a folder)");
-    if (::stat(catalogPath(path).c_str(), &st) != 0) {
+    if (::stat(storage.describe(kCatalogName).c_str(), &st) != 0) {
         if (errno == ENOENT) throw Error(path + " is not a zxblk store (no catalog.json)");
-        throw Error(catalogPath(path) + ": " + std::strerror(errno));
+        throw Error(storage.describe(kCatalogName) + ": " + std::strerror(errno));
     }
 }
 
@@ -61,7 +68,7 @@ SnapshotKind kindOf(uint32_t type) {
 
 // Opens the snapshot's file and its checksums as a recall does, so that
 // "ok" means a read of it gets past every check but the data's own.
-SnapshotInfo snapshotInfo(const std::string& storeDir, const DiskRecord& disk, size_t index) {
+SnapshotInfo snapshotInfo(const Storage& storage, const DiskRecord& disk, size_t index) {
     const CopyRecord& copy = disk.copies[index];
     SnapshotInfo s;
     s.number = static_cast<int>(index);
@@ -69,19 +76,18 @@ SnapshotInfo snapshotInfo(const std::string& storeDir, const DiskRecord& disk, s
     s.file = copy.file;
     s.fileSize = copy.fileSize;
     s.importedAt = copy.importedAt;
-    std::shared_ptr<Storage> storage = Storage::at(storeDir);
-    ObjectInfo info = storage->stat(copy.file);
+    ObjectInfo info = storage.stat(copy.file);
     if (!info.exists) {
         s.status = SnapshotStatus::missing;
-        s.problem = storage->describe(copy.file) + ": no such file";
+        s.problem = storage.describe(copy.file) + ": no such file";
         return s;
     }
     if (!s.fileSize) s.fileSize = info.size;  // a catalog from before sizes were kept
     try {
-        std::shared_ptr<VhdImage> img = openCopyImage(storeDir, disk, index);
+        std::shared_ptr<VhdImage> img = openCopyImage(storage, disk, index);
         // openCopyImage keeps a bad side file for the reads to report; here
         // it is the answer.
-        loadBlockSums(storeDir, copy, *img);
+        loadBlockSums(storage, copy, *img);
         s.kind = kindOf(typeCode(img->kind()));
     } catch (const std::exception& e) {
         s.status = SnapshotStatus::damaged;
@@ -90,12 +96,12 @@ SnapshotInfo snapshotInfo(const std::string& storeDir, const DiskRecord& disk, s
     return s;
 }
 
-DiskInfo diskInfo(const std::string& storeDir, const DiskRecord& disk) {
+DiskInfo diskInfo(const Storage& storage, const DiskRecord& disk) {
     DiskInfo d;
     d.name = disk.name;
     d.size = disk.size;
     d.extentSize = static_cast<uint64_t>(disk.extentSize);
-    for (size_t i = 0; i < disk.copies.size(); ++i) d.snapshots.push_back(snapshotInfo(storeDir, disk, i));
+    for (size_t i = 0; i < disk.copies.size(); ++i) d.snapshots.push_back(snapshotInfo(storage, disk, i));
     return d;
 }
 
@@ -104,11 +110,6 @@ void checkRange(uint64_t offset, uint64_t length, uint64_t size, const std::stri
         throw Error("range " + std::to_string(offset) + "+" + std::to_string(length) + " is past the end of disk " +
                     disk + " (" + std::to_string(size) + " bytes)");
 }
-
-// The platform reaches the store through process-wide service slots that
-// hold one store's services at a time: a second disk open at once would
-// take them from the first.
-std::atomic<bool> g_diskOpen{false};
 
 }  // namespace
 
@@ -144,7 +145,18 @@ const char* statusName(SnapshotStatus status) {
 
 struct Store::Impl {
     std::string path;
+    std::shared_ptr<Storage> storage;
     Catalog catalog;
+    // The restore service and the rest, made when the first disk opens and
+    // shared by every disk of the store.
+    std::mutex servicesMutex;
+    std::shared_ptr<StoreServices> services;
+
+    std::shared_ptr<StoreServices> openServices() {
+        std::lock_guard<std::mutex> lock(servicesMutex);
+        if (!services) services = StoreServices::open(storage);
+        return services;
+    }
 };
 
 Store::Store(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
@@ -154,10 +166,12 @@ Store& Store::operator=(Store&& other) noexcept = default;
 
 Store Store::open(const std::string& path) {
     return guarded([&] {
-        checkIsStore(path);
         std::unique_ptr<Impl> impl(new Impl);
         impl->path = path;
-        impl->catalog = Catalog::load(path);
+        // A server or a mount serves from "/": a folder is named by its real path.
+        impl->storage = openStorage(canonicalLocation(path), connections());
+        checkIsStore(path, *impl->storage);
+        impl->catalog = Catalog::load(*impl->storage);
         return Store(std::move(impl));
     });
 }
@@ -167,7 +181,7 @@ const std::string& Store::path() const { return m_impl->path; }
 std::vector<DiskInfo> Store::disks() const {
     return guarded([&] {
         std::vector<DiskInfo> out;
-        for (const DiskRecord& d : m_impl->catalog.disks) out.push_back(diskInfo(m_impl->path, d));
+        for (const DiskRecord& d : m_impl->catalog.disks) out.push_back(diskInfo(*m_impl->storage, d));
         return out;
     });
 }
@@ -176,18 +190,15 @@ DiskInfo Store::disk(const std::string& name) const {
     return guarded([&] {
         const DiskRecord* d = m_impl->catalog.findDisk(name);
         if (!d) throw Error(m_impl->path + ": no disk named '" + name + "'");
-        return diskInfo(m_impl->path, *d);
+        return diskInfo(*m_impl->storage, *d);
     });
 }
 
 // Disk
 
 struct Disk::Impl {
-    // Destroyed last: the slot is free only once the host is gone.
-    struct Slot {
-        ~Slot() { g_diskOpen = false; }
-    } slot;
     std::string name;
+    std::shared_ptr<StoreServices> services;  // outlives the host, which it serves
     std::unique_ptr<DiskHost> host;
 };
 
@@ -202,32 +213,27 @@ Disk::~Disk() = default;
 Disk::Disk(Disk&& other) noexcept = default;
 Disk& Disk::operator=(Disk&& other) noexcept = default;
 
-Disk Disk::open(const std::string& storePath, const std::string& diskName, const DiskOptions& options) {
+Disk Store::openDisk(const std::string& diskName, const DiskOptions& options) const {
     return guarded([&] {
-        checkIsStore(storePath);
         if (options.snapshot < -1)
-            throw Error(storePath + ": snapshot " + std::to_string(options.snapshot) +
+            throw Error(m_impl->path + ": snapshot " + std::to_string(options.snapshot) +
                         ": not a snapshot number (0 is the oldest; -1: the newest)");
-        if (g_diskOpen.exchange(true))
-            throw Error("another zxblk::Disk is open in this process; close it before opening " + diskName);
-        std::shared_ptr<Impl> impl;
-        try {
-            impl = std::make_shared<Impl>();
-        } catch (...) {
-            g_diskOpen = false;
-            throw;
-        }
+        auto impl = std::make_shared<Disk::Impl>();
         HostOptions o;
-        o.storeDir = storePath;
         o.disk = diskName;
         o.snapshot = options.snapshot;
         o.cacheDir = options.cacheDir;
         o.cacheLimit = options.cacheLimit;
         o.readaheadMax = options.readaheadMax;
         impl->name = diskName;
-        impl->host.reset(new DiskHost(o));
+        impl->services = m_impl->openServices();
+        impl->host.reset(new DiskHost(impl->services, o));
         return Disk(std::move(impl));
     });
+}
+
+Disk Disk::open(const std::string& storePath, const std::string& diskName, const DiskOptions& options) {
+    return Store::open(storePath).openDisk(diskName, options);
 }
 
 const std::string& Disk::name() const { return m_impl->name; }

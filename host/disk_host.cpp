@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <optional>
 
 #include "platform/Log.h"
 #include "store/storage.h"
@@ -153,30 +154,31 @@ std::string defaultCacheRoot() {
     return base + "/zxblk";
 }
 
-std::string defaultCacheDir(const std::string& storeDir, const std::string& disk, int snapshot) {
-    std::string store = realPath(storeDir);
+std::string canonicalLocation(const std::string& location) { return realPath(location); }
+
+std::string defaultCacheDir(const std::string& storeLocation, const std::string& disk, int snapshot) {
+    std::string store = realPath(storeLocation);
     char hash[17];
     std::snprintf(hash, sizeof hash, "%016zx", std::hash<std::string>()(store));
     return defaultCacheRoot() + "/" + hash + "-" + disk + "-snap" + std::to_string(snapshot);
 }
 
-DiskHost::DiskHost(const HostOptions& options)
-    : m_diskName(options.disk),
+DiskHost::DiskHost(std::shared_ptr<StoreServices> services, const HostOptions& options)
+    : m_services(std::move(services)),
+      m_diskName(options.disk),
       m_readaheadMax(options.readaheadMax),
       m_mountPoint(options.mountPoint),
       m_dropAtEnd(options.dropCacheAtEnd) {
-    // Absolute from here on: a mount serves from "/" once it is running.
-    std::string storeDir = realPath(options.storeDir);
-    m_services = StoreServices::open(storeDir, options.services);
+    const std::string storeDir = m_services->location();
     const Catalog& catalog = m_services->catalog();
     const DiskRecord* record = catalog.findDisk(options.disk);
-    if (!record) throw StoreError(storeDir + ": no disk named '" + options.disk + "'");
+    if (!record) throw StoreError(ErrorKind::NotFound, storeDir + ": no disk named '" + options.disk + "'");
     int newest = static_cast<int>(record->copies.size()) - 1;
-    if (newest < 0) throw StoreError(storeDir + ": disk '" + options.disk + "' has no snapshots");
+    if (newest < 0) throw StoreError(ErrorKind::NotFound, storeDir + ": disk '" + options.disk + "' has no snapshots");
     m_snapshot = options.snapshot < 0 ? newest : options.snapshot;
     if (m_snapshot > newest)
-        throw StoreError(storeDir + ": disk '" + options.disk + "' has snapshots 0 to " + std::to_string(newest) + ", not " +
-                         std::to_string(m_snapshot));
+        throw StoreError(ErrorKind::NotFound, storeDir + ": disk '" + options.disk + "' has snapshots 0 to " +
+                                                  std::to_string(newest) + ", not " + std::to_string(m_snapshot));
     m_record = record;
     m_size = record->size;
     m_extentSize = record->extentSize;
@@ -239,25 +241,28 @@ DiskHost::DiskHost(const HostOptions& options)
     });
     if (m_cache->usedBytes() > limit) evict(m_cache->usedBytes() - limit);  // a smaller limit than last time
 
-    m_services->registerWithPlatform();
     // As the framework builds a disk: copies oldest first (so the newest is
-    // tried first), geometry, subclient, backing store, connect.
+    // tried first), geometry, subclient, backing store, connect. The paths
+    // and the subclient id are those the router leads back to this store.
     const CopyRecord& top = record->copies[m_snapshot];
-    std::string diskPath = top.browsePath.substr(0, top.browsePath.rfind('/'));
+    std::string topPath = m_services->routedPath(top);
+    std::string diskPath = topPath.substr(0, topPath.rfind('/'));
+    const uint32_t appId = m_services->routedAppId(*record);
     for (unsigned n = 0; n < std::max(1u, options.diskObjects); ++n) {
         std::unique_ptr<PoolDisk> slot(new PoolDisk);
         slot->disk.reset(new ZxBlkVhd(options.disk, diskPath));
         ZxBlkVhd& disk = *slot->disk;
         for (int i = 0; i <= m_snapshot; ++i) {
             const CopyRecord& c = record->copies[i];
+            const std::string path = m_services->routedPath(c);
             disk.addToBrowseStructList(c.storedExtentSize, static_cast<long long>(record->size), record->sectorSize,
-                                       std::to_string(record->diskId), c.browsePath, c.type);
-            disk.insertDiskPath(c.browsePath);
+                                       std::to_string(record->diskId), path, c.type);
+            disk.insertDiskPath(path);
         }
         disk.setDiskParams(record->extentSize, static_cast<long long>(record->size), record->sectorSize,
                            std::to_string(record->diskId));
         SpecialOptsRecord special;
-        special.appId = record->subclientId;
+        special.appId = appId;
         special.idxKey1 = record->diskId;
         special.idxKey2 = static_cast<uint64_t>(m_snapshot);
         special.entityId = record->diskId;
@@ -266,7 +271,6 @@ DiskHost::DiskHost(const HostOptions& options)
         try {
             disk.setSpecialOpts(CTXO_BLOCK_LEVEL, opts);
         } catch (const ZxException& e) {
-            m_services->unregisterFromPlatform();
             throw StoreError(storeDir + ": disk '" + options.disk + "': " + e.what());
         }
         disk.setRecallStore(m_cache.get());
@@ -277,6 +281,7 @@ DiskHost::DiskHost(const HostOptions& options)
         m_freeDisks.push_back(slot.get());
         m_disks.push_back(std::move(slot));
     }
+    m_services->reserveWorkers(static_cast<unsigned>(m_disks.size()));
     for (size_t i = 0; i < m_disks.size(); ++i) m_aheadThreads.emplace_back(&DiskHost::readaheadWorker, this);
 }
 
@@ -323,7 +328,7 @@ void DiskHost::lockCache() {
 }
 
 void DiskHost::dropCache(const std::string& why) {
-    if (!m_cache->extents().empty()) LogSink::write(0, kTag, why);
+    if (!m_cache->extents().empty()) m_notices.push_back(why);
     for (long long e : m_cache->extents()) m_cache->removeExtent(e);
 }
 
@@ -385,8 +390,9 @@ DiskHost::~DiskHost() {
         disk.disconnect();
         return CUxError::Success();
     });
-    m_services->shutdown();  // every recall has called back before the disks go
-    m_services->unregisterFromPlatform();
+    // Every recall of these disk objects has called back before they go.
+    for (auto& slot : m_disks) m_services->forget(slot->disk.get());
+    m_services->releaseWorkers(static_cast<unsigned>(m_disks.size()));
     std::lock_guard<std::mutex> lock(m_cacheMutex);
     m_files.clear();
     if (m_dropAtEnd) {
@@ -500,17 +506,7 @@ bool DiskHost::holdsData(uint64_t extent) {
 
 uint64_t DiskHost::allocationGranularity() {
     std::call_once(m_granularityOnce, [this] {
-        uint64_t g = 0;
-        for (int i = 0; i <= m_snapshot; ++i) {
-            const CopyRecord& c = m_record->copies[static_cast<size_t>(i)];
-            if (c.type != kTypeDynamic && c.type != kTypeDifferencing) continue;
-            try {
-                VhdImage img = VhdImage::open(m_services->directory() + "/" + c.file);
-                if (img.blockSize() && (!g || img.blockSize() < g)) g = img.blockSize();
-            } catch (const StoreError&) {
-                // holdsData counts a file it cannot read as data throughout.
-            }
-        }
+        uint64_t g = m_services->smallestBlock(*m_record, m_snapshot);
         m_granularity = g ? g : static_cast<uint64_t>(m_extentSize);
     });
     return m_granularity;
@@ -588,6 +584,7 @@ void DiskHost::recall(uint64_t extent) {
     markDirty();
     PoolDisk* slot = takeDisk();
     bool ok;
+    std::string cacheError;
     {
         std::lock_guard<std::mutex> lock(slot->mutex);
         long len = 0;
@@ -597,6 +594,7 @@ void DiskHost::recall(uint64_t extent) {
         // The provider leaves the temporary file of a failed read (or of a
         // move-in that failed) in place; a long mount must not pile them up.
         m_cache->discardTemporary();
+        cacheError = m_cache->takeLastError();
     }
     giveBack(slot);
     bool arrived;
@@ -604,18 +602,27 @@ void DiskHost::recall(uint64_t extent) {
         std::lock_guard<std::mutex> lock(m_cacheMutex);
         arrived = m_arrived.erase(extent) != 0;
     }
-    std::string error, what = "extent " + std::to_string(extent) + " of disk " + m_diskName;
-    if (!ok)
-        error = what + " could not be recalled (see the log)";
-    else if (!arrived && m_cache->usedBytes() + E > m_cache->capacity())
-        error = what + " was recalled but does not fit in the cache (" + std::to_string(m_cache->usedBytes()) + " of " +
-                std::to_string(m_cache->capacity()) + " bytes used by extents that reads are using)";
-    else if (!arrived)
-        error = what + " was recalled but could not be moved into the cache (see the log)";
-    if (!error.empty()) {
+    std::string what = "extent " + std::to_string(extent) + " of disk " + m_diskName;
+    std::optional<StoreError> error;
+    if (!ok) {
+        // Why, as the service that failed it said, or the cache when it was
+        // the temporary file that could not be made.
+        std::optional<StoreError> cause = m_services->takeFailure(*m_record, m_snapshot, extent);
+        if (!cause && !cacheError.empty()) cause = StoreError(ErrorKind::IO, cacheError);
+        error = cause ? StoreError(cause->kind(), what + " could not be recalled: " + cause->what())
+                      : StoreError(ErrorKind::Unavailable, what + " could not be recalled: the restore service did not say why");
+    } else if (!arrived && m_cache->usedBytes() + E > m_cache->capacity()) {
+        error = StoreError(ErrorKind::Busy, what + " was recalled but does not fit in the cache (" +
+                                                std::to_string(m_cache->usedBytes()) + " of " +
+                                                std::to_string(m_cache->capacity()) + " bytes used by extents that reads are using)");
+    } else if (!arrived) {
+        error = StoreError(ErrorKind::IO, what + " was recalled but could not be moved into the cache: " +
+                                              (cacheError.empty() ? std::string("no reason given") : cacheError));
+    }
+    if (error) {
         std::lock_guard<std::mutex> statsLock(m_statsMutex);
         ++m_stats.readErrors;
-        throw StoreError(error);
+        throw *error;
     }
     std::lock_guard<std::mutex> statsLock(m_statsMutex);
     ++m_stats.extentsRecalled;
@@ -732,9 +739,9 @@ std::string DiskHost::statsText() {
     line("metadata_phase", m_metadataPhase);
     // What the store's object storage was asked for: the bytes a recall
     // fetched from S3, not the disk's.
-    std::shared_ptr<Storage> storage = Storage::at(m_services->directory());
-    if (storage->remote()) {
-        StorageStats s = storage->stats();
+    const Storage& storage = m_services->storage();
+    if (storage.remote()) {
+        StorageStats s = storage.stats();
         line("store_gets", s.gets);
         line("store_get_bytes", s.getBytes);
         line("store_retries", s.retries);

@@ -26,7 +26,6 @@ class ZxBlkVhd;
 namespace zxblk {
 
 struct HostOptions {
-    std::string storeDir;
     std::string disk;
     int snapshot = -1;                   // -1: the newest
     std::string cacheDir;                // empty: a folder under the user's cache
@@ -44,7 +43,6 @@ struct HostOptions {
     // Removes what the cache holds, and its folder, when the host ends (not
     // when the process dies: a killed run leaves it, marked dirty).
     bool dropCacheAtEnd = false;
-    StoreServices::Options services;
 };
 
 // A stretch of the disk and whether any snapshot holds data there.
@@ -86,9 +84,10 @@ private:
 
 class DiskHost {
 public:
-    // Opens the store, takes the cache and connects the disk; throws
-    // StoreError (another process holding the cache among the reasons).
-    explicit DiskHost(const HostOptions& options);
+    // Takes the cache and connects the disk of the store whose services are
+    // given; throws StoreError (another process holding the cache among the
+    // reasons). The services are shared with any other disk of the store.
+    DiskHost(std::shared_ptr<StoreServices> services, const HostOptions& options);
     ~DiskHost();
     DiskHost(const DiskHost&) = delete;
     DiskHost& operator=(const DiskHost&) = delete;
@@ -135,6 +134,9 @@ public:
     std::string endMetadata();
     // Recalls these extents on a thread of its own, ahead of the readers.
     void prefetch(std::vector<uint64_t> extents);
+    // What the user of the disk should hear of how it was opened: a cache
+    // dropped because it was not closed cleanly or held another disk.
+    const std::vector<std::string>& notices() const { return m_notices; }
     StoreServices& services() { return *m_services; }
     ZxBlkBackingStore& cache() { return *m_cache; }
 
@@ -229,13 +231,17 @@ private:
     std::atomic<bool> m_stopping{false};
     std::string m_mountPoint;
     bool m_dropAtEnd = false;
+    std::vector<std::string> m_notices;
 };
 
 // The folder that holds the default caches: $XDG_CACHE_HOME/zxblk, or
 // ~/.cache/zxblk.
 std::string defaultCacheRoot();
-// The default cache folder of a store, disk and snapshot.
-std::string defaultCacheDir(const std::string& storeDir, const std::string& disk, int snapshot);
+// The default cache folder of a store (its folder or URL), disk and snapshot.
+std::string defaultCacheDir(const std::string& store, const std::string& disk, int snapshot);
+// A store's location as the caches name it: a folder by its real path, a
+// store on S3 by its URL.
+std::string canonicalLocation(const std::string& location);
 
 // The process that holds a cache, as the cache's lock file tells.
 struct CacheHolder {

@@ -8,34 +8,29 @@ ApplicationId::ApplicationId(unsigned long, unsigned long appId) : m_appId(appId
 }
 
 int ApplicationId::getApplicationId(void*) {
-    auto service = zxblk::recordsService();
-    if (!service) return -1;
     AppIdInfo info;
-    if (!service->subclient(static_cast<uint32_t>(m_appId), info)) return 1;
+    if (!zxblk::ServiceRouter::instance().subclient(static_cast<uint32_t>(m_appId), info)) return 1;
     m_info = info;
     return 0;
 }
 
 int ZXClient::getName(std::string& name, void*) {
-    auto service = zxblk::recordsService();
     std::string found;
-    if (!service || !service->clientName(m_id, found)) return 1;
+    if (!zxblk::ServiceRouter::instance().recordName(zxblk::RecordKind::Client, m_id, found)) return 1;
     name = found;
     return 0;
 }
 
 int Instance::getInstanceName(std::string& name, void*) {
-    auto service = zxblk::recordsService();
     std::string found;
-    if (!service || !service->instanceName(m_id, found)) return 1;
+    if (!zxblk::ServiceRouter::instance().recordName(zxblk::RecordKind::Instance, m_id, found)) return 1;
     name = found;
     return 0;
 }
 
 int BackupSet::getBackupSetName(std::string& name, void*) {
-    auto service = zxblk::recordsService();
     std::string found;
-    if (!service || !service->backupSetName(m_id, found)) return 1;
+    if (!zxblk::ServiceRouter::instance().recordName(zxblk::RecordKind::BackupSet, m_id, found)) return 1;
     name = found;
     return 0;
 }

@@ -80,6 +80,14 @@ CUxError FXErrorUtil::ErrorErrno(const FXCodeLocation& location, int err, const 
     return error;
 }
 
+std::string FXErrorUtil::Messages(const CUxError& error) {
+    std::string out;
+    if (const FXErrorPrivate* d = error.DetailsIfAny())
+        for (auto e = d->entries.rbegin(); e != d->entries.rend(); ++e)
+            if (!e->message.empty()) out += (out.empty() ? "" : ": ") + e->message;
+    return out.empty() ? error.AsString() : out;
+}
+
 ZxException::ZxException(const char* function, const char* message, const char* file, int line, int code)
     : m_function(function ? function : ""),
       m_message(message ? message : ""),

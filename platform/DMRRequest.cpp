@@ -21,15 +21,8 @@ DMRRequest::DMRRequest(const char* physicalMachine, const char* clientName, int 
 }
 
 bool DMRRequest::Submit(long long* id, bool) {
-    std::shared_ptr<zxblk::RestoreService> service = zxblk::restoreService();
-    if (!service) {
-        SetError(-1, "no restore service is registered");
-        zxblk::LogSink::write(zxblk::kLevelError, "DMRRequest::Submit",
-                              "cannot submit " + m_job.srcPath + ": no restore service is registered");
-        return false;
-    }
     std::string whyNot;
-    if (!service->submit(m_job, whyNot)) {
+    if (!zxblk::ServiceRouter::instance().submit(m_job, whyNot)) {
         SetError(-1, whyNot);
         zxblk::LogSink::write(zxblk::kLevelError, "DMRRequest::Submit",
                               "restore service refused " + m_job.srcPath + ": " + whyNot);

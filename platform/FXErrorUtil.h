@@ -15,6 +15,10 @@ public:
     // An errno value as an error (used by FXFile and the backing store).
     static CUxError ErrorErrno(const FXCodeLocation& location, int err, const char* format, ...)
         __attribute__((format(printf, 3, 4)));
+    // The messages pushed onto an error, outermost first, for a person to
+    // read: "cannot move a to b: No space left on device". Its AsString()
+    // when none was pushed.
+    static std::string Messages(const CUxError& error);
 };
 
 class ZxException : public std::exception {

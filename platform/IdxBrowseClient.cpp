@@ -8,12 +8,9 @@ IdxBrowseClient::~IdxBrowseClient() {}
 
 int IdxBrowseClient::Initialize(databrowse::BrowseRequest request, IdxBrowseClientResp*, int, const char*,
                                 IdxBrowseClientInterrupt*) {
-    auto service = zxblk::indexService();
-    if (!service) {
-        zxblk::LogSink::write(zxblk::kLevelError, "IdxBrowseClient::Initialize", "no index service is registered");
-        return -1;
-    }
-    int result = service->initialize(request);
+    std::string whyNot;
+    int result = zxblk::ServiceRouter::instance().indexInitialize(request, whyNot);
+    if (!whyNot.empty()) zxblk::LogSink::write(zxblk::kLevelError, "IdxBrowseClient::Initialize", whyNot);
     if (result == 0) {
         m_request = request;
         m_initialized = true;
@@ -22,11 +19,12 @@ int IdxBrowseClient::Initialize(databrowse::BrowseRequest request, IdxBrowseClie
 }
 
 int IdxBrowseClient::UpdateIndex(Indexing::IdxLiveUpdateReq& request, databrowse::BrowseResponse& response) {
-    auto service = zxblk::indexService();
-    if (!m_initialized || !service) {
-        zxblk::LogSink::write(zxblk::kLevelError, "IdxBrowseClient::UpdateIndex",
-                              m_initialized ? "no index service is registered" : "client is not initialized");
+    if (!m_initialized) {
+        zxblk::LogSink::write(zxblk::kLevelError, "IdxBrowseClient::UpdateIndex", "client is not initialized");
         return -1;
     }
-    return service->update(m_request, request, response);
+    std::string whyNot;
+    int result = zxblk::ServiceRouter::instance().indexUpdate(m_request, request, response, whyNot);
+    if (!whyNot.empty()) zxblk::LogSink::write(zxblk::kLevelError, "IdxBrowseClient::UpdateIndex", whyNot);
+    return result;
 }

@@ -124,24 +124,41 @@ void ZxBlkBackingStore::rescan() {
 
 CUxError ZxBlkBackingStore::openTempFile(std::string* path, FILE** file) {
     static const char* fn = "CUxError ZxBlkBackingStore::openTempFile(std::string*, FILE**)";
-    if (!path || !file) return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "no place for the result");
+    if (!path || !file) return noted(FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "no place for the result"));
     std::string pattern = m_dir + "/tmp/recall-XXXXXX";
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
     int fd = ::mkstemp(name.data());
-    if (fd < 0) return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), errno, "cannot create a temporary file in %s/tmp", m_dir.c_str());
+    if (fd < 0) return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), errno, "cannot create a temporary file in %s/tmp", m_dir.c_str()));
     FILE* stream = ::fdopen(fd, "w+b");
     if (!stream) {
         int err = errno;
         ::close(fd);
         ::unlink(name.data());
-        return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot open %s", name.data());
+        return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot open %s", name.data()));
     }
     *path = name.data();
     *file = stream;
     std::lock_guard<std::mutex> lock(m_mutex);
     m_temps[std::this_thread::get_id()] = *path;
     return CUxError::Success();
+}
+
+CUxError ZxBlkBackingStore::noted(CUxError error) {
+    if (error.IsError()) {
+        std::lock_guard<std::mutex> lock(m_errorsMutex);
+        m_errors[std::this_thread::get_id()] = FXErrorUtil::Messages(error);
+    }
+    return error;
+}
+
+std::string ZxBlkBackingStore::takeLastError() {
+    std::lock_guard<std::mutex> lock(m_errorsMutex);
+    auto it = m_errors.find(std::this_thread::get_id());
+    if (it == m_errors.end()) return std::string();
+    std::string why = it->second;
+    m_errors.erase(it);
+    return why;
 }
 
 CUxError ZxBlkBackingStore::reserveTempFile(FILE* file, const std::string& path, unsigned long long bytes) {
@@ -157,7 +174,7 @@ CUxError ZxBlkBackingStore::reserveTempFile(FILE* file, const std::string& path,
         freed = evict(bytes);
         if (freed) status = FXFile::ZXReserveSpace(fileno(file), bytes, path);
     }
-    return status;
+    return noted(status);
 }
 
 void ZxBlkBackingStore::discardTemporary() {
@@ -176,10 +193,10 @@ CUxError ZxBlkBackingStore::makeParentDir(const std::string& path) {
     static const char* fn = "CUxError ZxBlkBackingStore::makeParentDir(const std::string&)";
     size_t slash = path.rfind('/');
     if (path.empty() || slash == std::string::npos)
-        return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "no directory in path '%s'", path.c_str());
+        return noted(FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "no directory in path '%s'", path.c_str()));
     std::lock_guard<std::mutex> lock(m_mutex);
     int err = ensureDirLocked(path.substr(0, slash));
-    if (err) return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot make the directory of %s", path.c_str());
+    if (err) return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot make the directory of %s", path.c_str()));
     return CUxError::Success();
 }
 
@@ -199,13 +216,13 @@ CUxError ZxBlkBackingStore::getExtentFileName(long long extentNumber, std::strin
 CUxError ZxBlkBackingStore::moveInExtentFile(const std::string& tempPath, long long extentNumber) {
     static const char* fn = "CUxError ZxBlkBackingStore::moveInExtentFile(const std::string&, long long)";
     if (extentNumber < 0)
-        return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "bad extent number %lld", extentNumber);
+        return noted(FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "bad extent number %lld", extentNumber));
     int fd = tempPath.empty() ? -1 : ::open(tempPath.c_str(), O_RDWR | O_CLOEXEC);
     struct stat st;
     if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         if (fd >= 0) ::close(fd);
-        return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR,
-                                       "no temporary file '%s' to move in as extent %lld", tempPath.c_str(), extentNumber);
+        return noted(FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR,
+                                       "no temporary file '%s' to move in as extent %lld", tempPath.c_str(), extentNumber));
     }
     unsigned long long size = static_cast<unsigned long long>(st.st_size);
     unsigned long long expected;
@@ -215,10 +232,10 @@ CUxError ZxBlkBackingStore::moveInExtentFile(const std::string& tempPath, long l
     }
     if (expected && size != expected) {
         ::close(fd);
-        return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR,
+        return noted(FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR,
                                        "temporary file %s holds %llu bytes, not the extent size %llu: not moved in "
                                        "as extent %lld",
-                                       tempPath.c_str(), size, expected, extentNumber);
+                                       tempPath.c_str(), size, expected, extentNumber));
     }
     releaseUnwritten(fd, st.st_size);
     ::close(fd);
@@ -240,13 +257,13 @@ CUxError ZxBlkBackingStore::moveInExtentFile(const std::string& tempPath, long l
         lock.lock();
     }
     if (excess())
-        return FXErrorUtil::ErrorWin32(BS_LOCATION(fn), 112 /*ERROR_DISK_FULL*/,
+        return noted(FXErrorUtil::ErrorWin32(BS_LOCATION(fn), 112 /*ERROR_DISK_FULL*/,
                                        "cache full: extent %lld (%llu bytes) does not fit in %llu of %llu bytes used",
-                                       extentNumber, size, m_used, m_capacity);
+                                       extentNumber, size, m_used, m_capacity));
     unsigned long long replaced = m_sizes.count(extentNumber) ? m_sizes[extentNumber] : 0;
     std::string folder = target.substr(0, target.rfind('/'));
     int err = ensureDirLocked(folder);
-    if (err) return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot make the directory of %s", target.c_str());
+    if (err) return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot make the directory of %s", target.c_str()));
     err = ::rename(tempPath.c_str(), target.c_str()) == 0 ? 0 : errno;
     if (err == ENOENT && ::access(tempPath.c_str(), F_OK) == 0) {
         // The folder was removed behind the store's back: make it again.
@@ -255,7 +272,7 @@ CUxError ZxBlkBackingStore::moveInExtentFile(const std::string& tempPath, long l
         if (!err) err = ::rename(tempPath.c_str(), target.c_str()) == 0 ? 0 : errno;
     }
     if (err)
-        return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot move %s to %s", tempPath.c_str(), target.c_str());
+        return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot move %s to %s", tempPath.c_str(), target.c_str()));
     m_used = m_used - replaced + size;
     m_extents.insert(extentNumber);
     m_sizes[extentNumber] = size;

@@ -29,6 +29,10 @@ public:
     // Removes the temporary file that the calling thread opened last, if it
     // was not moved in: what a failed read leaves behind.
     void discardTemporary();
+    // Why the calling thread's last call failed (creating, reserving or
+    // moving in a temporary file), once; "" when none failed since. The
+    // disk object logs such a failure and returns false; its host says why.
+    std::string takeLastError();
     // Extent files fan out over two levels of folders (256 x 256), so that a
     // disk of a million extents keeps a few dozen files per folder.
     CUxError getExtentFileName(long long extentNumber, std::string* name);
@@ -69,6 +73,8 @@ private:
     // Makes a folder and its parents; the folders made or found once are
     // remembered, so that an extent in a known folder costs no system call.
     int ensureDirLocked(const std::string& dir);
+    // Keeps a failure for takeLastError and passes it on.
+    CUxError noted(CUxError error);
     std::string m_dir;
     unsigned long long m_capacity;
     std::mutex m_mutex;
@@ -79,5 +85,7 @@ private:
     std::set<std::string> m_dirs;
     std::function<unsigned long long(unsigned long long)> m_evict;
     std::function<void(long long)> m_movedIn;
-    std::map<std::thread::id, std::string> m_temps;  // each reading thread's open temporary
+    std::map<std::thread::id, std::string> m_temps;   // each reading thread's open temporary
+    std::mutex m_errorsMutex;  // not m_mutex: a failure is noted where that is held
+    std::map<std::thread::id, std::string> m_errors;  // each thread's last failure
 };

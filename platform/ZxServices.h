@@ -1,11 +1,27 @@
 // The services that the closed interfaces reach (restore, extent lookup,
-// application records, index), as narrow interfaces with one registry slot
-// each. The platform never knows who implements them: the store registers its
-// implementations when it is opened, tests register scripted ones.
+// application records, index), as narrow interfaces, and the one router
+// through which the closed interfaces reach them.
+//
+// Every store that is open attaches its services to the router and gets a
+// route: a browse-path prefix of its own and ids of its own for its
+// records. The router sends each call to the store it belongs to: extent
+// lookups by the browse path of the copy, restore jobs by the extent path in
+// the request's source path, application records by id, index updates by
+// the client id the disk object reports. Any number of stores are attached at
+// once, and nothing of one is ever overwritten by another: two stores may
+// hold the same browse paths and the same subclient ids, the provider sees
+// them apart. What no attached store claims goes to the fallback services,
+// which tests set to scripted ones. The platform never knows who implements
+// the services.
 #pragma once
 #include <boost/shared_ptr.hpp>
+#include <cstdint>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
+
 #include "platform/SCParams.h"
 
 class CRestoreTarget;
@@ -84,14 +100,102 @@ public:
                        databrowse::BrowseResponse& response) = 0;
 };
 
-// Registry slots; thread-safe. Setting an empty pointer clears the slot.
-void setRestoreService(std::shared_ptr<RestoreService> service);
-std::shared_ptr<RestoreService> restoreService();
-void setExtentLookupService(std::shared_ptr<ExtentLookupService> service);
-std::shared_ptr<ExtentLookupService> extentLookupService();
-void setRecordsService(std::shared_ptr<RecordsService> service);
-std::shared_ptr<RecordsService> recordsService();
-void setIndexService(std::shared_ptr<IndexService> service);
-std::shared_ptr<IndexService> indexService();
+// The services of one store (or of a test); any of them may be missing.
+struct ServiceSet {
+    std::shared_ptr<RestoreService> restore;
+    std::shared_ptr<ExtentLookupService> lookup;
+    std::shared_ptr<RecordsService> records;
+    std::shared_ptr<IndexService> index;
+};
+
+class ServiceRouter;
+
+// A store's place in the router. The store keeps it for as long as its
+// services answer; destroying it detaches them. The router holds the
+// services weakly, so a store that goes away is never called again.
+class ServiceRoute {
+public:
+    ~ServiceRoute();
+    ServiceRoute(const ServiceRoute&) = delete;
+    ServiceRoute& operator=(const ServiceRoute&) = delete;
+
+    // Put in front of the store's own browse paths ("/store3"): the paths
+    // the provider is given, and that come back in its calls.
+    const std::string& prefix() const { return m_prefix; }
+    // The store's own path for one routed to it: the prefix (and an
+    // "EXTENTVIEW" tag in front of it) taken off; "" when it is not one of
+    // this route's paths.
+    std::string localPath(const std::string& routed) const;
+    // The id under which the provider asks for one of the store's own
+    // subclients; the same for as long as the route lives.
+    uint32_t appId(uint32_t localAppId);
+
+private:
+    friend class ServiceRouter;
+    ServiceRoute(ServiceRouter& router, unsigned number, std::string prefix)
+        : m_router(router), m_number(number), m_prefix(std::move(prefix)) {}
+    ServiceRouter& m_router;
+    unsigned m_number;
+    std::string m_prefix;
+};
+
+// What an id handed to the provider stands for.
+enum class RecordKind { Subclient, Client, Instance, BackupSet };
+
+class ServiceRouter {
+public:
+    // The one router the closed interfaces call; it lives as long as the process.
+    static ServiceRouter& instance();
+
+    // Attaches a store's services under a prefix and ids of their own.
+    std::shared_ptr<ServiceRoute> attach(const ServiceSet& services);
+    // Services for whatever no attached store claims; an empty set clears them.
+    void setFallback(const ServiceSet& services);
+    ServiceSet fallback();
+    // How many stores are attached now.
+    size_t attached();
+
+    // What the closed interfaces call, each sent to the store it belongs to.
+    bool openBrowse(const SCParams& params, const std::string& path, std::string& whyNot);
+    int lookup(const SCParams& params, const std::string& path, unsigned long long extent, unsigned long long& first,
+               unsigned long long& second, std::string& whyNot);
+    bool submit(const RecallJob& job, std::string& whyNot);
+    bool subclient(uint32_t appId, AppIdInfo& info);
+    bool recordName(RecordKind kind, uint64_t id, std::string& name);
+    int indexInitialize(const databrowse::BrowseRequest& request, std::string& whyNot);
+    int indexUpdate(const databrowse::BrowseRequest& browse, const Indexing::IdxLiveUpdateReq& update,
+                    databrowse::BrowseResponse& response, std::string& whyNot);
+
+private:
+    friend class ServiceRoute;
+    struct Route {
+        unsigned number = 0;
+        std::string prefix;
+        std::weak_ptr<RestoreService> restore;
+        std::weak_ptr<ExtentLookupService> lookup;
+        std::weak_ptr<RecordsService> records;
+        std::weak_ptr<IndexService> index;
+        // Ids handed to the provider, by kind: the store's own id -> the routed one.
+        std::map<uint64_t, uint64_t> routed[4];
+    };
+    // Where a routed id leads: the route's number and the store's own id.
+    struct Owner {
+        unsigned route = 0;
+        uint64_t local = 0;
+    };
+    ServiceRouter() = default;
+    void detach(unsigned number);
+    // The route whose prefix the path starts with; null when none does.
+    Route* routeOfPath(const std::string& path);
+    Route* routeOfId(RecordKind kind, uint64_t id, uint64_t* local);
+    uint64_t routedId(Route& route, RecordKind kind, uint64_t local);
+
+    std::mutex m_mutex;
+    unsigned m_nextRoute = 1;
+    std::vector<Route> m_routes;
+    std::map<uint64_t, Owner> m_owners[4];
+    uint64_t m_nextId[4] = {1, 1, 1, 1};
+    ServiceSet m_fallback;
+};
 
 }  // namespace zxblk

@@ -24,7 +24,6 @@ const char* const kCatalogName = "catalog.json";
 // Far above any real catalog; a bigger file is not one.
 const uint64_t kMaxCatalogBytes = 256ull << 20;
 
-std::string catalogPath(const std::string& storeDir) { return storeDir + "/" + kCatalogName; }
 
 namespace {
 
@@ -118,12 +117,11 @@ void checkInvariants(const Catalog& c, const Reader& r) {
 
 }  // namespace
 
-Catalog Catalog::load(const std::string& storeDir) {
+Catalog Catalog::load(const Storage& storage) {
     Catalog c;
-    std::shared_ptr<Storage> storage = Storage::at(storeDir);
-    std::string path = storage->describe(kCatalogName), text;
+    std::string path = storage.describe(kCatalogName), text;
     // No catalog: an empty store (import makes one so).
-    if (!storage->readWhole(kCatalogName, kMaxCatalogBytes, text)) return c;
+    if (!storage.readWhole(kCatalogName, kMaxCatalogBytes, text)) return c;
     Reader r{path};
     json j;
     try {
@@ -159,8 +157,7 @@ Catalog Catalog::load(const std::string& storeDir) {
         s.appType = static_cast<int32_t>(r.u64(subs[i], "appType", where, INT32_MAX));
         c.subclients[s.id] = s;
     }
-    std::map<std::pair<dev_t, ino_t>, std::string> files;
-    std::map<std::string, std::string> objects;
+    std::map<std::string, std::string> files;  // by identity
     const json& disks = r.member(j, "disks", "");
     if (!disks.is_array()) r.fail("disks", "not a list");
     for (size_t i = 0; i < disks.size(); ++i) {
@@ -207,14 +204,11 @@ Catalog Catalog::load(const std::string& storeDir) {
             // A file that is gone fails the reads that need it, and `list`
             // shows it as missing; it does not make the rest of the store
             // unreadable. Two records naming one file do.
-            struct stat st;
-            if (storage->remote()) {
-                // Objects have one spelling.
-                auto seen = objects.emplace(cr.file, copyAt(i, k));
-                if (!seen.second) r.fail(cw + "file", cr.file + " is also the file of " + seen.first->second);
-            } else if (::stat((storeDir + "/" + cr.file).c_str(), &st) == 0) {
-                // By inode, so that another spelling of a path or a hard link is the same file too.
-                auto seen = files.emplace(std::make_pair(st.st_dev, st.st_ino), copyAt(i, k));
+            // By identity, so that another spelling of a path, or a hard link,
+            // is the same file too.
+            std::string identity = storage.identity(cr.file);
+            if (!identity.empty()) {
+                auto seen = files.emplace(identity, copyAt(i, k));
                 if (!seen.second) r.fail(cw + "file", cr.file + " is also the file of " + seen.first->second);
             }
             d.copies.push_back(cr);
@@ -225,7 +219,7 @@ Catalog Catalog::load(const std::string& storeDir) {
     return c;
 }
 
-void Catalog::save(const std::string& storeDir, const std::function<void()>& beforeReplace) const {
+void Catalog::save(const Storage& storage) const {
     json j;
     j["version"] = static_cast<int>(kVersion);
     j["nextArchiveFileId"] = nextArchiveFileId;
@@ -259,7 +253,7 @@ void Catalog::save(const std::string& storeDir, const std::function<void()>& bef
         }
         j["disks"].push_back(dj);
     }
-    Storage::at(storeDir)->replace(kCatalogName, j.dump(2) + "\n", beforeReplace);
+    storage.replace(kCatalogName, j.dump(2) + "\n");
 }
 
 uint64_t Catalog::takeArchiveFileId() {
@@ -311,7 +305,7 @@ bool Catalog::findCopy(const std::string& browsePath, const DiskRecord** disk, c
     return false;
 }
 
-StoreLock::StoreLock(const std::string& storeDir) : m_lock(Storage::at(storeDir)->lock()) {}
+StoreLock::StoreLock(const Storage& storage) : m_lock(storage.lock()) {}
 
 StoreLock::~StoreLock() = default;
 

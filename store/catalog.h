@@ -74,10 +74,9 @@ struct Catalog {
     // store's invariants (a disk without snapshots, a name or id used twice,
     // a counter below an id in use, sizes that disagree, a broken chain),
     // throws StoreError.
-    static Catalog load(const std::string& storeDir);
-    // Writes the catalog whole and renames it into place. `beforeReplace`
-    // runs when the new catalog is on disk and the old one still in place.
-    void save(const std::string& storeDir, const std::function<void()>& beforeReplace = nullptr) const;
+    static Catalog load(const Storage& storage);
+    // Replaces the catalog whole: a reader sees the old one or the new one.
+    void save(const Storage& storage) const;
     // An id above every one in use, even when the counter was wound back.
     uint64_t takeArchiveFileId();
     uint64_t takeDiskId();
@@ -91,13 +90,12 @@ struct Catalog {
 // The catalog's name in a store, and the largest a catalog may be.
 extern const char* const kCatalogName;
 extern const uint64_t kMaxCatalogBytes;
-std::string catalogPath(const std::string& storeDir);
 
 // Serializes changes to one store between processes and hosts (flock on
 // DIR/.lock; a lock object on S3).
 class StoreLock {
 public:
-    explicit StoreLock(const std::string& storeDir);
+    explicit StoreLock(const Storage& storage);
     ~StoreLock();
     StoreLock(const StoreLock&) = delete;
     StoreLock& operator=(const StoreLock&) = delete;

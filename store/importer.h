@@ -3,6 +3,7 @@
 // checked before the store changes; a failed import leaves it as it was (and
 // a store folder it made is removed). An import that died half way leaves at
 // most files that the catalog does not name, which the next import removes.
+// A folder store and one on S3 are imported alike, through their Storage.
 #pragma once
 #include <cstdint>
 #include <functional>
@@ -32,8 +33,9 @@ struct ImportOptions {
     std::function<void(uint64_t done, uint64_t total)> progress;
 };
 
+class Storage;
 // Returns one line per imported snapshot. Throws StoreError.
-std::vector<std::string> importImages(const std::string& storeDir, const std::string& diskName,
+std::vector<std::string> importImages(const Storage& storage, const std::string& diskName,
                                       const std::vector<std::string>& images, const ImportOptions& options);
 
 }  // namespace zxblk

@@ -32,8 +32,9 @@ struct Statement {
 // in a local folder of its own (an SQLite file needs a local file system),
 // $XDG_CACHE_HOME/zxblk/index/ (~/.cache/zxblk/index/) and the store's URL
 // with '/' made '_'.
-std::string indexFile(const std::string& store) {
-    if (!Storage::isRemote(store)) return store + "/index.sqlite";
+std::string indexFile(const Storage& storage) {
+    const std::string& store = storage.location();
+    if (!storage.remote()) return store + "/index.sqlite";
     const char* xdg = std::getenv("XDG_CACHE_HOME");
     const char* home = std::getenv("HOME");
     std::string dir = xdg && *xdg ? std::string(xdg) + "/zxblk/index" : std::string(home ? home : "/tmp") + "/.cache/zxblk/index";
@@ -46,7 +47,7 @@ std::string indexFile(const std::string& store) {
 
 }  // namespace
 
-SqliteIndexService::SqliteIndexService(const std::string& storeDir) : m_path(indexFile(storeDir)) {
+SqliteIndexService::SqliteIndexService(const Storage& storage) : m_path(indexFile(storage)) {
     if (sqlite3_open_v2(m_path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                         nullptr) != SQLITE_OK) {
         std::string why = m_db ? sqlite3_errmsg(m_db) : "out of memory";

@@ -12,6 +12,8 @@ struct sqlite3;
 
 namespace zxblk {
 
+class Storage;
+
 struct IndexRow {
     std::string disk;
     uint64_t diskId = 0;
@@ -24,8 +26,9 @@ struct IndexRow {
 
 class SqliteIndexService : public IndexService {
 public:
-    // Opens (or makes) DIR/index.sqlite; throws StoreError.
-    explicit SqliteIndexService(const std::string& storeDir);
+    // Opens (or makes) the store's index: DIR/index.sqlite in a folder
+    // store, a local file for a store on S3; throws StoreError.
+    explicit SqliteIndexService(const Storage& storage);
     ~SqliteIndexService() override;
 
     int initialize(const databrowse::BrowseRequest& request) override;

@@ -8,8 +8,9 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <map>
-#include <mutex>
+#include <algorithm>
+#include <cstdlib>
+#include <set>
 
 #include "store/fd_io.h"
 #include "store/s3_storage.h"
@@ -67,6 +68,116 @@ void fsyncPath(const std::string& path, int flags) {
         ::close(fd);
     }
 }
+
+// A folder store's new files are written beside their final names and
+// renamed into place: no copy, and a name is either absent or whole.
+class FolderStaging : public Storage::Staging {
+public:
+    explicit FolderStaging(const std::string& dir) : m_dir(dir) {
+        // What this import makes of the store's place goes again when it
+        // fails, unless another import has made the folder a store meanwhile.
+        m_madeStore = ::mkdir(dir.c_str(), 0755) == 0;
+        if (!m_madeStore && errno != EEXIST) throw StoreError(errnoText(dir));
+        m_madeLock = ::access((dir + "/.lock").c_str(), F_OK) != 0;
+        for (const char* folder : {"/snapshots", "/sums"}) {
+            if (::mkdir((dir + folder).c_str(), 0755) == 0)
+                m_madeFolders.push_back(dir + folder);
+            else if (errno != EEXIST)
+                throw StoreError(errnoText(dir + folder));
+        }
+    }
+    ~FolderStaging() override {
+        for (const std::string& name : m_written) ::unlink((m_dir + "/" + name + ".partial").c_str());
+        if (m_kept) return;
+        for (const std::string& name : m_published) ::unlink((m_dir + "/" + name).c_str());
+        if (::access((m_dir + "/catalog.json").c_str(), F_OK) != 0) {
+            std::error_code ec;
+            if (m_madeStore) std::filesystem::remove_all(m_dir, ec);
+            if (m_madeLock) ::unlink((m_dir + "/.lock").c_str());
+        }
+        for (auto it = m_madeFolders.rbegin(); it != m_madeFolders.rend(); ++it) ::rmdir(it->c_str());  // only when empty
+    }
+    std::string pathFor(const std::string& name) override {
+        m_written.push_back(name);
+        return m_dir + "/" + name + ".partial";
+    }
+    std::string publish(const std::string& name) override {
+        std::string final = m_dir + "/" + name;
+        struct stat st;
+        if (::stat(final.c_str(), &st) == 0) throw StoreError(final + ": already exists, named by the catalog for another snapshot");
+        if (::rename((final + ".partial").c_str(), final.c_str()) != 0) throw StoreError(errnoText(final));
+        m_written.erase(std::find(m_written.begin(), m_written.end(), name));
+        m_published.push_back(name);
+        return std::string();
+    }
+    // The new names reach the disk before the catalog that refers to them.
+    void commit() override {
+        std::set<std::string> folders;
+        for (const std::string& name : m_published)
+            folders.insert(m_dir + "/" + name.substr(0, name.find_last_of('/') + 1));
+        for (const std::string& folder : folders) {
+            int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            if (fd < 0 || ::fsync(fd) != 0) {
+                int err = errno;
+                if (fd >= 0) ::close(fd);
+                throw StoreError(folder + ": cannot sync the folder: " + std::strerror(err));
+            }
+            ::close(fd);
+        }
+    }
+    void keep() override { m_kept = true; }
+
+private:
+    std::string m_dir;
+    bool m_madeStore = false, m_madeLock = false, m_kept = false;
+    std::vector<std::string> m_madeFolders, m_written, m_published;
+};
+
+// Elsewhere new objects are written to a local temporary folder and
+// uploaded; a failed import removes what it uploaded.
+class UploadStaging : public Storage::Staging {
+public:
+    explicit UploadStaging(const Storage& storage) : m_storage(storage) {
+        const char* tmp = std::getenv("TMPDIR");
+        m_dir = std::string(tmp && *tmp ? tmp : "/tmp") + "/zxblk-import-XXXXXX";
+        if (!::mkdtemp(&m_dir[0])) throw StoreError(errnoText(m_dir));
+    }
+    ~UploadStaging() override {
+        std::error_code ec;
+        std::filesystem::remove_all(m_dir, ec);
+        if (m_kept) return;
+        for (const std::string& name : m_published) {
+            try {
+                m_storage.remove(name);
+            } catch (const StoreError&) {
+                // Not named by any catalog: the next import removes it.
+            }
+        }
+    }
+    std::string pathFor(const std::string& name) override {
+        std::string p = m_dir + "/" + name;
+        std::error_code ec;
+        std::filesystem::create_directories(std::filesystem::path(p).parent_path(), ec);
+        if (ec) throw StoreError(p + ": " + ec.message());
+        return p;
+    }
+    std::string publish(const std::string& name) override {
+        if (m_storage.stat(name).exists)
+            throw StoreError(m_storage.describe(name) + ": already exists, named by the catalog for another snapshot");
+        std::string etag = m_storage.upload(name, m_dir + "/" + name);
+        m_published.push_back(name);
+        ::unlink((m_dir + "/" + name).c_str());  // the local copy is no longer needed
+        return etag;
+    }
+    void commit() override {}
+    void keep() override { m_kept = true; }
+
+private:
+    const Storage& m_storage;
+    std::string m_dir;
+    bool m_kept = false;
+    std::vector<std::string> m_published;
+};
 
 class FolderStorage : public Storage {
 public:
@@ -160,6 +271,14 @@ public:
 
     StorageStats stats() const override { return StorageStats(); }
 
+    std::string identity(const std::string& name) const override {
+        struct stat st;
+        if (::stat(path(name).c_str(), &st) != 0) return std::string();
+        return std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
+    }
+
+    std::unique_ptr<Staging> stage() const override { return std::unique_ptr<Staging>(new FolderStaging(location())); }
+
     class FolderLock : public Lock {
     public:
         explicit FolderLock(const std::string& dir) {
@@ -196,21 +315,16 @@ FileStamp FileStamp::of(const struct stat& st) {
 
 bool Storage::isRemote(const std::string& location) { return location.compare(0, 5, "s3://") == 0; }
 
-std::shared_ptr<Storage> Storage::at(const std::string& location) {
-    if (!isRemote(location)) return std::make_shared<FolderStorage>(location);
-    // One per bucket and prefix: its connections and its statistics are shared.
-    static std::mutex mutex;
-    static std::map<std::string, std::shared_ptr<Storage>> remotes;
-    std::lock_guard<std::mutex> lock(mutex);
-    auto it = remotes.find(location);
-    if (it != remotes.end()) return it->second;
-    // One pool of S3 connections for every store opened here (temporary,
-    // until the caller hands its own in).
-    static const std::shared_ptr<S3Connections> connections = makeS3Connections();
-    std::shared_ptr<Storage> s = openS3Storage(location, connections);
-    remotes[location] = s;
-    return s;
+std::shared_ptr<Storage> openFolderStorage(const std::string& dir) { return std::make_shared<FolderStorage>(dir); }
+
+std::shared_ptr<Storage> openStorage(const std::string& location, const std::shared_ptr<S3Connections>& connections) {
+    if (!Storage::isRemote(location)) return openFolderStorage(location);
+    return openS3Storage(location, connections);
 }
+
+std::string Storage::identity(const std::string& name) const { return stat(name).exists ? name : std::string(); }
+
+std::unique_ptr<Storage::Staging> Storage::stage() const { return std::unique_ptr<Staging>(new UploadStaging(*this)); }
 
 std::string Storage::describe(const std::string& name) const {
     return m_location + (m_location.empty() || m_location.back() == '/' ? "" : "/") + name;

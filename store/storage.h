@@ -1,8 +1,8 @@
 // Where a store keeps its catalog, snapshot files and checksum files: a
-// folder, or a bucket and prefix on S3 ("s3://BUCKET/PREFIX"). Everything
-// above store/ names a store by that one string; the store reaches its
-// objects through Storage and does not care which kind it is. Object names
-// are relative: "catalog.json", "snapshots/web01-snap0.vhd".
+// folder, or a bucket and prefix on S3 ("s3://BUCKET/PREFIX"). The store's
+// catalog, services and importer are given its Storage and reach every
+// object through it, whichever kind it is. Object names are relative:
+// "catalog.json", "snapshots/web01-snap0.vhd".
 #pragma once
 #include <sys/stat.h>
 
@@ -59,10 +59,7 @@ struct StorageStats {
 
 class Storage {
 public:
-    // The storage of a store location: a folder path or s3://BUCKET/PREFIX.
-    // One object per location per process (S3's connections are shared).
-    // Throws StoreError for a malformed URL or missing S3 credentials.
-    static std::shared_ptr<Storage> at(const std::string& location);
+    // Whether a store location names S3 (s3://BUCKET/PREFIX) rather than a folder.
     static bool isRemote(const std::string& location);
 
     virtual ~Storage() = default;
@@ -80,9 +77,12 @@ public:
     // The whole object, refused when larger than `most` bytes; false when it
     // does not exist.
     virtual bool readWhole(const std::string& name, uint64_t most, std::string& out) const = 0;
+    // What tells one object from another whatever its name is spelled
+    // like: a file's device and inode (a hard link is the same file), an
+    // object's key. Empty when there is no such object.
+    virtual std::string identity(const std::string& name) const;
     // Creates or replaces the object whole: a reader sees the old bytes or
-    // the new ones, never a mix. `beforeReplace` runs once the new bytes are
-    // stored and before they replace the old (a test's crash point).
+    // the new ones, never a mix.
     virtual void replace(const std::string& name, const std::string& data,
                          const std::function<void()>& beforeReplace = nullptr) const = 0;
     // Stores the local file `path` under `name` (on S3 in parts, several in
@@ -94,6 +94,30 @@ public:
     // Every object name under the prefix.
     virtual std::vector<std::string> list(const std::string& prefix) const = 0;
     virtual StorageStats stats() const = 0;
+
+    // The new objects of an import. Each is written to a local file that
+    // the staging names, then published under its name (a folder renames
+    // it into place, S3 uploads it). Until keep(), dropping the staging
+    // removes every object it wrote or published, and a store folder it
+    // had to make when nothing made it a store meanwhile: a failed import
+    // leaves nothing that the catalog does not name.
+    class Staging {
+    public:
+        virtual ~Staging() = default;
+        // The local file to write object `name` into; its folder exists.
+        virtual std::string pathFor(const std::string& name) = 0;
+        // Puts the file written for `name` in place; returns its ETag ("" for
+        // a file). An object of that name already there is refused.
+        virtual std::string publish(const std::string& name) = 0;
+        // Makes what was published durable, before a catalog names it.
+        virtual void commit() = 0;
+        // The import succeeded: what was published stays.
+        virtual void keep() = 0;
+    };
+    // Makes the store's place where it is missing (a folder and its
+    // subfolders); throws StoreError. By default the files are written in
+    // a local temporary folder and uploaded.
+    virtual std::unique_ptr<Staging> stage() const;
 
     // Held while the catalog is read, changed and replaced, so that two
     // writers never lose each other's snapshots.
@@ -112,5 +136,14 @@ private:
 
 // A local file, opened for reading.
 std::unique_ptr<ObjectReader> openLocalFile(const std::string& path);
+
+class S3Connections;
+// A store kept in a folder.
+std::shared_ptr<Storage> openFolderStorage(const std::string& dir);
+// The storage of a store location, a folder or s3://BUCKET/PREFIX; stores on
+// S3 reach it through `connections`, whose pools are shared by every store
+// on one endpoint. Throws StoreError for a malformed URL or missing S3
+// credentials.
+std::shared_ptr<Storage> openStorage(const std::string& location, const std::shared_ptr<S3Connections>& connections);
 
 }  // namespace zxblk

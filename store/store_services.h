@@ -1,7 +1,8 @@
-// The services of a backup store, as the platform reaches them: extent
-// lookup (which copy holds an extent), the restore service that streams
-// extents into restore targets on worker threads of its own, and the
-// application records.
+// The services of one backup store, as the platform reaches them through its
+// router: extent lookup (which copy holds an extent), the restore service
+// that streams extents into restore targets on worker threads of its own,
+// the application records and the extent index. One object per open store,
+// shared by every disk of it that is open in the process.
 #pragma once
 #include <atomic>
 #include <condition_variable>
@@ -9,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,29 +35,50 @@ public:
         unsigned workers = 4;
         unsigned writeSize = 64 * 1024;  // bytes per Write call
     };
-    // Loads and checks the catalog; throws StoreError.
-    static std::shared_ptr<StoreServices> open(const std::string& storeDir, Options options);
-    static std::shared_ptr<StoreServices> open(const std::string& storeDir) { return open(storeDir, Options()); }
+    // Loads and checks the catalog and attaches the services to the
+    // platform's router; throws StoreError.
+    static std::shared_ptr<StoreServices> open(std::shared_ptr<const Storage> storage, Options options);
+    static std::shared_ptr<StoreServices> open(std::shared_ptr<const Storage> storage) {
+        return open(std::move(storage), Options());
+    }
     ~StoreServices() override;
 
-    // Puts these services in the platform's registry slots (and takes them
-    // out again). Only one store is registered at a time.
-    void registerWithPlatform();
-    void unregisterFromPlatform();
-    // Stops the workers; queued recalls complete with an error.
+    // Stops the workers; queued recalls complete with an error, and new
+    // ones are refused. The services leave the router when they go.
     void shutdown();
+    // Every disk object of the disks open on this store may have a recall
+    // in flight: a disk reserves workers for its objects (the store runs at
+    // least as many as are reserved, at most 64) and gives them back.
+    void reserveWorkers(unsigned count);
+    void releaseWorkers(unsigned count);
+    // Waits until no recall submitted with this callback context is queued
+    // or running: a disk object must not go while one may still call it
+    // back. Its queued recalls complete at once, with an error.
+    void forget(const void* context);
 
     const Catalog& catalog() const { return m_catalog; }
-    const std::string& directory() const { return m_dir; }
+    const Storage& storage() const { return *m_storage; }
+    const std::string& location() const { return m_storage->location(); }
     RestoreStats stats() const;
     // The store's extent index, or null when it could not be opened.
     std::shared_ptr<SqliteIndexService> index() const { return m_index; }
+    // The browse path under which the provider reaches a copy, and the
+    // subclient id it is given for a disk: the store's own, routed.
+    std::string routedPath(const CopyRecord& copy) const;
+    uint32_t routedAppId(const DiskRecord& disk) const;
 
     // Whether any snapshot of the disk up to `snapshot` keeps a byte of
     // [offset, offset + length) in its file; where none does, the disk
     // reads as zeros. True when a file cannot be read: the recall then
     // says why.
     bool holdsData(const DiskRecord& disk, int snapshot, uint64_t offset, uint64_t length);
+    // The smallest VHD block among the disk's snapshots up to `snapshot`; 0
+    // when all are fixed or raw (or cannot be read).
+    uint64_t smallestBlock(const DiskRecord& disk, int snapshot);
+    // Why the last recall of disk extent `extent` failed, as the lookup or
+    // the restore that failed said it; nothing when neither said anything.
+    // Each cause is told once.
+    std::optional<StoreError> takeFailure(const DiskRecord& disk, int snapshot, uint64_t extent);
 
     // ExtentLookupService
     bool open(const SCParams& params, const std::string& path, std::string& whyNot) override;
@@ -70,39 +93,48 @@ public:
     bool backupSetName(uint64_t id, std::string& name) override;
 
 private:
-    StoreServices(const std::string& dir, Catalog catalog, Options options);
-    // The copy's file, opened and checked against its catalog record once,
-    // and again whenever the file has changed since; throws StoreError.
-    // The copy's open image, checked against its record; `recheck` false
-    // takes one already open without asking whether its file changed.
+    StoreServices(std::shared_ptr<const Storage> storage, Catalog catalog, Options options);
+    // The copy's open image, checked against its catalog record once, and
+    // again whenever its file has changed since; `recheck` false takes one
+    // already open without asking whether its file changed. Throws StoreError.
     std::shared_ptr<VhdImage> image(const CopyRecord& copy, bool recheck = true);
+    // The store's own path for a routed one.
+    std::string localPath(const std::string& routed) const;
     void work();
     void run(const RecallJob& job);
     // Streams one copy extent into the job's target; returns "" or why not.
     std::string stream(const RecallJob& job, uint64_t& bytes);
+    void noteFailure(const std::string& extentPath, const StoreError& cause);
 
-    std::string m_dir;
+    std::shared_ptr<const Storage> m_storage;
     Catalog m_catalog;
     Options m_options;
+    std::shared_ptr<ServiceRoute> m_route;
     std::shared_ptr<SqliteIndexService> m_index;
     std::mutex m_imagesMutex;
     std::map<uint64_t, std::shared_ptr<VhdImage>> m_images;
     std::mutex m_queueMutex;
     std::condition_variable m_queueCond;
     std::deque<RecallJob> m_queue;
+    std::map<const void*, unsigned> m_running;  // recalls running, by callback context
     bool m_stopping = false;
+    unsigned m_reserved = 0;
     std::vector<std::thread> m_workers;
     std::atomic<uint64_t> m_jobs{0}, m_failures{0}, m_bytes{0};
+    // Why recalls failed, by the store's own extent path
+    // ("/client/subclient/disk/snapN/ExtentK"), oldest first, a bounded few.
+    std::mutex m_failuresMutex;
+    std::deque<std::pair<std::string, StoreError>> m_failureNotes;
 };
 
 // The checksums recorded for a copy's file at import, checked against the
 // catalog's record of the side file; null for a copy imported before they
 // were kept. Throws StoreError naming the side file.
-std::shared_ptr<const BlockSums> loadBlockSums(const std::string& storeDir, const CopyRecord& copy, const VhdImage& img);
+std::shared_ptr<const BlockSums> loadBlockSums(const Storage& storage, const CopyRecord& copy, const VhdImage& img);
 // Opens snapshot `index` of the disk, checks the file against its catalog
 // record and attaches its checksums (or why they cannot be used, which then
 // fails every verification). Throws StoreError.
-std::shared_ptr<VhdImage> openCopyImage(const std::string& storeDir, const DiskRecord& disk, size_t index);
+std::shared_ptr<VhdImage> openCopyImage(const Storage& storage, const DiskRecord& disk, size_t index);
 
 // Parts of a recall metadata string "1:2:0:<afid>:<pos>:1:<len>:<path>".
 struct RecallMetadata {

@@ -102,6 +102,7 @@ VhdImage& VhdImage::operator=(VhdImage&& o) noexcept {
         m_sparse = std::move(o.m_sparse);
         m_sums = std::move(o.m_sums);
         m_sumsError = std::move(o.m_sumsError);
+        m_note = std::move(o.m_note);
         m_verified = std::move(o.m_verified);
         m_verifyLocks = std::move(o.m_verifyLocks);
     }
@@ -212,7 +213,7 @@ VhdImage VhdImage::open(std::unique_ptr<ObjectReader> reader, bool raw, uint64_t
     img.m_kind = footer.type == 3 ? ImageKind::Dynamic : ImageKind::Differencing;
     img.readDynamic(footer.dataOffset);
     // Said only of a file that is otherwise sound: a refused one gets one line.
-    if (!note.empty()) LogSink::write(0, "VhdImage", img.m_path + ": " + note);
+    img.m_note = note;
     return img;
 }
 

@@ -86,6 +86,10 @@ public:
     uint64_t fileSize() const { return m_stamp.size; }
     // The file as it was when it was opened and checked.
     const FileStamp& stamp() const { return m_stamp; }
+    // What the reader worked around to open the file, for its user to hear
+    // ("the footer copy at offset 0 is damaged (...); using the footer at
+    // the end"); empty for a sound file.
+    const std::string& note() const { return m_note; }
     // Whether the name still refers to the object opened (see ObjectReader).
     bool current() const { return m_reader->current(); }
     uint32_t blockSize() const { return m_blockSize; }  // 0 for raw and fixed
@@ -150,6 +154,7 @@ private:
     std::string m_path;
     std::unique_ptr<ObjectReader> m_reader;
     FileStamp m_stamp;
+    std::string m_note;
     ImageKind m_kind = ImageKind::Raw;
     uint64_t m_size = 0;
     uint32_t m_blockSize = 0;

@@ -5,6 +5,7 @@
 #include "store/catalog.h"
 #include "zxblk/zxblk.h"
 #include "store/index_service.h"
+#include "store/s3_storage.h"
 #include "tools/commands.h"
 
 namespace zxblk {
@@ -23,7 +24,7 @@ void registerIndexCommand(CLI::App& app) {
         applyCommonOptions();
         // A folder that is not a store, or a disk it lacks, is said as list says it.
         Store::open(store).disk(disk);
-        SqliteIndexService index(store);
+        SqliteIndexService index(*openStorage(store, makeS3Connections()));
         auto rows = index.rows(disk, snapshot, kind);
         if (commonOptions().json) {
             nlohmann::json out = nlohmann::json::array();

@@ -26,6 +26,7 @@
 
 #include "framework/AutoHandles.h"
 #include "host/disk_host.h"
+#include "store/s3_storage.h"
 #include "platform/Log.h"
 #include "platform/ZXPlatformInfo.h"
 #include "tools/commands.h"
@@ -328,7 +329,6 @@ void serve(const MountArgs& a, int& readyFd) {
     // the configuration says otherwise.
     ZXPlatformInfo::setHostDefault("VirtualServer", "bEnableMetadataRestoreOptimization", "true");
     HostOptions options;
-    options.storeDir = a.store;
     options.disk = a.disk;
     options.snapshot = a.snapshot;
     options.cacheDir = a.cache;
@@ -338,11 +338,15 @@ void serve(const MountArgs& a, int& readyFd) {
     options.cacheLimit = a.cacheLimit;
     options.mountPoint = a.mountpoint;
     options.dropCacheAtEnd = a.dropCache;
-    std::unique_ptr<DiskHost> host(new DiskHost(options));
+    std::unique_ptr<DiskHost> host(new DiskHost(StoreServices::open(openStorage(canonicalLocation(a.store), makeS3Connections())), options));
 
+    if (readyFd < 0)
+        for (const std::string& notice : host->notices()) std::fprintf(stderr, "zxblk: %s\n", notice.c_str());
     std::string logFile = a.logFile;
     if (logFile.empty() && readyFd >= 0) logFile = host->cacheDir() + "/mount.log";
     if (!logFile.empty() && !LogSink::setFile(logFile)) throw StoreError(logFile + ": cannot write the log there");
+    // A log file of its own keeps errors and summaries unless told otherwise.
+    if (!logFile.empty() && !commonOptions().logLevelSet) LogSink::setLevel(std::max(LogSink::level(), 0));
     if (a.prefetch) {
         std::vector<uint64_t> extents;
         if (host->services().index())
@@ -387,6 +391,7 @@ void serve(const MountArgs& a, int& readyFd) {
                          " (disk.raw, " + std::to_string(host->size()) + " bytes; cache " + host->cacheDir();
     std::string ready = "log: " + logFile + (a.dropCache ? " (it goes with the cache)" : "") +
                         "; unmount with: fusermount3 -u " + a.mountpoint;
+    for (const std::string& notice : host->notices()) ready += "\nnote: " + notice;
     if (readyFd >= 0) {
         int null = ::open("/dev/null", O_RDWR);
         if (null >= 0) {
@@ -478,7 +483,19 @@ void startDaemon(const MountArgs& a) {
         if (n > 0) reply.append(buf, static_cast<size_t>(n));
     ::close(fds[0]);
     if (!reply.empty() && reply[0] == '+') {
-        std::printf("%s\n", reply.c_str() + 1);
+        // Notes on how the disk was opened go where errors go.
+        std::string out;
+        size_t at = 1;
+        for (size_t end; at < reply.size(); at = end + 1) {
+            end = reply.find('\n', at);
+            if (end == std::string::npos) end = reply.size();
+            std::string line = reply.substr(at, end - at);
+            if (line.compare(0, 6, "note: ") == 0)
+                std::fprintf(stderr, "zxblk: %s\n", line.substr(6).c_str());
+            else
+                out += line + "\n";
+        }
+        std::printf("%s", out.c_str());
         return;
     }
     int status = 0;

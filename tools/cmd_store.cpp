@@ -4,6 +4,7 @@
 
 #include "store/catalog.h"
 #include "store/importer.h"
+#include "store/s3_storage.h"
 #include "tools/commands.h"
 
 namespace zxblk {
@@ -56,7 +57,7 @@ void registerImportCommand(CLI::App& app) {
                 progress = std::make_unique<Progress>("import " + (images.size() == 1 ? images.front() : disk), total);
             progress->update(done);
         };
-        std::vector<std::string> lines = importImages(store, disk, images, run);
+        std::vector<std::string> lines = importImages(*openStorage(store, makeS3Connections()), disk, images, run);
         if (progress) progress->finish();
         for (const std::string& line : lines) std::printf("%s\n", line.c_str());
     });

@@ -6,7 +6,7 @@
 #include <cstdlib>
 
 #include "store/catalog.h"
-#include "store/storage.h"
+#include "store/s3_storage.h"
 #include "store/store_services.h"
 #include "store/vhd_image.h"
 #include "tools/commands.h"
@@ -21,7 +21,7 @@ struct Tally {
 // Every damaged block gets its own line; a snapshot that cannot be checked
 // at all (file or side file unreadable, or no longer its catalog record)
 // counts as damaged too.
-void verifyDisk(const std::string& store, const DiskRecord& disk, Tally& tally) {
+void verifyDisk(const Storage& store, const DiskRecord& disk, Tally& tally) {
     for (size_t i = 0; i < disk.copies.size(); ++i) {
         const CopyRecord& copy = disk.copies[i];
         std::string who = disk.name + " snapshot " + std::to_string(i) + " (" + copy.file + ")";
@@ -74,11 +74,12 @@ int verifyStore(const std::string& store, const std::string& diskName, const std
     Tally tally;
     uint64_t disks = 0;
     try {
-        if (!Storage::at(store)->stat(kCatalogName).exists) throw StoreError(store + ": no catalog.json; not a store");
-        Catalog catalog = Catalog::load(store);
+        std::shared_ptr<Storage> storage = openStorage(store, makeS3Connections());
+        if (!storage->stat(kCatalogName).exists) throw StoreError(store + ": no catalog.json; not a store");
+        Catalog catalog = Catalog::load(*storage);
         if (!diskName.empty() && !catalog.findDisk(diskName)) throw StoreError(store + ": no disk named '" + diskName + "'");
         for (const DiskRecord& d : catalog.disks)
-            if (diskName.empty() || d.name == diskName) verifyDisk(store, d, tally), ++disks;
+            if (diskName.empty() || d.name == diskName) verifyDisk(*storage, d, tally), ++disks;
     } catch (const StoreError& e) {
         std::fprintf(stderr, "zxblk verify: %s\n", e.what());
         return 2;

@@ -23,11 +23,12 @@ void addCommonOptions(CLI::App* command) {
     command->add_option("--config", o.config, "INI configuration file (sets ZXBLK_CONFIG); checked before use");
     command->add_option_function<int>(
         "--log-level", [](const int& level) { commonOptions().logLevel = level, commonOptions().logLevelSet = true; },
-        "log lines up to this level to standard error (default 0: errors and extent summaries; -1: errors only)")
-        ->check(CLI::Range(-1, 9));
+        "library log lines up to this level to standard error (-1: errors, 0: and extent summaries, 1 to 9: "
+        "more detail; default: none, a failure is told in one line of its own)")
+        ->check(CLI::Range(-2, 9));
     command->add_flag_function(
         "-v,--verbose", [](std::int64_t n) { commonOptions().verbosity += static_cast<int>(n); },
-        "more log lines (-vv: more still)");
+        "the library's log lines too: errors and extent summaries (-vv: debug lines, -vvv: more still)");
     command->add_flag_function(
         "-q,--quiet", [](std::int64_t n) { commonOptions().verbosity -= static_cast<int>(n); },
         "errors only: no progress, no extent summaries");
@@ -51,10 +52,12 @@ void applyCommonOptions() {
     } else if (const char* env = std::getenv("ZXBLK_CONFIG"); env && *env) {
         checkConfigFile(env);
     }
+    // What fails a command reaches the user in its own one line; the
+    // library's log lines on the way are for -v.
     if (o.logLevelSet)
         LogSink::setLevel(o.logLevel);
-    else if (o.verbosity)
-        LogSink::setLevel(o.verbosity < 0 ? kLevelError : o.verbosity);
+    else
+        LogSink::setLevel(o.verbosity > 0 ? o.verbosity - 1 : kLevelError - 1);
 }
 
 namespace {

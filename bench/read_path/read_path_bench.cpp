@@ -25,9 +25,9 @@ void run(benchmark::State& state, bool differencing) {
         bool child = job.srcPath.find("/child/") != std::string::npos;
         return zxtest::streamOf(data, differencing ? (child ? &half : &all) : nullptr, 65536);
     });
-    zxblk::setRecordsService(records);
-    zxblk::setExtentLookupService(lookup);
-    zxblk::setRestoreService(restore);
+    zxtest::useRecords(records);
+    zxtest::useLookup(lookup);
+    zxtest::useRestore(restore);
     {
         ZxBlkVhd disk("bench", "/bench");
         if (differencing) disk.addToBrowseStructList(kExtent, 0, 512, "", "/base", 13);
@@ -53,7 +53,7 @@ void run(benchmark::State& state, bool differencing) {
         state.SetItemsProcessed(state.iterations());
         state.SetBytesProcessed(state.iterations() * kExtent);
     }
-    zxblk::setRestoreService(nullptr);
+    zxtest::useRestore(nullptr);
     restore.reset();
     std::system(("rm -rf " + dir).c_str());
 }

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "store/catalog.h"
+#include "store/storage.h"
 
 using zxblk::Catalog;
 using zxblk::CopyRecord;
@@ -144,18 +145,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     store.putCatalog(data, size);
     Catalog loaded;
     try {
-        loaded = Catalog::load(store.dir);
+        loaded = Catalog::load(*openFolderStorage(store.dir));
     } catch (const StoreError& e) {
         check(std::strlen(e.what()) > 0, "a refusal says why");
         return 0;
     }
     checkLoaded(loaded);
     try {
-        loaded.save(store.dir);
+        loaded.save(*openFolderStorage(store.dir));
         std::string saved = store.catalogText();
-        Catalog again = Catalog::load(store.dir);
+        Catalog again = Catalog::load(*openFolderStorage(store.dir));
         check(same(loaded, again), "a saved catalog loads back the same");
-        again.save(store.dir);
+        again.save(*openFolderStorage(store.dir));
         check(store.catalogText() == saved, "saving a reloaded catalog writes the same bytes");
     } catch (const StoreError& e) {
         std::fprintf(stderr, "catalog_fuzz: a catalog that loaded failed to save or reload: %s\n", e.what());

@@ -73,6 +73,17 @@ struct DiskInfo {
     std::vector<SnapshotInfo> snapshots;  // oldest first
 };
 
+struct DiskOptions {
+    int snapshot = -1;        // -1: the newest
+    std::string cacheDir;     // empty: a folder per store, disk and snapshot under ~/.cache/zxblk
+    uint64_t cacheLimit = 0;  // bytes the cache may hold; 0: a quarter of the free space where it lies
+    // Extents recalled ahead of a reader that goes through the disk in order
+    // (at most a quarter of the cache); 0: none.
+    unsigned readaheadMax = 16;
+};
+
+class Disk;
+
 // A store, as its catalog was when it was opened.
 class ZXBLK_API Store {
 public:
@@ -92,6 +103,9 @@ public:
     std::vector<DiskInfo> disks() const;
     // One disk; throws Error when the store has none of that name.
     DiskInfo disk(const std::string& name) const;
+    // Opens one snapshot of a disk (see Disk::open). Every disk opened from
+    // one Store shares its restore service and its connections.
+    Disk openDisk(const std::string& name, const DiskOptions& options = DiskOptions()) const;
 
 private:
     struct Impl;
@@ -99,14 +113,6 @@ private:
     std::unique_ptr<Impl> m_impl;
 };
 
-struct DiskOptions {
-    int snapshot = -1;        // -1: the newest
-    std::string cacheDir;     // empty: a folder per store, disk and snapshot under ~/.cache/zxblk
-    uint64_t cacheLimit = 0;  // bytes the cache may hold; 0: a quarter of the free space where it lies
-    // Extents recalled ahead of a reader that goes through the disk in order
-    // (at most a quarter of the cache); 0: none.
-    unsigned readaheadMax = 16;
-};
 
 // A stretch of the disk, and whether any snapshot holds data there. Where
 // none does (data == false) the disk reads as zeros. A stretch with data may
@@ -120,9 +126,9 @@ struct Range {
 class LocalExtent;
 
 // One snapshot of one disk. Reads, allocation(), prefetch(), extent() and
-// statsText() may be called from any number of threads at once. One Disk
-// at a time may be open in a process, and one process at a time may use an
-// extent cache.
+// statsText() may be called from any number of threads at once. Any number
+// of disks of any number of stores may be open at once in a process; one
+// process (and one Disk in it) at a time may use an extent cache.
 class ZXBLK_API Disk {
 public:
     static Disk open(const std::string& storePath, const std::string& diskName,
@@ -161,6 +167,7 @@ public:
 
 private:
     friend class LocalExtent;
+    friend class Store;
     struct Impl;
     explicit Disk(std::shared_ptr<Impl> impl);
     std::shared_ptr<Impl> m_impl;

@@ -71,7 +71,7 @@ for c in "${cases[@]}"; do
     fail "$disk $part: the damaged extent $bad read"
   fi
   grep -q "$file: block $block: checksum mismatch" "$work/err" || { cat "$work/err"; fail "$disk $part: file and block not named"; }
-  [ "$(grep -c "checksum mismatch" "$work/err")" -le 2 ] || { cat "$work/err"; fail "$disk $part: more than a line or two"; }
+  [ "$(wc -l <"$work/err")" = 1 ] || { cat "$work/err"; fail "$disk $part: not one line"; }
   "$zxblk" read --store "$copy" --disk "$disk" --cache "$work/c-$disk-$part-good" --offset $((good * E)) --length $E \
     >"$work/good" || fail "$disk $part: a sound extent $good did not read"
   cmp "$work/good" <(dd if="$work/$disk.ref" bs=$E skip="$good" count=1 status=none) || fail "$disk $part: extent $good differs"
@@ -112,16 +112,6 @@ cmp "$work/old.raw" "$work/chain.ref" || fail "old catalog: export differs"
 "$zxblk" verify --store "$work/s-old" >"$work/out" || { cat "$work/out"; fail "old catalog: verify did not exit 0"; }
 grep -q "4 snapshots without checksums" "$work/out" || { cat "$work/out"; fail "old catalog: summary"; }
 echo "ok: catalog without checksums exports and verifies as unchecked"
-
-# A side file left by an import killed before the catalog named it is removed
-# by the next import, which writes its own.
-rc=0
-ZXBLK_IMPORT_DIE_AT=renamed-all "$zxblk" import --store "$work/s-killed" --disk d "$work/dyn.vhd" >/dev/null 2>&1 || rc=$?
-[ "$rc" = 9 ] && [ -e "$work/s-killed/sums/d-snap0.vhd.sums" ] || fail "the killed import left no side file to clean ($rc)"
-"$zxblk" import --store "$work/s-killed" --disk other "$work/fixed.vhd" >/dev/null 2>&1
-[ "$(ls -A "$work/s-killed/sums")" = "other-snap0.vhd.sums" ] || fail "left in sums/: $(ls -A "$work/s-killed/sums")"
-"$zxblk" verify --store "$work/s-killed" >/dev/null || fail "the repaired store does not verify"
-echo "ok: a side file left by a killed import is removed by the next one"
 
 for args in "" "--store $work/none" "--store $store --disk nosuch" "--store $store extra"; do
   rc=0

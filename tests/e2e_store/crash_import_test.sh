@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# An import that dies at any of its steps leaves a store that lists as it was
-# (or as the finished import), that the next import of the same snapshots
-# accepts without help, and that then exports right.
+# An import that dies at any of its steps (crash_import, an import whose
+# storage ends the process there) leaves a store that lists as it was (or as
+# the finished import), that the next import of the same snapshots accepts
+# without help, removing any snapshot or checksum file it left, and that then
+# exports right.
 set -euo pipefail
-zxblk=$1 chain=$2
+zxblk=$1 chain=$2 crash=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "FAIL: $*"; exit 1; }
@@ -21,7 +23,7 @@ for step in copied renamed renamed-all catalog-written saved; do
       before=0
     fi
     rc=0
-    ZXBLK_IMPORT_DIE_AT=$step "$zxblk" import --store "$store" --disk d "${images[@]}" >/dev/null 2>&1 || rc=$?
+    "$crash" $step "$store" d "${images[@]}" >/dev/null 2>&1 || rc=$?
     [ "$rc" = 9 ] || fail "$step, $kind disk: the import did not die at that step (exit $rc)"
     want=$before
     [ "$step" = saved ] && want=3
@@ -36,7 +38,7 @@ for step in copied renamed renamed-all catalog-written saved; do
       "$zxblk" import --store "$store" --disk d "${images[@]}" >/dev/null 2>"$work/err" ||
         { cat "$work/err"; fail "$step, $kind disk: the next import was refused"; }
     fi
-    left=$(ls -A "$store/snapshots" | grep -vxE 'd-snap[012]\.vhd' || true)
+    left=$(ls -A "$store/snapshots" "$store/sums" | grep -vxE 'd-snap[012]\.vhd(\.sums)?|.*:|' || true)
     [ -z "$left" ] || fail "$step, $kind disk: left in the store: $left"
     "$zxblk" export --store "$store" --disk d --out "$work/out" --cache "$work/cache-$step-$kind" >/dev/null 2>"$work/err" ||
       { cat "$work/err"; fail "$step, $kind disk: export failed"; }

@@ -78,12 +78,12 @@ done
 
 # One damaged footer copy: the other is used, and the import says so.
 for mode in checksum head-zero; do
-  "$zxblk" import --store "$work/store" --disk "one-$mode" "$work/bad-$mode.vhd" 2>"$work/err" >/dev/null ||
+  "$zxblk" import --store "$work/store" --disk "one-$mode" "$work/bad-$mode.vhd" 2>"$work/err" >"$work/out" ||
     { cat "$work/err"; fail "$mode: refused"; }
-  grep -q "is damaged" "$work/err" || { cat "$work/err"; fail "$mode: the damaged copy went unmentioned"; }
+  grep -q "is damaged" "$work/out" || { cat "$work/out"; fail "$mode: the damaged copy went unmentioned"; }
   "$zxblk" export --store "$work/store" --disk "one-$mode" --out "$work/one-$mode.raw" --cache "$work/c-$mode" >/dev/null 2>&1
   cmp "$work/one-$mode.raw" "$work/snap0.raw" || fail "$mode: export differs from the plan"
-  echo "ok: $mode -> $(cat "$work/err")"
+  echo "ok: $mode -> $(cat "$work/out")"
 done
 
 # The chain itself is fine.

@@ -29,7 +29,12 @@ before=$(state)
 while read -r fmt name; do
   f=$work/disk.$fmt
   if [ "$fmt" = luks ]; then
-    qemu-img convert -q -f raw -O luks --object secret,id=k,data=pw -o key-secret=k,iter-time=10 "$work/disk.raw" "$f"
+    # qemu-img times its key derivation by the CPU time it used, and on a
+    # loaded machine now and then measures none and gives up: tried again.
+    for _ in 1 2 3; do
+      qemu-img convert -q -f raw -O luks --object secret,id=k,data=pw -o key-secret=k,iter-time=10 "$work/disk.raw" "$f" &&
+        break
+    done
   else
     qemu-img convert -q -f raw -O "$fmt" "$work/disk.raw" "$f"
   fi

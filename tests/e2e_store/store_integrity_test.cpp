@@ -16,6 +16,7 @@
 #include "platform/Log.h"
 #include "store/catalog.h"
 #include "store/importer.h"
+#include "store/storage.h"
 #include "store/store_services.h"
 #include "support/vhd_writer.h"
 
@@ -57,15 +58,15 @@ protected:
         plan.children = 1;
         plan.seed = 62;
         auto e = vhdtest::writeChain(dir + "/e", plan);
-        zxblk::importImages(dir + "/pristine", "d", {d[0].vhd, d[1].vhd, d[2].vhd}, zxblk::ImportOptions());
-        zxblk::importImages(dir + "/pristine", "e", {e[0].vhd}, zxblk::ImportOptions());
+        zxblk::importImages(*zxblk::openFolderStorage(dir + "/pristine"), "d", {d[0].vhd, d[1].vhd, d[2].vhd}, zxblk::ImportOptions());
+        zxblk::importImages(*zxblk::openFolderStorage(dir + "/pristine"), "e", {e[0].vhd}, zxblk::ImportOptions());
         spare = e[1].vhd;
         store = dir + "/store";
     }
     void TearDown() override { std::system(("rm -rf '" + dir + "'").c_str()); }
     void freshStore() { run("rm -rf '" + store + "' && cp -a '" + dir + "/pristine' '" + store + "'"); }
-    json catalog() const { return json::parse(slurp(zxblk::catalogPath(store))); }
-    void putCatalog(const json& j) const { std::ofstream(zxblk::catalogPath(store), std::ios::trunc) << j.dump(2); }
+    json catalog() const { return json::parse(slurp((store + "/catalog.json"))); }
+    void putCatalog(const json& j) const { std::ofstream((store + "/catalog.json"), std::ios::trunc) << j.dump(2); }
     // A catalog as written before the per-copy sizes and parent ids were kept.
     static void dropRecordedFields(json& j) {
         for (json& d : j["disks"])
@@ -118,21 +119,21 @@ TEST_F(StoreIntegrityTest, LoaderRefusesCatalogsThatBreakTheStoresInvariants) {
         json j = good;
         c.first(j);
         putCatalog(j);
-        const std::string before = slurp(zxblk::catalogPath(store));
-        const std::string expected = zxblk::catalogPath(store) + ": " + c.second;
-        expectStoreError([&] { zxblk::Catalog::load(store); }, expected, c.second);
+        const std::string before = slurp((store + "/catalog.json"));
+        const std::string expected = (store + "/catalog.json") + ": " + c.second;
+        expectStoreError([&] { zxblk::Catalog::load(*zxblk::openFolderStorage(store)); }, expected, c.second);
         // An import into such a store is refused the same way and leaves it as it was.
-        expectStoreError([&] { zxblk::importImages(store, "e", {spare}, zxblk::ImportOptions()); }, expected, c.second);
-        EXPECT_EQ(slurp(zxblk::catalogPath(store)), before) << c.second;
+        expectStoreError([&] { zxblk::importImages(*zxblk::openFolderStorage(store), "e", {spare}, zxblk::ImportOptions()); }, expected, c.second);
+        EXPECT_EQ(slurp((store + "/catalog.json")), before) << c.second;
     }
     // A catalog written before the per-copy records were kept still loads,
     // and a new snapshot can be added to it.
     json old = good;
     dropRecordedFields(old);
     putCatalog(old);
-    zxblk::Catalog loaded = zxblk::Catalog::load(store);
-    zxblk::importImages(store, "e", {spare}, zxblk::ImportOptions());
-    const zxblk::Catalog after = zxblk::Catalog::load(store);
+    zxblk::Catalog loaded = zxblk::Catalog::load(*zxblk::openFolderStorage(store));
+    zxblk::importImages(*zxblk::openFolderStorage(store), "e", {spare}, zxblk::ImportOptions());
+    const zxblk::Catalog after = zxblk::Catalog::load(*zxblk::openFolderStorage(store));
     const zxblk::CopyRecord& added = after.findDisk("e")->copies.at(1);
     EXPECT_EQ(added.parentUniqueId, loaded.findDisk("e")->copies.at(0).uniqueId);
     EXPECT_EQ(added.size, 4u << 20);
@@ -140,7 +141,7 @@ TEST_F(StoreIntegrityTest, LoaderRefusesCatalogsThatBreakTheStoresInvariants) {
 
 TEST_F(StoreIntegrityTest, NewIdsAreAboveEveryIdInUseWhateverTheCounters) {
     freshStore();
-    zxblk::Catalog c = zxblk::Catalog::load(store);
+    zxblk::Catalog c = zxblk::Catalog::load(*zxblk::openFolderStorage(store));
     c.nextArchiveFileId = 1;  // as a catalog edited by hand, or restored from an old copy, may say
     c.nextDiskId = 1;
     EXPECT_EQ(c.takeArchiveFileId(), 5u);  // four copies, ids 1 to 4
@@ -189,7 +190,7 @@ TEST_F(StoreIntegrityTest, RecallRefusesASnapshotFileThatIsNotItsRecord) {
         const std::string file = c.file, expected = snapshot(c.file) + ": " + c.field;
         const std::string path = "/localhost/default/" + file.substr(0, 1) + "/snap" + file.substr(6, 1);
         SCOPED_TRACE(expected);
-        auto services = zxblk::StoreServices::open(store);
+        auto services = zxblk::StoreServices::open(zxblk::openFolderStorage(store));
         // Every file opened and checked, and a recall of the copy prepared, before the change.
         unsigned long long first = 0, second = 0, k = 0;
         for (const char* p : {"/localhost/default/d/snap0", "/localhost/default/d/snap1", "/localhost/default/d/snap2"})
@@ -197,7 +198,7 @@ TEST_F(StoreIntegrityTest, RecallRefusesASnapshotFileThatIsNotItsRecord) {
         while (services->lookup(SCParams(), path, k, first, second) == 1) ++k;
         ASSERT_LT(k, 4u) << "no extent of " << path << " is held";
         c.change();
-        if (c.editsCatalog) services = zxblk::StoreServices::open(store);
+        if (c.editsCatalog) services = zxblk::StoreServices::open(zxblk::openFolderStorage(store));
         log.clear();
         unsigned long long f2, s2;
         EXPECT_EQ(services->lookup(SCParams(), path, k, f2, s2), 3);

@@ -7,6 +7,7 @@
 
 #include "platform/DMRService/RestoreTarget.h"
 #include "store/importer.h"
+#include "store/storage.h"
 #include "store/store_services.h"
 #include "support/vhd_writer.h"
 
@@ -57,8 +58,8 @@ protected:
         plan.children = 1;
         plan.seed = 44;
         snaps = vhdtest::writeChain(dir + "/src", plan);
-        zxblk::importImages(dir + "/store", "d", {snaps[0].vhd, snaps[1].vhd}, zxblk::ImportOptions());
-        services = zxblk::StoreServices::open(dir + "/store");
+        zxblk::importImages(*zxblk::openFolderStorage(dir + "/store"), "d", {snaps[0].vhd, snaps[1].vhd}, zxblk::ImportOptions());
+        services = zxblk::StoreServices::open(zxblk::openFolderStorage(dir + "/store"));
     }
     void TearDown() override {
         services.reset();

@@ -19,6 +19,7 @@
 #include "host/disk_host.h"
 #include "platform/ZXPlatformInfo.h"
 #include "store/importer.h"
+#include "store/storage.h"
 #include "store/store_error.h"
 #include "support/vhd_writer.h"
 
@@ -103,16 +104,19 @@ protected:
         plan.seed = 71;
         snaps = vhdtest::writeChain(dir + "/src", plan);
         importOptions.extentSize = static_cast<int64_t>(E);
-        zxblk::importImages(store(), "d", {snaps[0].vhd, snaps[1].vhd, snaps[2].vhd}, importOptions);
+        zxblk::importImages(*zxblk::openFolderStorage(store()), "d", {snaps[0].vhd, snaps[1].vhd, snaps[2].vhd}, importOptions);
     }
     void TearDown() override { fs::remove_all(dir); }
 
     std::string store() const { return dir + "/store"; }
+    // The store as it is now: a host opened after an import sees it.
+    std::shared_ptr<zxblk::StoreServices> services() const {
+        return zxblk::StoreServices::open(zxblk::openFolderStorage(store()));
+    }
     uint64_t size() const { return snaps[0].merged.size(); }
     uint64_t extentCount() const { return (size() + E - 1) / E; }
     zxblk::HostOptions options(const std::string& cache, unsigned long long limit = 0, int snapshot = -1) const {
         zxblk::HostOptions o;
-        o.storeDir = store();
         o.disk = "d";
         o.snapshot = snapshot;
         o.cacheDir = cache;
@@ -135,7 +139,7 @@ TEST_F(DiskHostTest, ReadsMatchTheMergedDiskAtAnyOffsetAndSnapshot) {
     };
     for (int snapshot : {-1, 0}) {
         const int expected = snapshot < 0 ? 2 : snapshot;
-        zxblk::DiskHost host(options(dir + "/cache" + std::to_string(expected), 0, snapshot));
+        zxblk::DiskHost host(services(), options(dir + "/cache" + std::to_string(expected), 0, snapshot));
         EXPECT_EQ(host.snapshot(), expected);
         EXPECT_EQ(host.size(), n);
         EXPECT_EQ(host.extentSize(), static_cast<int64_t>(E));
@@ -148,7 +152,7 @@ TEST_F(DiskHostTest, ReadsMatchTheMergedDiskAtAnyOffsetAndSnapshot) {
 TEST_F(DiskHostTest, CacheKeepsTheMostRecentlyUsedExtentsWithinItsLimit) {
     const vhdtest::Bytes& merged = snaps[2].merged;
     {
-        zxblk::DiskHost host(options(dir + "/lru", 3 * E));
+        zxblk::DiskHost host(services(), options(dir + "/lru", 3 * E));
         auto use = [&](uint64_t e) { EXPECT_TRUE(readMatches(host, merged, e * E + 100, 10)) << "extent " << e; };
         for (uint64_t e : {0, 1, 2}) use(e);
         EXPECT_EQ(cached(host), (std::set<long long>{0, 1, 2}));
@@ -167,7 +171,7 @@ TEST_F(DiskHostTest, CacheKeepsTheMostRecentlyUsedExtentsWithinItsLimit) {
     }
     {
         // The whole disk through a cache of two extents, in pieces that straddle extents.
-        zxblk::DiskHost host(options(dir + "/tiny", 2 * E));
+        zxblk::DiskHost host(services(), options(dir + "/tiny", 2 * E));
         vhdtest::Bytes all(size());
         for (uint64_t at = 0; at < all.size(); at += 100003) {
             host.read(at, std::min<uint64_t>(100003, all.size() - at), all.data() + at);
@@ -178,14 +182,14 @@ TEST_F(DiskHostTest, CacheKeepsTheMostRecentlyUsedExtentsWithinItsLimit) {
         EXPECT_EQ(host.stats().evictions, extentCount() - 2);
         EXPECT_EQ(host.stats().readErrors, 0u);
     }
-    std::string why = errorOf([&] { zxblk::DiskHost host(options(dir + "/none", E - 1)); });
+    std::string why = errorOf([&] { zxblk::DiskHost host(services(), options(dir + "/none", E - 1)); });
     EXPECT_NE(why.find("cache limit of 65535 bytes holds no extent"), std::string::npos) << why;
 }
 
 TEST_F(DiskHostTest, ConcurrentReadersGetExactBytesWithASmallCache) {
     const vhdtest::Bytes& merged = snaps[2].merged;
     // Four extents: each reader pins at most one, so a move-in always finds one to evict.
-    zxblk::DiskHost host(options(dir + "/cache", 4 * E));
+    zxblk::DiskHost host(services(), options(dir + "/cache", 4 * E));
     std::atomic<int> wrong{0};
     std::mutex firstMutex;
     std::string first;  // the first wrong read, for the failure message
@@ -215,13 +219,13 @@ TEST_F(DiskHostTest, RestartReusesTheCacheUntilTheSnapshotListChanges) {
     const std::string cache = dir + "/cache";
     const unsigned long long roomy = 64 * E;  // the whole disk fits
     {
-        zxblk::DiskHost host(options(cache, roomy));
+        zxblk::DiskHost host(services(), options(cache, roomy));
         EXPECT_TRUE(readMatches(host, snaps[2].merged, 0, size()));
         EXPECT_GT(host.services().stats().jobs, 0u);
     }
     writeFile(cache + "/tmp/recall-stale");  // as a run that did not end cleanly leaves it
     {
-        zxblk::DiskHost host(options(cache, roomy));
+        zxblk::DiskHost host(services(), options(cache, roomy));
         EXPECT_FALSE(fs::exists(cache + "/tmp/recall-stale"));
         EXPECT_EQ(host.cache().extents().size(), extentCount());
         EXPECT_TRUE(readMatches(host, snaps[2].merged, 0, size()));
@@ -230,15 +234,15 @@ TEST_F(DiskHostTest, RestartReusesTheCacheUntilTheSnapshotListChanges) {
     }
     {
         // A smaller limit than last time trims what the previous run left.
-        zxblk::DiskHost host(options(cache, 3 * E));
+        zxblk::DiskHost host(services(), options(cache, 3 * E));
         EXPECT_EQ(host.cache().extents().size(), 3u);
         EXPECT_EQ(host.stats().evictions, extentCount() - 3);
         EXPECT_TRUE(readMatches(host, snaps[2].merged, 0, size()));
     }
     ASSERT_NE(snaps[3].merged, snaps[2].merged);
-    zxblk::importImages(store(), "d", {snaps[3].vhd}, importOptions);
+    zxblk::importImages(*zxblk::openFolderStorage(store()), "d", {snaps[3].vhd}, importOptions);
     {
-        zxblk::DiskHost host(options(cache, roomy));
+        zxblk::DiskHost host(services(), options(cache, roomy));
         EXPECT_EQ(host.snapshot(), 3);
         EXPECT_TRUE(host.cache().extents().empty());  // the old snapshot's bytes are not served
         EXPECT_TRUE(readMatches(host, snaps[3].merged, 0, size()));
@@ -254,9 +258,9 @@ TEST_F(DiskHostTest, RestartReusesTheCacheUntilTheSnapshotListChanges) {
     fs::create_directories(dir + "/other");
     std::vector<vhdtest::Snapshot> again = vhdtest::writeChain(dir + "/other", other);
     fs::remove_all(store());
-    zxblk::importImages(store(), "d", {again[0].vhd, again[1].vhd, again[2].vhd, again[3].vhd}, importOptions);
+    zxblk::importImages(*zxblk::openFolderStorage(store()), "d", {again[0].vhd, again[1].vhd, again[2].vhd, again[3].vhd}, importOptions);
     {
-        zxblk::DiskHost host(options(cache, roomy));
+        zxblk::DiskHost host(services(), options(cache, roomy));
         EXPECT_EQ(host.snapshot(), 3);
         EXPECT_TRUE(host.cache().extents().empty());
         EXPECT_TRUE(readMatches(host, again[3].merged, 0, size()));
@@ -267,17 +271,17 @@ TEST_F(DiskHostTest, RefusesASecondHostOnALiveCacheAndBadRequests) {
     const vhdtest::Bytes& merged = snaps[2].merged;
     zxblk::HostOptions unknown = options(dir + "/c");
     unknown.disk = "nosuch";
-    std::string why = errorOf([&] { zxblk::DiskHost host(unknown); });
+    std::string why = errorOf([&] { zxblk::DiskHost host(services(), unknown); });
     EXPECT_NE(why.find("no disk named 'nosuch'"), std::string::npos) << why;
-    why = errorOf([&] { zxblk::DiskHost host(options(dir + "/c", 0, 3)); });
+    why = errorOf([&] { zxblk::DiskHost host(services(), options(dir + "/c", 0, 3)); });
     EXPECT_NE(why.find("snapshots 0 to 2, not 3"), std::string::npos) << why;
 
     const std::string cache = dir + "/cache";
     {
-        zxblk::DiskHost first(options(cache));
+        zxblk::DiskHost first(services(), options(cache));
         EXPECT_TRUE(readMatches(first, merged, 5 * E - 7, 14));
         writeFile(cache + "/tmp/recall-inflight");  // as if the first host were mid-recall
-        why = errorOf([&] { zxblk::DiskHost second(options(cache)); });
+        why = errorOf([&] { zxblk::DiskHost second(services(), options(cache)); });
         EXPECT_NE(why.find("is in use by another zxblk process (pid " + std::to_string(::getpid()) + ")"),
                   std::string::npos)
             << why;
@@ -286,7 +290,7 @@ TEST_F(DiskHostTest, RefusesASecondHostOnALiveCacheAndBadRequests) {
         EXPECT_EQ(cached(first), (std::set<long long>{4, 5}));
         EXPECT_TRUE(readMatches(first, merged, 9 * E, 2 * E));
     }
-    zxblk::DiskHost again(options(cache));  // the lock went with the first host
+    zxblk::DiskHost again(services(), options(cache));  // the lock went with the first host
     EXPECT_TRUE(readMatches(again, merged, 0, 3 * E));
 }
 
@@ -296,7 +300,7 @@ TEST_F(DiskHostTest, MountAndMetadataExtentsReachTheIndex) {
     ZXPlatformInfo::Reload();
     ZXPlatformInfo::setHostDefault("VirtualServer", "bEnableMetadataRestoreOptimization", "true");
     // A disk of one snapshot: each recall of an extent it holds is reported once.
-    zxblk::importImages(store(), "base", {snaps[0].vhd}, importOptions);
+    zxblk::importImages(*zxblk::openFolderStorage(store()), "base", {snaps[0].vhd}, importOptions);
     const vhdtest::Bytes& merged = snaps[0].merged;
     std::vector<uint64_t> held;  // extents of blocks the base allocates: those are not all zeros
     for (uint64_t e = 0; e < extentCount(); ++e)
@@ -313,7 +317,7 @@ TEST_F(DiskHostTest, MountAndMetadataExtentsReachTheIndex) {
         return id + " snap0 extent" + std::to_string(e) + " " + kind + " x" + std::to_string(reports);
     };
     {
-        zxblk::DiskHost host(o);
+        zxblk::DiskHost host(services(), o);
         id = "id" + std::to_string(host.services().catalog().findDisk("base")->diskId);
         auto use = [&](uint64_t e) { EXPECT_TRUE(readMatches(host, merged, e * E, E)) << "extent " << e; };
         for (int i : {0, 1, 2}) use(held[i]);
@@ -344,7 +348,7 @@ TEST_F(DiskHostTest, MountAndMetadataExtentsReachTheIndex) {
     {
         o.cacheDir = dir + "/phases-each";
         o.flushThreshold = 1;
-        zxblk::DiskHost host(o);
+        zxblk::DiskHost host(services(), o);
         EXPECT_EQ(host.markMountComplete(), "");
         EXPECT_EQ(host.beginMetadata(), "");
         EXPECT_TRUE(readMatches(host, merged, held[6] * E + 3, 5));
@@ -364,7 +368,7 @@ TEST_F(DiskHostTest, PrefetchMakesExtentsLocalWithoutARead) {
     const vhdtest::Bytes& merged = snaps[2].merged;
     const uint64_t n = extentCount();
     {
-        zxblk::DiskHost host(options(dir + "/cache", 64 * E));
+        zxblk::DiskHost host(services(), options(dir + "/cache", 64 * E));
         host.prefetch({7, n - 1, 2, n + 5});  // one past the end: skipped
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         while (host.stats().extentsRecalled < 3 && std::chrono::steady_clock::now() < deadline)
@@ -378,7 +382,7 @@ TEST_F(DiskHostTest, PrefetchMakesExtentsLocalWithoutARead) {
     }
     {
         // A host that goes while a prefetch is under way stops it and leaves no temporaries.
-        zxblk::DiskHost host(options(dir + "/gone", 64 * E));
+        zxblk::DiskHost host(services(), options(dir + "/gone", 64 * E));
         std::vector<uint64_t> all(n);
         std::iota(all.begin(), all.end(), 0);
         host.prefetch(all);
@@ -404,7 +408,7 @@ TEST_F(DiskHostTest, ReadaheadFollowsSequentialReadersOnlyAndSparesExtentsInUse)
     for (const Case& c : cases) {
         zxblk::HostOptions o = options(dir + "/ra-" + std::to_string(&c - cases), c.limit * E);
         o.readaheadMax = 16;
-        zxblk::DiskHost host(o);
+        zxblk::DiskHost host(services(), o);
         // A reader holds extent 0 throughout: nothing may take it from the cache.
         std::unique_ptr<zxblk::ExtentHandle> held = host.acquire(0);
         std::mt19937 rng(7);

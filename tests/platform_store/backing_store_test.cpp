@@ -179,7 +179,7 @@ TEST(IndexClient, InitializeUpdateAndFailures) {
     req.setstring(1, 1, 2, 3, "x");
     EXPECT_NE(none.Initialize(req, nullptr, 2000, nullptr, nullptr), 0);  // no service
     auto index = std::make_shared<zxtest::RecordingIndexService>();
-    zxblk::setIndexService(index);
+    zxtest::useIndex(index);
     IdxBrowseClient client;
     Indexing::IdxLiveUpdateReq update;
     databrowse::BrowseResponse response;
@@ -187,7 +187,7 @@ TEST(IndexClient, InitializeUpdateAndFailures) {
     EXPECT_EQ(client.Initialize(req, nullptr, 2000, nullptr, nullptr), 0);
     EXPECT_EQ(client.UpdateIndex(update, response), 0);
     EXPECT_EQ(index->updates.size(), 1u);
-    zxblk::setIndexService(nullptr);
+    zxtest::useIndex(nullptr);
 }
 
 TEST(Messages, FieldsReadBackAndCopiesAreDeep) {

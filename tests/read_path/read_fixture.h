@@ -82,16 +82,16 @@ protected:
             s.status = o.status;
             return s;
         });
-        zxblk::setRecordsService(records);
-        zxblk::setExtentLookupService(lookup);
-        zxblk::setRestoreService(restore);
+        zxtest::useRecords(records);
+        zxtest::useLookup(lookup);
+        zxtest::useRestore(restore);
     }
     void TearDown() override {
-        zxblk::setRestoreService(nullptr);
+        zxtest::useRestore(nullptr);
         restore.reset();  // joins the service's threads before the disks go
         disks.clear();
-        zxblk::setRecordsService(nullptr);
-        zxblk::setExtentLookupService(nullptr);
+        zxtest::useRecords(nullptr);
+        zxtest::useLookup(nullptr);
         ZxEventH::SetWaitDivisorForTests(1);
         unsetenv("ZXBLK_CONFIG");
         ZXPlatformInfo::Reload();

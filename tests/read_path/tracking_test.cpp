@@ -8,10 +8,10 @@ protected:
     void SetUp() override {
         ReadPathTest::SetUp();
         index = std::make_shared<zxtest::RecordingIndexService>();
-        zxblk::setIndexService(index);
+        zxtest::useIndex(index);
     }
     void TearDown() override {
-        zxblk::setIndexService(nullptr);
+        zxtest::useIndex(nullptr);
         ReadPathTest::TearDown();
     }
     void configure(const char* text) {

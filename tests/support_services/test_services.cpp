@@ -6,6 +6,21 @@
 
 namespace zxtest {
 
+namespace {
+template <class T>
+void useFallback(std::shared_ptr<T> zxblk::ServiceSet::*slot, std::shared_ptr<T> service) {
+    zxblk::ServiceRouter& router = zxblk::ServiceRouter::instance();
+    zxblk::ServiceSet set = router.fallback();
+    set.*slot = std::move(service);
+    router.setFallback(set);
+}
+}  // namespace
+
+void useRestore(std::shared_ptr<zxblk::RestoreService> s) { useFallback(&zxblk::ServiceSet::restore, std::move(s)); }
+void useLookup(std::shared_ptr<zxblk::ExtentLookupService> s) { useFallback(&zxblk::ServiceSet::lookup, std::move(s)); }
+void useRecords(std::shared_ptr<zxblk::RecordsService> s) { useFallback(&zxblk::ServiceSet::records, std::move(s)); }
+void useIndex(std::shared_ptr<zxblk::IndexService> s) { useFallback(&zxblk::ServiceSet::index, std::move(s)); }
+
 bool MapRecordsService::subclient(uint32_t appId, AppIdInfo& info) {
     auto it = subclients.find(appId);
     if (it == subclients.end()) return false;

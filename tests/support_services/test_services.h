@@ -1,5 +1,5 @@
-// Scripted services for tests, registered through the platform registry in
-// place of the store's real ones.
+// Scripted services for tests, put in the platform router's fallback in
+// place of a store's real ones.
 #pragma once
 #include <atomic>
 #include <condition_variable>
@@ -16,6 +16,13 @@
 #include "platform/ZxServices.h"
 
 namespace zxtest {
+
+// Puts a scripted service in the router's fallback, which answers whatever
+// no attached store claims; null takes it out again.
+void useRestore(std::shared_ptr<zxblk::RestoreService> service);
+void useLookup(std::shared_ptr<zxblk::ExtentLookupService> service);
+void useRecords(std::shared_ptr<zxblk::RecordsService> service);
+void useIndex(std::shared_ptr<zxblk::IndexService> service);
 
 class MapRecordsService : public zxblk::RecordsService {
 public:

@@ -113,12 +113,12 @@ protected:
         records->instances[9] = "instance-nine";
         records->backupSets[11] = "set-eleven";
         lookup = std::make_shared<zxtest::MapExtentLookupService>();
-        zxblk::setRecordsService(records);
-        zxblk::setExtentLookupService(lookup);
+        zxtest::useRecords(records);
+        zxtest::useLookup(lookup);
     }
     void TearDown() override {
-        zxblk::setRecordsService(nullptr);
-        zxblk::setExtentLookupService(nullptr);
+        zxtest::useRecords(nullptr);
+        zxtest::useLookup(nullptr);
     }
     void setOpts(ZxBlkVhd& disk, uint32_t appId) {
         record.appId = appId;
