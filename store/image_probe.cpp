@@ -88,8 +88,8 @@ Probe probe(const std::string& path) {
 }  // namespace
 
 // Opens an image as the import's format says, refusing what it is not.
-VhdImage openImage(const std::string& path, ImageFormat format) {
-    if (format == ImageFormat::Raw) return VhdImage::open(path, true);
+VhdImage openImage(const std::string& path, ImportFormat format) {
+    if (format == ImportFormat::Raw) return VhdImage::open(path, true);
     Probe p = probe(path);
     // The reader says what is wrong with a file that is not a regular one,
     // or whose footer cookie is there but whose footer is not sound.

@@ -9,6 +9,6 @@
 namespace zxblk {
 
 // Opens an image as the import's format says; throws StoreError.
-VhdImage openImage(const std::string& path, ImageFormat format);
+VhdImage openImage(const std::string& path, ImportFormat format);
 
 }  // namespace zxblk

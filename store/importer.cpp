@@ -78,7 +78,7 @@ void checkChain(const Catalog& catalog, const std::string& diskName, const std::
 }
 
 // A new disk's record, and its subclient's when it is a new one.
-DiskRecord newDisk(Catalog& catalog, const std::string& diskName, uint64_t size, const ImportOptions& options) {
+DiskRecord newDisk(Catalog& catalog, const std::string& diskName, uint64_t size, const ImportSettings& options) {
     DiskRecord fresh;
     fresh.name = diskName;
     fresh.size = size;
@@ -113,7 +113,7 @@ DiskRecord newDisk(Catalog& catalog, const std::string& diskName, uint64_t size,
 // The import proper, under the store's lock: the chain checked against the
 // catalog, the files staged and published, then the catalog replaced.
 std::vector<std::string> importLocked(const Storage& storage, Storage::Staging& staging, const std::string& diskName,
-                                      const std::vector<VhdImage>& opened, const ImportOptions& options) {
+                                      const std::vector<VhdImage>& opened, const ImportSettings& options) {
     Catalog catalog = Catalog::load(storage);
     checkChain(catalog, diskName, opened);
     DiskRecord* existing = catalog.findDisk(diskName);
@@ -174,7 +174,7 @@ std::vector<std::string> importLocked(const Storage& storage, Storage::Staging& 
 }  // namespace
 
 std::vector<std::string> importImages(const Storage& storage, const std::string& diskName,
-                                      const std::vector<std::string>& images, const ImportOptions& options) {
+                                      const std::vector<std::string>& images, const ImportSettings& options) {
     if (!validName(diskName)) throw StoreError("disk name '" + diskName + "': use letters, digits, '-', '_' and '.'");
     if (images.empty()) throw StoreError("no images to import");
     if (options.extentSize < 65536 || options.extentSize > (2 << 20) || (options.extentSize & (options.extentSize - 1)))

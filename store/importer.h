@@ -13,13 +13,13 @@
 namespace zxblk {
 
 // How the images given to an import are to be read.
-enum class ImageFormat {
+enum class ImportFormat {
     Auto,  // VHD; any other file is refused, naming its format when its first bytes declare one
     Vhd,   // the same, asked for by name
     Raw,   // every file is a raw disk image, whatever it holds
 };
 
-struct ImportOptions {
+struct ImportSettings {
     std::string client = "localhost";
     uint64_t clientId = 2;
     std::string subclient = "default";
@@ -27,7 +27,7 @@ struct ImportOptions {
     std::string backupSet = "defaultBackupSet";
     std::string instance = "defaultInstance";
     int64_t extentSize = 1 << 20;  // for a new disk
-    ImageFormat format = ImageFormat::Auto;
+    ImportFormat format = ImportFormat::Auto;
     // Called from the importing thread as the snapshot files go into the
     // store: bytes of all the images' files dealt with so far, and in all.
     std::function<void(uint64_t done, uint64_t total)> progress;
@@ -36,6 +36,6 @@ struct ImportOptions {
 class Storage;
 // Returns one line per imported snapshot. Throws StoreError.
 std::vector<std::string> importImages(const Storage& storage, const std::string& diskName,
-                                      const std::vector<std::string>& images, const ImportOptions& options);
+                                      const std::vector<std::string>& images, const ImportSettings& options);
 
 }  // namespace zxblk

@@ -137,13 +137,13 @@ int SqliteIndexService::update(const databrowse::BrowseRequest& browse, const In
     return 0;
 }
 
-std::vector<IndexRow> SqliteIndexService::rows(const std::string& disk, int64_t snapshot, const std::string& kind) {
+std::vector<FlaggedExtent> SqliteIndexService::rows(const std::string& disk, int64_t snapshot, const std::string& kind) {
     std::lock_guard<std::mutex> lock(m_mutex);
     Statement q(m_db,
                 "SELECT disk, disk_id, snapshot, extent, kind, reports, first_seen, last_seen FROM extent_flags"
                 " WHERE disk = ?1 AND (?2 < 0 OR snapshot = ?2) AND (?3 = '' OR kind = ?3)"
                 " ORDER BY snapshot, kind, extent");
-    std::vector<IndexRow> out;
+    std::vector<FlaggedExtent> out;
     if (!q.s && !m_tableMade && std::string(sqlite3_errmsg(m_db)).find("no such table") != std::string::npos)
         return out;  // nothing was ever reported to this store
     if (!q.s) throw StoreError(m_path + ": " + sqlite3_errmsg(m_db));
@@ -151,7 +151,7 @@ std::vector<IndexRow> SqliteIndexService::rows(const std::string& disk, int64_t 
     sqlite3_bind_int64(q.s, 2, snapshot);
     sqlite3_bind_text(q.s, 3, kind.c_str(), -1, SQLITE_TRANSIENT);
     while (sqlite3_step(q.s) == SQLITE_ROW) {
-        IndexRow r;
+        FlaggedExtent r;
         r.disk = reinterpret_cast<const char*>(sqlite3_column_text(q.s, 0));
         r.diskId = static_cast<uint64_t>(sqlite3_column_int64(q.s, 1));
         r.snapshot = static_cast<uint64_t>(sqlite3_column_int64(q.s, 2));

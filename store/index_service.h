@@ -14,7 +14,7 @@ namespace zxblk {
 
 class Storage;
 
-struct IndexRow {
+struct FlaggedExtent {
     std::string disk;
     uint64_t diskId = 0;
     uint64_t snapshot = 0;
@@ -36,7 +36,7 @@ public:
                databrowse::BrowseResponse& response) override;
 
     // Rows of one disk (by name), optionally of one snapshot and kind.
-    std::vector<IndexRow> rows(const std::string& disk, int64_t snapshot = -1, const std::string& kind = "");
+    std::vector<FlaggedExtent> rows(const std::string& disk, int64_t snapshot = -1, const std::string& kind = "");
 
 private:
     void exec(const char* sql);

@@ -89,7 +89,7 @@ std::shared_ptr<const BlockSums> loadBlockSums(const Storage& storage, const Cop
     std::string path = storage.describe(copy.sums), bytes;
     // Never more than a header and one entry per block of the image.
     uint64_t most = 4096 + 64 + 24 * img.sumUnits();
-    if (!storage.readWhole(copy.sums, most, bytes)) throw StoreError(ErrorKind::NotFound, path + ": " + std::strerror(ENOENT));
+    if (!storage.readWhole(copy.sums, most, bytes)) throw StoreError(ErrorKind::notFound, path + ": " + std::strerror(ENOENT));
     std::string found = sumText(xxh3(bytes.data(), bytes.size()));
     if (found != copy.sumsChecksum)
         throw StoreError(path + ": checksum: the catalog records " + copy.sumsChecksum + ", the file has " + found);

@@ -123,7 +123,7 @@ std::shared_ptr<VhdImage> StoreServices::image(const CopyRecord& copy, bool rech
     const DiskRecord* disk;
     const CopyRecord* found;
     if (!m_catalog.findCopy(copy.archiveFileId, &disk, &found))
-        throw StoreError(ErrorKind::NotFound, "no copy with archive file id " + std::to_string(copy.archiveFileId) +
+        throw StoreError(ErrorKind::notFound, "no copy with archive file id " + std::to_string(copy.archiveFileId) +
                                                   " in store " + location());
     // A file replaced or rewritten while it is open is opened and checked again.
     std::lock_guard<std::mutex> lock(m_imagesMutex);
@@ -270,7 +270,7 @@ void StoreServices::work() {
 void StoreServices::run(const RecallJob& job) {
     uint64_t bytes = 0;
     std::string error;
-    ErrorKind kind = ErrorKind::IO;
+    ErrorKind kind = ErrorKind::io;
     try {
         error = stream(job, bytes);
     } catch (const StoreError& e) {

@@ -186,7 +186,7 @@ void buildSample(const std::string& dir, const std::string& work, const std::str
     say("importing both into the store " + store);
     // The images are named without the scratch folder, which is gone when
     // the demo ends: a path there would point the user at nothing.
-    for (std::string line : importImages(*openFolderStorage(store), "demo", {work + "/base.vhd", work + "/child.vhd"}, ImportOptions())) {
+    for (std::string line : importImages(*openFolderStorage(store), "demo", {work + "/base.vhd", work + "/child.vhd"}, ImportSettings())) {
         for (size_t at = line.find(work + "/"); at != std::string::npos; at = line.find(work + "/", at))
             line.erase(at, work.size() + 1);
         std::printf("    %s\n", shown(line).c_str());
@@ -253,7 +253,7 @@ void registerDemoCommand(CLI::App& app) {
             if (!mount->close()) throw StoreError("zxblk mount did not end cleanly (see above)");
             mount.reset();
         }
-        std::vector<IndexRow> rows = SqliteIndexService(*openFolderStorage(store)).rows("demo", 1, "mount");
+        std::vector<FlaggedExtent> rows = SqliteIndexService(*openFolderStorage(store)).rows("demo", 1, "mount");
         say("done");
         if (fuse) {
             unsigned long long E = stats["extent_size"] ? stats["extent_size"] : 1, size = stats["disk_bytes"];

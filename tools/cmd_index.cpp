@@ -28,14 +28,14 @@ void registerIndexCommand(CLI::App& app) {
         auto rows = index.rows(disk, snapshot, kind);
         if (commonOptions().json) {
             nlohmann::json out = nlohmann::json::array();
-            for (const IndexRow& r : rows)
+            for (const FlaggedExtent& r : rows)
                 out.push_back({{"snapshot", r.snapshot}, {"kind", r.kind}, {"extent", r.extent}, {"reports", r.reports},
                                {"lastSeen", r.lastSeen}});
             std::printf("%s\n", out.dump(2).c_str());
             return;
         }
         std::printf("%-8s %-9s %-8s %-8s %s\n", "snapshot", "kind", "extent", "reports", "last seen");
-        for (const IndexRow& r : rows)
+        for (const FlaggedExtent& r : rows)
             std::printf("%-8llu %-9s %-8llu %-8llu %s\n", static_cast<unsigned long long>(r.snapshot), r.kind.c_str(),
                         static_cast<unsigned long long>(r.extent), static_cast<unsigned long long>(r.reports),
                         r.lastSeen.c_str());

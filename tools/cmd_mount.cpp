@@ -350,7 +350,7 @@ void serve(const MountArgs& a, int& readyFd) {
     if (a.prefetch) {
         std::vector<uint64_t> extents;
         if (host->services().index())
-            for (const IndexRow& r : host->services().index()->rows(a.disk, host->snapshot(), "mount")) extents.push_back(r.extent);
+            for (const FlaggedExtent& r : host->services().index()->rows(a.disk, host->snapshot(), "mount")) extents.push_back(r.extent);
         LogSink::write(kLevelDebug, "zxblk mount", "prefetching " + std::to_string(extents.size()) + " mount extents");
         host->prefetch(extents);
     }

@@ -13,7 +13,7 @@ void registerImportCommand(CLI::App& app) {
     auto* cmd = app.add_subcommand("import", "import a VHD chain (base first) or one image as a disk's snapshots");
     static std::string store, disk, format = "auto";
     static std::vector<std::string> images;
-    static ImportOptions options;
+    static ImportSettings options;
     static uint64_t extentSize = static_cast<uint64_t>(options.extentSize);
     addStoreOption(cmd, store, false);
     cmd->add_option("--disk", disk, "disk name")->required();
@@ -48,9 +48,9 @@ void registerImportCommand(CLI::App& app) {
     addProgressOption(cmd);
     cmd->callback([] {
         applyCommonOptions();
-        ImportOptions run = options;
+        ImportSettings run = options;
         run.extentSize = static_cast<int64_t>(extentSize);
-        run.format = format == "raw" ? ImageFormat::Raw : format == "vhd" ? ImageFormat::Vhd : ImageFormat::Auto;
+        run.format = format == "raw" ? ImportFormat::Raw : format == "vhd" ? ImportFormat::Vhd : ImportFormat::Auto;
         std::unique_ptr<Progress> progress;
         run.progress = [&progress](uint64_t done, uint64_t total) {
             if (!progress)

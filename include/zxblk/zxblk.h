@@ -1,50 +1,87 @@
-// zxblk: read the disks of a zxblk backup store from a program.
+// zxblk: the disks of a zxblk backup store, for a program.
 //
-// A store is a folder that `zxblk import` filled: a catalog and, per disk,
-// its snapshots (VHD files or a raw image). A Disk presents one snapshot of
-// one disk as a byte array: a read recalls the extents it touches from the
-// store into a local extent cache, once, and serves later reads from there.
+// A store is a folder, or a prefix in an S3 bucket (s3://BUCKET/PREFIX),
+// that an import filled: a catalog and, per disk, its snapshots (VHD files
+// or a raw image). Disks belong to clients, the virtual machines that were
+// backed up. A Disk presents one snapshot of one disk as a byte array: a
+// read recalls the extents it touches from the store into a local extent
+// cache, once, and serves later reads from there.
 //
 // A call that fails throws zxblk::Error, whose message is one line that
-// names what failed and why. Store, Disk and LocalExtent are moved, not
-// copied; a moved-from one may only be assigned to or destroyed.
+// names what failed and why (the disk, extent, snapshot file and block where
+// they are known), and whose kind() says what sort of failure it was. Store,
+// Disk and LocalExtent are moved, not copied; a moved-from one may only be
+// assigned to or destroyed.
 //
-//     zxblk::Disk disk = zxblk::Disk::open("/backups/store", "web01");
+// Threads: the free functions may be called from any thread at any time. A
+// Store's calls are safe from any number of threads at once. A Disk's reads,
+// allocation(), prefetch(), extent(), dropExtent(), stats() and statsText()
+// are safe from any number of threads at once; its phase calls
+// (markMountComplete, beginMetadata, endMetadata, prefetchMountExtents) wait
+// for the recalls in progress and are safe with them. Moving or destroying
+// an object while another thread uses it is not.
+//
+//     zxblk::Store store = zxblk::Store::open("/backups/store");
+//     zxblk::Disk disk = store.openDisk("web01");
 //     std::vector<char> boot(512);
 //     disk.read(0, boot.size(), boot.data());
+//
+// Any number of disks of any number of stores may be open at once in one
+// process; the disks of one Store share its restore service, and stores on
+// one S3 endpoint share their connections.
 //
 // Link with zxblk::zxblk (CMake: find_package(zxblk)) or
 // `pkg-config --cflags --libs zxblk`.
 #pragma once
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-// The library is built with every other symbol hidden.
-#define ZXBLK_API __attribute__((visibility("default")))
+#include "zxblk/error.h"
 
 namespace zxblk {
 
 // The library's version, "MAJOR.MINOR.PATCH".
 ZXBLK_API const char* version();
 
-// Where the library's own log lines go; by default standard error, errors
-// only (ZXBLK_LOG_LEVEL=1 in the environment adds the debug lines). A handler
-// gets each line's level (-1 error, 0 summary, 1 debug), its source and its
-// text, one line at a time from any thread; it must not call the library.
-// An empty handler gives the lines back to standard error. What fails a call
-// is in the call's Error as well: a handler may drop the lines.
+// The error value and its kinds: zxblk/error.h.
+
+// ---------------------------------------------------------------- log and configuration
+
+// The library's own log lines: what it worked around, and detail for
+// finding out why something failed. What fails a call is in its Error: a
+// program need not look at them. Levels: -1 errors, 0 summaries, 1 and above
+// debug detail. By default errors and summaries go to standard error
+// (ZXBLK_LOG_LEVEL in the environment sets the level).
+//
+// Lines above `level` are dropped; -2 drops them all.
+ZXBLK_API void setLogLevel(int level);
+ZXBLK_API int logLevel();
+// Lines go to this file (appended to), or to standard error for "". Throws
+// Error when the file cannot be opened.
+ZXBLK_API void setLogFile(const std::string& path);
+// Lines go to `handler` instead, one at a time, from any thread, with their
+// level, source and text; it must not call the library. An empty handler
+// gives them back to the file or standard error.
 ZXBLK_API void setLogHandler(std::function<void(int level, const std::string& source, const std::string& text)> handler);
 
-// What every call throws when it fails.
-class ZXBLK_API Error : public std::runtime_error {
-public:
-    explicit Error(const std::string& message);
-    ~Error() override;
-};
+// The configuration is one INI file (ZXBLK_CONFIG names it; without it
+// nothing is configured): section VirtualServer holds the provider's keys
+// bEnableMetadataRestoreOptimization, bIdentifyFSMetadataDuringCI and
+// bIdentifyFSMetadataDuringMount, each true or false.
+//
+// Checks a configuration file as the library reads it: it must exist,
+// parse, and name only keys the library knows, with values it takes.
+// Throws Error naming the file and line.
+ZXBLK_API void checkConfigFile(const std::string& path);
+// Checks the file and uses it from now on (disks opened later read it).
+ZXBLK_API void useConfigFile(const std::string& path);
+
+// ---------------------------------------------------------------- a store
 
 enum class SnapshotKind { fixed, dynamic, differencing, raw };
 enum class SnapshotStatus {
@@ -59,7 +96,7 @@ ZXBLK_API const char* statusName(SnapshotStatus status);
 struct SnapshotInfo {
     int number = 0;  // 0 is the oldest
     SnapshotKind kind = SnapshotKind::raw;
-    std::string file;        // in the store, relative to its folder
+    std::string file;        // in the store, relative to its folder or prefix
     uint64_t fileSize = 0;   // bytes, as recorded at import
     std::string importedAt;  // UTC, "2024-05-01T12:00:00Z"
     SnapshotStatus status = SnapshotStatus::ok;
@@ -68,18 +105,84 @@ struct SnapshotInfo {
 
 struct DiskInfo {
     std::string name;
+    std::string client;       // the machine it belongs to
     uint64_t size = 0;        // bytes
     uint64_t extentSize = 0;  // bytes recalled at a time
     std::vector<SnapshotInfo> snapshots;  // oldest first
 };
 
+// A client of the store: a virtual machine and its disks.
+struct ClientInfo {
+    std::string name;
+    std::vector<std::string> disks;  // in the catalog's order
+};
+
+// How the images given to an import are read.
+enum class ImageFormat {
+    automatic,  // VHD; any other file is refused, naming its format when its first bytes declare one
+    vhd,        // the same, asked for by name
+    raw,        // every file is a raw disk image, whatever it holds
+};
+
+struct ImportOptions {
+    std::string client = "localhost";  // the machine the disk belongs to
+    uint64_t clientId = 2;
+    std::string subclient = "default";
+    uint32_t subclientId = 0;  // 0: the disk's existing subclient, or a new id
+    std::string backupSet = "defaultBackupSet";
+    std::string instance = "defaultInstance";
+    uint64_t extentSize = 1 << 20;  // of a new disk: a power of two from 64 KiB to 2 MiB
+    ImageFormat format = ImageFormat::automatic;
+    // Called from the importing thread: bytes of the images dealt with so
+    // far, and in all.
+    std::function<void(uint64_t done, uint64_t total)> progress;
+};
+
+// What verify found: a snapshot, or a block of one, that does not match
+// what was imported, or a snapshot it could not check.
+struct VerifyFinding {
+    std::string disk;
+    int snapshot = 0;
+    std::string file;    // in the store
+    int64_t block = -1;  // the checksum block; -1 for the whole snapshot
+    std::string text;    // what is wrong, one line
+    bool damaged = true;  // false: imported before checksums were kept, so not checked
+};
+
+struct VerifyResult {
+    uint64_t disks = 0, snapshots = 0, blocks = 0;
+    uint64_t damaged = 0;    // blocks, or whole snapshots that could not be checked
+    uint64_t unchecked = 0;  // snapshots imported before checksums were kept
+};
+
+// One extent the index flags for a disk: recalled while the disk mounted
+// ("mount") or while its file-system metadata was identified ("metadata").
+struct IndexRow {
+    int snapshot = 0;
+    std::string kind;
+    uint64_t extent = 0;
+    uint64_t reports = 0;  // how many times it was reported
+    std::string firstSeen, lastSeen;  // UTC, "2024-05-01 12:00:00"
+};
+
 struct DiskOptions {
     int snapshot = -1;        // -1: the newest
-    std::string cacheDir;     // empty: a folder per store, disk and snapshot under ~/.cache/zxblk
+    std::string cacheDir;     // empty: a folder per store, disk and snapshot under defaultCacheRoot()
     uint64_t cacheLimit = 0;  // bytes the cache may hold; 0: a quarter of the free space where it lies
     // Extents recalled ahead of a reader that goes through the disk in order
     // (at most a quarter of the cache); 0: none.
     unsigned readaheadMax = 16;
+    // Track the extents recalled while the disk mounts and while its
+    // metadata is identified, for the index (the provider's metadata
+    // restore optimization), unless the configuration says otherwise.
+    bool trackExtents = false;
+    // Metadata extents gathered before they are sent to the index.
+    uint64_t flushThreshold = 64;
+    // Where the disk is mounted, written into the cache's lock, so that a
+    // process refused the cache can say where it is in use.
+    std::string mountPoint;
+    // Removes the cache folder when the disk closes (not when the process dies).
+    bool dropCacheAtEnd = false;
 };
 
 class Disk;
@@ -87,8 +190,17 @@ class Disk;
 // A store, as its catalog was when it was opened.
 class ZXBLK_API Store {
 public:
-    // Throws Error when `path` is not a store or its catalog is unsound.
-    static Store open(const std::string& path);
+    // Throws Error when `location` is not a store or its catalog is unsound.
+    static Store open(const std::string& location);
+    // Imports images into the store at `location`, made when missing: a VHD
+    // chain base first, or one raw image with ImageFormat::raw, as a new disk
+    // or as newer snapshots of a disk already there. Every image is checked
+    // before the store changes; a failed import leaves it as it was. Returns
+    // one line per snapshot imported (and per file an earlier, killed import
+    // left and this one removed).
+    static std::vector<std::string> importImages(const std::string& location, const std::string& disk,
+                                                 const std::vector<std::string>& images,
+                                                 const ImportOptions& options = ImportOptions());
     ~Store();
     Store(Store&& other) noexcept;
     Store& operator=(Store&& other) noexcept;
@@ -98,21 +210,32 @@ public:
     const std::string& path() const;
     // Every disk with its snapshots. Each snapshot file is opened and checked
     // against its catalog record as a read would check it (not its data,
-    // block by block: `zxblk verify` does that); a bad file is reported in
-    // its SnapshotInfo and does not stop the listing.
+    // block by block: verify() does that); a bad file is reported in its
+    // SnapshotInfo and does not stop the listing.
     std::vector<DiskInfo> disks() const;
     // One disk; throws Error when the store has none of that name.
     DiskInfo disk(const std::string& name) const;
-    // Opens one snapshot of a disk (see Disk::open). Every disk opened from
-    // one Store shares its restore service and its connections.
+    // The store's clients (virtual machines) and their disks.
+    std::vector<ClientInfo> clients() const;
+    // One client; throws Error when the store has none of that name.
+    ClientInfo client(const std::string& name) const;
+    // Opens one snapshot of a disk. Every disk opened from one Store shares
+    // its restore service.
     Disk openDisk(const std::string& name, const DiskOptions& options = DiskOptions()) const;
+    // Reads every block of every snapshot of the store (or of one disk: ""
+    // for all) and compares it with the checksum taken at import; each
+    // finding is handed to `found` as it is made.
+    VerifyResult verify(const std::string& disk, const std::function<void(const VerifyFinding&)>& found) const;
+    // The extents the index flags for a disk, of one snapshot (-1: all) and
+    // kind ("" both), by snapshot, kind and extent.
+    std::vector<IndexRow> indexRows(const std::string& disk, int snapshot = -1, const std::string& kind = "") const;
 
 private:
+    friend class Disk;
     struct Impl;
-    explicit Store(std::unique_ptr<Impl> impl);
-    std::unique_ptr<Impl> m_impl;
+    explicit Store(std::shared_ptr<Impl> impl);
+    std::shared_ptr<Impl> m_impl;
 };
-
 
 // A stretch of the disk, and whether any snapshot holds data there. Where
 // none does (data == false) the disk reads as zeros. A stretch with data may
@@ -123,16 +246,26 @@ struct Range {
     bool data = false;
 };
 
+// What a disk has recalled and cached since it was opened.
+struct DiskStats {
+    uint64_t extentsRecalled = 0, bytesRecalled = 0;
+    uint64_t extentsReadAhead = 0;  // of those recalled, how many ahead of a reader
+    uint64_t readErrors = 0, evictions = 0;
+    uint64_t cacheExtents = 0, cacheBytes = 0, cacheLimit = 0;
+    uint64_t restoreJobs = 0, restoreFailures = 0, restoreBytes = 0;  // the store's restore service
+    bool mountComplete = false, metadataPhase = false;
+    bool remote = false;  // a store on S3: the figures below count its requests
+    uint64_t storeGets = 0, storeGetBytes = 0, storeRetries = 0;
+};
+
 class LocalExtent;
 
-// One snapshot of one disk. Reads, allocation(), prefetch(), extent() and
-// statsText() may be called from any number of threads at once. Any number
-// of disks of any number of stores may be open at once in a process; one
-// process (and one Disk in it) at a time may use an extent cache.
+// One snapshot of one disk. One process (and one Disk in it) at a time may
+// use an extent cache.
 class ZXBLK_API Disk {
 public:
-    static Disk open(const std::string& storePath, const std::string& diskName,
-                     const DiskOptions& options = DiskOptions());
+    // Store::open(store).openDisk(disk, options).
+    static Disk open(const std::string& store, const std::string& disk, const DiskOptions& options = DiskOptions());
     ~Disk();
     Disk(Disk&& other) noexcept;
     Disk& operator=(Disk&& other) noexcept;
@@ -140,21 +273,29 @@ public:
     Disk& operator=(const Disk&) = delete;
 
     const std::string& name() const;
+    const std::string& client() const;
     uint64_t size() const;
     uint64_t extentSize() const;
     uint64_t extentCount() const;
     int snapshot() const;  // the snapshot presented
+    const std::string& cacheDir() const;
+    // What its user should hear of how the disk was opened (a cache dropped
+    // because it was not closed cleanly, or held another disk), one line each.
+    std::vector<std::string> notices() const;
 
     // Reads [offset, offset + length); throws Error when the range goes past
     // the end of the disk or a snapshot file cannot serve it.
     void read(uint64_t offset, uint64_t length, void* buffer);
     // [offset, offset + length) covered exactly by ranges in order, neighbours
     // never alike. Answered from the snapshots' block tables, without
-    // recalling anything, at the granularity of the smallest VHD block of the
-    // snapshots (the extent size when they are all fixed or raw, which hold
-    // data everywhere). A range whose snapshot file cannot be read counts as
-    // data: reading it then says why.
+    // recalling anything, at the granularity allocationGranularity() gives. A
+    // range whose snapshot file cannot be read counts as data: reading it
+    // then says why.
     std::vector<Range> allocation(uint64_t offset, uint64_t length);
+    // The smallest VHD block of the snapshots presented (no allocation
+    // boundary lies between two multiples of it); the extent size when they
+    // are all fixed or raw, which hold data everywhere.
+    uint64_t allocationGranularity();
     // Recalls the extents of the range in the background; returns at once.
     void prefetch(uint64_t offset, uint64_t length);
     // The extent `index` made local and held in the cache (see LocalExtent).
@@ -162,7 +303,26 @@ public:
     // Drops the extent from the cache unless a LocalExtent holds it: a copy
     // of the whole disk that reads each extent once keeps the cache small.
     void dropExtent(uint64_t index);
-    // "key value" lines: the disk, what was recalled, the cache, the restore service.
+
+    // The phases of a disk that a file system is mounted from: the extents
+    // recalled until markMountComplete() are reported to the index as mount
+    // extents, those between beginMetadata() and endMetadata() as metadata
+    // extents (with DiskOptions::trackExtents). Each throws Error when the
+    // index could not be told.
+    void markMountComplete();
+    void beginMetadata();
+    void endMetadata();
+    // Recalls in the background the extents the index flags as mount
+    // extents of this disk and snapshot, ahead of the reads that a mount
+    // will make; returns how many.
+    size_t prefetchMountExtents();
+
+    DiskStats stats();
+    // The same as "key value" lines: disk_bytes, extent_size,
+    // extents_recalled, bytes_recalled, extents_read_ahead, read_errors,
+    // evictions, cache_extents, cache_bytes, cache_limit, restore_jobs,
+    // restore_failures, restore_bytes, mount_complete, metadata_phase, and
+    // for a store on S3 store_gets, store_get_bytes and store_retries.
     std::string statsText();
 
 private:
@@ -196,5 +356,44 @@ private:
     explicit LocalExtent(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> m_impl;
 };
+
+// ---------------------------------------------------------------- extent caches
+
+// The process that uses a cache, as the cache's lock tells.
+struct CacheUser {
+    bool inUse = false;
+    long pid = 0;            // 0 when the lock names none
+    std::string mountPoint;  // where the disk is mounted, when a mount holds it
+    bool stopping = false;   // it is closing the cache
+    bool removing = false;   // it is removing the cache
+    // "pid 1234, mounted on /mnt/x"
+    std::string describe() const;
+};
+
+struct CacheInfo {
+    std::string folder;
+    std::string store, disk;  // as the cache records them; empty when it records nothing
+    int snapshot = -1;
+    uint64_t bytes = 0;  // allocated, as du counts them
+    std::time_t lastUse = 0;
+    CacheUser user;
+};
+
+// $XDG_CACHE_HOME/zxblk, or ~/.cache/zxblk: where default caches live.
+ZXBLK_API std::string defaultCacheRoot();
+// The default cache of a store's disk and snapshot.
+ZXBLK_API std::string defaultCacheDir(const std::string& store, const std::string& disk, int snapshot);
+// A store's location as caches record it: a folder by its real path, a
+// store on S3 by its URL.
+ZXBLK_API std::string canonicalStoreLocation(const std::string& store);
+// The caches under `root`, by store, disk and snapshot; folders there that
+// are not caches are left out.
+ZXBLK_API std::vector<CacheInfo> listCaches(const std::string& root);
+// Who uses a cache now, without taking it.
+ZXBLK_API CacheUser cacheUser(const std::string& folder);
+// Removes what a cache holds and then its folder, if nothing else is in it,
+// unless a process uses the cache: then it returns false, touches nothing
+// and tells who in `user`. Throws Error when it cannot remove it.
+ZXBLK_API bool removeCache(const std::string& folder, CacheUser* user = nullptr);
 
 }  // namespace zxblk

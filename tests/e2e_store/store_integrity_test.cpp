@@ -58,8 +58,8 @@ protected:
         plan.children = 1;
         plan.seed = 62;
         auto e = vhdtest::writeChain(dir + "/e", plan);
-        zxblk::importImages(*zxblk::openFolderStorage(dir + "/pristine"), "d", {d[0].vhd, d[1].vhd, d[2].vhd}, zxblk::ImportOptions());
-        zxblk::importImages(*zxblk::openFolderStorage(dir + "/pristine"), "e", {e[0].vhd}, zxblk::ImportOptions());
+        zxblk::importImages(*zxblk::openFolderStorage(dir + "/pristine"), "d", {d[0].vhd, d[1].vhd, d[2].vhd}, zxblk::ImportSettings());
+        zxblk::importImages(*zxblk::openFolderStorage(dir + "/pristine"), "e", {e[0].vhd}, zxblk::ImportSettings());
         spare = e[1].vhd;
         store = dir + "/store";
     }
@@ -123,7 +123,7 @@ TEST_F(StoreIntegrityTest, LoaderRefusesCatalogsThatBreakTheStoresInvariants) {
         const std::string expected = (store + "/catalog.json") + ": " + c.second;
         expectStoreError([&] { zxblk::Catalog::load(*zxblk::openFolderStorage(store)); }, expected, c.second);
         // An import into such a store is refused the same way and leaves it as it was.
-        expectStoreError([&] { zxblk::importImages(*zxblk::openFolderStorage(store), "e", {spare}, zxblk::ImportOptions()); }, expected, c.second);
+        expectStoreError([&] { zxblk::importImages(*zxblk::openFolderStorage(store), "e", {spare}, zxblk::ImportSettings()); }, expected, c.second);
         EXPECT_EQ(slurp((store + "/catalog.json")), before) << c.second;
     }
     // A catalog written before the per-copy records were kept still loads,
@@ -132,7 +132,7 @@ TEST_F(StoreIntegrityTest, LoaderRefusesCatalogsThatBreakTheStoresInvariants) {
     dropRecordedFields(old);
     putCatalog(old);
     zxblk::Catalog loaded = zxblk::Catalog::load(*zxblk::openFolderStorage(store));
-    zxblk::importImages(*zxblk::openFolderStorage(store), "e", {spare}, zxblk::ImportOptions());
+    zxblk::importImages(*zxblk::openFolderStorage(store), "e", {spare}, zxblk::ImportSettings());
     const zxblk::Catalog after = zxblk::Catalog::load(*zxblk::openFolderStorage(store));
     const zxblk::CopyRecord& added = after.findDisk("e")->copies.at(1);
     EXPECT_EQ(added.parentUniqueId, loaded.findDisk("e")->copies.at(0).uniqueId);

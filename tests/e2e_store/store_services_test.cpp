@@ -58,7 +58,7 @@ protected:
         plan.children = 1;
         plan.seed = 44;
         snaps = vhdtest::writeChain(dir + "/src", plan);
-        zxblk::importImages(*zxblk::openFolderStorage(dir + "/store"), "d", {snaps[0].vhd, snaps[1].vhd}, zxblk::ImportOptions());
+        zxblk::importImages(*zxblk::openFolderStorage(dir + "/store"), "d", {snaps[0].vhd, snaps[1].vhd}, zxblk::ImportSettings());
         services = zxblk::StoreServices::open(zxblk::openFolderStorage(dir + "/store"));
     }
     void TearDown() override {

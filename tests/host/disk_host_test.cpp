@@ -126,7 +126,7 @@ protected:
 
     std::string dir;
     std::vector<vhdtest::Snapshot> snaps;
-    zxblk::ImportOptions importOptions;
+    zxblk::ImportSettings importOptions;
 };
 
 TEST_F(DiskHostTest, ReadsMatchTheMergedDiskAtAnyOffsetAndSnapshot) {

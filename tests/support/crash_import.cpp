@@ -15,7 +15,7 @@ int main(int argc, char** argv) {
     }
     try {
         zxtest::CrashingStorage storage(zxblk::openFolderStorage(argv[2]), argv[1]);
-        zxblk::importImages(storage, argv[3], std::vector<std::string>(argv + 4, argv + argc), zxblk::ImportOptions());
+        zxblk::importImages(storage, argv[3], std::vector<std::string>(argv + 4, argv + argc), zxblk::ImportSettings());
     } catch (const std::exception& e) {
         std::fprintf(stderr, "crash_import: %s\n", e.what());
         return 1;
