@@ -172,12 +172,12 @@ DiskHost::DiskHost(std::shared_ptr<StoreServices> services, const HostOptions& o
     const std::string storeDir = m_services->location();
     const Catalog& catalog = m_services->catalog();
     const DiskRecord* record = catalog.findDisk(options.disk);
-    if (!record) throw StoreError(ErrorKind::NotFound, storeDir + ": no disk named '" + options.disk + "'");
+    if (!record) throw StoreError(ErrorKind::notFound, storeDir + ": no disk named '" + options.disk + "'");
     int newest = static_cast<int>(record->copies.size()) - 1;
-    if (newest < 0) throw StoreError(ErrorKind::NotFound, storeDir + ": disk '" + options.disk + "' has no snapshots");
+    if (newest < 0) throw StoreError(ErrorKind::notFound, storeDir + ": disk '" + options.disk + "' has no snapshots");
     m_snapshot = options.snapshot < 0 ? newest : options.snapshot;
     if (m_snapshot > newest)
-        throw StoreError(ErrorKind::NotFound, storeDir + ": disk '" + options.disk + "' has snapshots 0 to " +
+        throw StoreError(ErrorKind::notFound, storeDir + ": disk '" + options.disk + "' has snapshots 0 to " +
                                                   std::to_string(newest) + ", not " + std::to_string(m_snapshot));
     m_record = record;
     m_size = record->size;
@@ -608,15 +608,15 @@ void DiskHost::recall(uint64_t extent) {
         // Why, as the service that failed it said, or the cache when it was
         // the temporary file that could not be made.
         std::optional<StoreError> cause = m_services->takeFailure(*m_record, m_snapshot, extent);
-        if (!cause && !cacheError.empty()) cause = StoreError(ErrorKind::IO, cacheError);
+        if (!cause && !cacheError.empty()) cause = StoreError(ErrorKind::io, cacheError);
         error = cause ? StoreError(cause->kind(), what + " could not be recalled: " + cause->what())
-                      : StoreError(ErrorKind::Unavailable, what + " could not be recalled: the restore service did not say why");
+                      : StoreError(ErrorKind::unavailable, what + " could not be recalled: the restore service did not say why");
     } else if (!arrived && m_cache->usedBytes() + E > m_cache->capacity()) {
-        error = StoreError(ErrorKind::Busy, what + " was recalled but does not fit in the cache (" +
+        error = StoreError(ErrorKind::busy, what + " was recalled but does not fit in the cache (" +
                                                 std::to_string(m_cache->usedBytes()) + " of " +
                                                 std::to_string(m_cache->capacity()) + " bytes used by extents that reads are using)");
     } else if (!arrived) {
-        error = StoreError(ErrorKind::IO, what + " was recalled but could not be moved into the cache: " +
+        error = StoreError(ErrorKind::io, what + " was recalled but could not be moved into the cache: " +
                                               (cacheError.empty() ? std::string("no reason given") : cacheError));
     }
     if (error) {
