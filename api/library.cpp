@@ -13,6 +13,7 @@
 #include "api/guarded.h"
 #include "platform/Log.h"
 #include "platform/ZXPlatformInfo.h"
+#include "store/vhd_diff_writer.h"
 
 namespace zxblk {
 
@@ -30,6 +31,19 @@ void setLogFile(const std::string& path) {
 
 void setLogHandler(std::function<void(int, const std::string&, const std::string&)> handler) {
     LogSink::setHandler(std::move(handler));
+}
+
+void logLine(int level, const std::string& source, const std::string& text) { LogSink::write(level, source.c_str(), text); }
+
+DifferencingStats writeDifferencingVhd(const std::string& parentVhd, const std::string& olderRaw, const std::string& newerRaw,
+                                       const std::string& childVhd) {
+    return guarded([&] {
+        DiffStats d = zxblk::writeDifferencingVhd(parentVhd, olderRaw, newerRaw, childVhd, 2u << 20);
+        DifferencingStats out;
+        out.sectorsChanged = d.sectorsChanged;
+        out.blocksAllocated = d.blocksAllocated;
+        return out;
+    });
 }
 
 namespace {

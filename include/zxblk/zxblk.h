@@ -68,6 +68,9 @@ ZXBLK_API void setLogFile(const std::string& path);
 // level, source and text; it must not call the library. An empty handler
 // gives them back to the file or standard error.
 ZXBLK_API void setLogHandler(std::function<void(int level, const std::string& source, const std::string& text)> handler);
+// Writes one line of the program's own beside the library's, with the
+// same time, thread and level filter.
+ZXBLK_API void logLine(int level, const std::string& source, const std::string& text);
 
 // The configuration is one INI file (ZXBLK_CONFIG names it; without it
 // nothing is configured): section VirtualServer holds the provider's keys
@@ -356,6 +359,20 @@ private:
     explicit LocalExtent(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> m_impl;
 };
+
+// ---------------------------------------------------------------- differencing snapshots
+
+struct DifferencingStats {
+    uint64_t sectorsChanged = 0;
+    uint64_t blocksAllocated = 0;
+};
+// Writes `childVhd`, a differencing VHD whose parent is `parentVhd` (it
+// names the parent's unique id, size and file name) and that holds exactly
+// the sectors in which the raw image `newerRaw` differs from `olderRaw`,
+// what the parent presents: a snapshot made from two raw images, for
+// samples and tests. Throws Error.
+ZXBLK_API DifferencingStats writeDifferencingVhd(const std::string& parentVhd, const std::string& olderRaw,
+                                                 const std::string& newerRaw, const std::string& childVhd);
 
 // ---------------------------------------------------------------- extent caches
 
