@@ -1,27 +1,39 @@
 #include "platform/ZxEventH.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 
-static std::atomic<unsigned long> g_waitDivisor{1};
+namespace zxblk {
+namespace {
+WaitPolicy g_realTime;
+std::atomic<WaitPolicy*> g_policy{&g_realTime};
+}  // namespace
 
-void ZxEventH::SetWaitDivisorForTests(unsigned long divisor) { g_waitDivisor = divisor ? divisor : 1; }
+// The clock's deadline must not overflow (which would end the wait at
+// once): a century is as good as forever.
+const unsigned long long kCenturyMs = 100ull * 365 * 24 * 3600 * 1000;
+
+std::chrono::milliseconds WaitPolicy::duration(unsigned long timeoutMs) const {
+    return std::chrono::milliseconds(std::min<unsigned long long>(timeoutMs, kCenturyMs));
+}
+
+WaitPolicy* setWaitPolicy(WaitPolicy* policy) {
+    WaitPolicy* before = g_policy.exchange(policy ? policy : &g_realTime);
+    return before == &g_realTime ? nullptr : before;
+}
+
+}  // namespace zxblk
 
 ZxEventH::ZxEventH(bool manualReset) : m_manualReset(manualReset), m_signaled(false) {}
 
 ZxEventH::~ZxEventH() {}
 
 bool ZxEventH::wait(unsigned long timeoutMs) {
-    unsigned long divisor = g_waitDivisor.load();
-    unsigned long effective = timeoutMs / divisor;
-    if (divisor > 1 && effective == 0 && timeoutMs > 0) effective = 1;
-    // The clock's deadline must not overflow (which would end the wait at
-    // once): a century is as good as forever.
-    const unsigned long kCentury = 100ul * 365 * 24 * 3600 * 1000;
-    if (effective > kCentury) effective = kCentury;
+    std::chrono::milliseconds effective = std::min(zxblk::g_policy.load()->duration(timeoutMs),
+                                                   std::chrono::milliseconds(zxblk::kCenturyMs));
     std::unique_lock<std::mutex> lock(m_mutex);
-    bool signaled =
-        m_cond.wait_for(lock, std::chrono::milliseconds(effective), [this] { return m_signaled; });
+    bool signaled = m_cond.wait_for(lock, effective, [this] { return m_signaled; });
     if (signaled && !m_manualReset) m_signaled = false;
     return signaled;
 }

@@ -1,8 +1,26 @@
 // Manual-reset event of the platform: a set() that comes before wait() is
 // never lost. Time-outs are in milliseconds.
 #pragma once
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
+
+namespace zxblk {
+
+// How long an event's wait lasts for the time-out it is given: the time-out
+// itself, unless another policy is installed for the whole process (tests
+// run the provider's five-minute recall time-out in a fraction of a second
+// without changing what the code passes).
+class WaitPolicy {
+public:
+    virtual ~WaitPolicy() = default;
+    virtual std::chrono::milliseconds duration(unsigned long timeoutMs) const;
+};
+// Installs `policy` (null: the time-out itself) and returns the one before;
+// the caller keeps it alive while it is installed.
+WaitPolicy* setWaitPolicy(WaitPolicy* policy);
+
+}  // namespace zxblk
 
 class ZxEventH {
 public:
@@ -11,11 +29,6 @@ public:
     bool wait(unsigned long timeoutMs);
     void set();
     void reset();
-
-    // Test seam: every wait lasts timeoutMs / divisor (at least 1 ms), so a
-    // test can run a five-minute time-out without changing what the code
-    // passes. 1 restores real time.
-    static void SetWaitDivisorForTests(unsigned long divisor);
 
 private:
     bool m_manualReset;

@@ -27,6 +27,8 @@ std::shared_ptr<StoreServices> StoreServices::open(std::shared_ptr<const Storage
     set.records = s;
     set.index = s->m_index;
     s->m_route = ServiceRouter::instance().attach(set);
+    // Workers read the route: they start once it is there.
+    s->reserveWorkers(0);
     return s;
 }
 
@@ -38,7 +40,6 @@ StoreServices::StoreServices(std::shared_ptr<const Storage> storage, Catalog cat
         // A store that cannot keep an index still serves its disks.
         LogSink::write(kLevelError, kTag, std::string("no extent index: ") + e.what());
     }
-    reserveWorkers(0);
 }
 
 StoreServices::~StoreServices() { shutdown(); }

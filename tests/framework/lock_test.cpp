@@ -6,6 +6,7 @@
 #include "framework/FXLock.h"
 #include "framework/ZxEvent.h"
 #include "platform/ZxEventH.h"
+#include "support/short_waits.h"
 
 namespace {
 
@@ -102,10 +103,11 @@ TEST(Event, SetBeforeAndDuringWaitAndTimeOut) {
     }
 
     ev.reset();
-    ZxEventH::SetWaitDivisorForTests(1000);  // 300000 ms becomes 300 ms
     auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(ev.wait(300000));
-    ZxEventH::SetWaitDivisorForTests(1);
+    {
+        zxtest::ShortWaits quick(1000);  // 300000 ms becomes 300 ms
+        EXPECT_FALSE(ev.wait(300000));
+    }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
 }
 

@@ -92,7 +92,6 @@ protected:
         disks.clear();
         zxtest::useRecords(nullptr);
         zxtest::useLookup(nullptr);
-        ZxEventH::SetWaitDivisorForTests(1);
         unsetenv("ZXBLK_CONFIG");
         ZXPlatformInfo::Reload();
         std::system(("rm -rf '" + dir + "' '" + config + "'").c_str());

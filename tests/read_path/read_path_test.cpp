@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "read_path/read_fixture.h"
+#include "support/short_waits.h"
 #include "support/fault_file_calls.h"
 
 namespace readtest {
@@ -152,7 +153,7 @@ TEST_F(ReadPathTest, FailuresOfLookupSubmissionRecallAndTimeOut) {
     extents["/c/Extent2"].extra.status = 9;  // the service reports the recall failed
     EXPECT_FALSE(read(d, 2 * MiB));
     EXPECT_TRUE(capture.contains("recall of /c/Extent2 failed: scripted failure"));
-    ZxEventH::SetWaitDivisorForTests(3000);  // the five-minute wait lasts 100 ms
+    zxtest::ShortWaits quick(3000);  // the five-minute wait lasts 100 ms
     extents["/c/Extent3"].extra.neverComplete = true;
     EXPECT_FALSE(read(d, 3 * MiB));
     EXPECT_TRUE(capture.contains("BrowseVHD /c/Extent3 timeout."));
@@ -167,7 +168,7 @@ TEST_F(ReadPathTest, FailuresOfLookupSubmissionRecallAndTimeOut) {
 TEST_F(ReadPathTest, StaleCompletionDoesNotEndALaterWait) {
     std::mt19937 rng(6);
     ZxBlkVhd& d = makeDisk({{"/c", 0, 7}}, MiB);
-    ZxEventH::SetWaitDivisorForTests(300);  // 1 s
+    zxtest::ShortWaits quick(300);  // 1 s
     hold("/c", 0, {randomBytes(rng, MiB), {}, {}});
     extents["/c/Extent0"].extra.waitForGate = true;  // completes only when released
     EXPECT_FALSE(read(d, 0));                          // times out
