@@ -1,23 +1,15 @@
-#include "tools/cli_util.h"
-
-#include "store/s3_client.h"
-#include "store/storage.h"
-
-#include <filesystem>
+#include "cli_util.h"
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
-#include <boost/property_tree/ini_parser.hpp>
 #include <cstdio>
-#include <fstream>
-#include <map>
-#include <set>
+#include <filesystem>
 #include <vector>
 
-#include "store/store_error.h"
-#include "tools/commands.h"
+#include "commands.h"
 
 namespace zxblk {
 
@@ -133,6 +125,19 @@ void Progress::finish() {
     m_enabled = false;
 }
 
+void sayNotices(const std::vector<std::string>& notices) {
+    for (const std::string& notice : notices) std::fprintf(stderr, "zxblk: note: %s\n", notice.c_str());
+}
+
+std::string absolutePath(const std::string& path) {
+    if (path.empty()) return path;
+    std::error_code ec;
+    std::string out = std::filesystem::absolute(path, ec).lexically_normal().string();
+    if (ec) out = path;
+    while (out.size() > 1 && out.back() == '/') out.pop_back();
+    return out;
+}
+
 size_t editDistance(const std::string& a, const std::string& b) {
     std::vector<size_t> row(b.size() + 1);
     for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
@@ -150,86 +155,40 @@ size_t editDistance(const std::string& a, const std::string& b) {
 
 namespace {
 
-// The keys the tool reads, by section. A key outside this list is a typo
-// that would otherwise be ignored without a word.
-const std::map<std::string, std::set<std::string>>& knownKeys() {
-    static const std::map<std::string, std::set<std::string>> keys = {
-        {"VirtualServer",
-         {"bEnableMetadataRestoreOptimization", "bIdentifyFSMetadataDuringCI", "bIdentifyFSMetadataDuringMount"}},
-    };
-    return keys;
-}
-
-std::string trimmed(const std::string& s) {
-    size_t b = s.find_first_not_of(" \t\r"), e = s.find_last_not_of(" \t\r");
-    return b == std::string::npos ? std::string() : s.substr(b, e - b + 1);
+// What is wrong with an s3://BUCKET/PREFIX URL, or "" when nothing is: a
+// bucket name as S3 allows them, checked here so that a typo is a usage
+// error before anything is asked of the network.
+std::string s3UrlProblem(const std::string& url) {
+    std::string rest = url.substr(5);
+    std::string bucket = rest.substr(0, rest.find('/'));
+    if (bucket.empty()) return url + ": names no bucket (s3://BUCKET/PREFIX)";
+    bool ok = bucket.size() >= 3 && bucket.size() <= 63 && bucket.find("..") == std::string::npos;
+    for (char c : bucket) ok = ok && ((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' || c == '-');
+    ok = ok && std::isalnum(static_cast<unsigned char>(bucket.front())) &&
+         std::isalnum(static_cast<unsigned char>(bucket.back()));
+    if (!ok)
+        return url + ": '" + bucket +
+               "' is not a valid bucket name (3 to 63 lower-case letters, digits, dots and hyphens, beginning and "
+               "ending with a letter or digit)";
+    for (char c : rest)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return url + ": the prefix holds a control character";
+    return std::string();
 }
 
 }  // namespace
-
-void checkConfigFile(const std::string& path) {
-    std::ifstream in(path);
-    if (!in) throw StoreError(path + ": cannot read the configuration file: " + std::strerror(errno));
-    try {
-        boost::property_tree::ptree tree;
-        boost::property_tree::ini_parser::read_ini(in, tree);
-    } catch (const boost::property_tree::ini_parser_error& e) {
-        throw StoreError(path + ":" + std::to_string(e.line()) + ": " + e.message());
-    }
-    // The parser has accepted the file: every line is a comment, a section
-    // or a key = value pair.
-    in.clear();
-    in.seekg(0);
-    std::string line, section;
-    for (unsigned number = 1; std::getline(in, line); ++number) {
-        line = trimmed(line);
-        if (line.empty() || line[0] == ';' || line[0] == '#') continue;
-        if (line[0] == '[') {
-            section = trimmed(line.substr(1, line.find(']') - 1));
-            if (!knownKeys().count(section))
-                throw StoreError(path + ":" + std::to_string(number) + ": unknown section [" + section + "]");
-            continue;
-        }
-        std::string key = trimmed(line.substr(0, line.find('=')));
-        std::string value = trimmed(line.substr(line.find('=') + 1));
-        auto keys = knownKeys().find(section);
-        if (keys == knownKeys().end() || !keys->second.count(key)) {
-            std::string hint;
-            if (keys != knownKeys().end())
-                for (const std::string& k : keys->second)
-                    if (editDistance(k, key) <= 3) hint = "; did you mean " + k + "?";
-            throw StoreError(path + ":" + std::to_string(number) + ": unknown key '" + key + "'" +
-                             (section.empty() ? std::string(" outside any section") : " in [" + section + "]") + hint);
-        }
-        // Every key the tool knows is a boolean.
-        static const std::set<std::string> booleans = {"true", "false", "1", "0", "yes", "no", "on", "off"};
-        std::string lower = value;
-        std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
-        if (!booleans.count(lower))
-            throw StoreError(path + ":" + std::to_string(number) + ": " + key + " = " + value +
-                             ": give true or false");
-    }
-}
 
 CLI::Option* addStoreOption(CLI::App* cmd, std::string& target, bool existing) {
     auto* opt = cmd->add_option("--store", target,
                                 existing ? "the store: a directory, or s3://BUCKET/PREFIX"
                                          : "the store: a directory (made if missing), or s3://BUCKET/PREFIX");
     opt->required()->type_name("DIR|s3://BUCKET/PREFIX");
-    opt->check(CLI::Validator(
+    opt->transform(CLI::Validator(
         [existing](std::string& value) -> std::string {
-            if (Storage::isRemote(value)) {
-                S3Location where;
-                std::string why;
-                return S3Location::parse(value, where, why) ? std::string() : value + ": " + why;
-            }
+            if (value.compare(0, 5, "s3://") == 0) return s3UrlProblem(value);
             if (!existing) return std::string();
             std::string bad = CLI::ExistingDirectory(value);
             if (!bad.empty()) return bad;
-            std::error_code ec;
-            std::filesystem::path p = std::filesystem::absolute(value, ec);
-            if (!ec) value = p.lexically_normal().string();
-            while (value.size() > 1 && value.back() == '/') value.pop_back();
+            value = absolutePath(value);
             return std::string();
         },
         ""));

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <vector>
 
 namespace zxblk {
 
@@ -67,12 +68,15 @@ private:
     std::chrono::steady_clock::time_point m_start, m_lastDraw;
 };
 
+// How a disk was opened, as Disk::notices() tells it (a cache dropped, and
+// why), each as a line "zxblk: note: ..." on standard error.
+void sayNotices(const std::vector<std::string>& notices);
+
+// A path made absolute and plain ("a/../b/" is "/cwd/b"): a server or a
+// mount runs from "/".
+std::string absolutePath(const std::string& path);
+
 // The edit distance used to suggest a subcommand or option for a typo.
 size_t editDistance(const std::string& a, const std::string& b);
-
-// Checks an INI configuration file as the tool will read it: it must exist,
-// parse, and name only keys the tool knows. Throws StoreError naming the
-// file and line.
-void checkConfigFile(const std::string& path);
 
 }  // namespace zxblk

@@ -1,107 +1,36 @@
 // zxblk cache: the extent caches kept under the user's cache folder, what
 // each holds and who uses it (list), and their removal (purge).
-#include <limits.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <set>
 
-#include "host/disk_host.h"
-#include "store/storage.h"
-#include "tools/commands.h"
+#include "commands.h"
+#include "zxblk/zxblk.h"
 
 namespace zxblk {
 namespace {
 
 namespace fs = std::filesystem;
 
-struct CacheInfo {
-    std::string dir;
-    std::string store, disk;  // as its identity says; empty when it has none
-    long snapshot = -1;
-    uint64_t bytes = 0;  // allocated on disk
-    time_t lastUse = 0;
-    CacheHolder holder;
-
-    // "web01 snapshot 2 of /srv/store", or the folder of a cache that never
-    // got as far as recording what it holds.
-    std::string name() const {
-        if (disk.empty()) return dir + " (holding nothing known)";
-        return disk + " snapshot " + (snapshot < 0 ? std::string("?") : std::to_string(snapshot)) + " of " + store;
-    }
-};
-
-// The identity file that the host writes into a cache names its store,
-// disk and snapshot on lines of their own, before the list of snapshots
-// that the cache's bytes belong to.
-void readIdentity(CacheInfo& c) {
-    std::ifstream in(c.dir + "/identity");
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.rfind("store ", 0) == 0)
-            c.store = line.substr(6);
-        else if (line.rfind("disk ", 0) == 0)
-            c.disk = line.substr(5);
-        else if (line.rfind("snapshot ", 0) == 0)
-            c.snapshot = std::strtol(line.c_str() + 9, nullptr, 10);
-    }
+// "web01 snapshot 2 of /srv/store", or the folder of a cache that never
+// got as far as recording what it holds.
+std::string nameOf(const CacheInfo& c) {
+    if (c.disk.empty()) return c.folder + " (holding nothing known)";
+    return c.disk + " snapshot " + (c.snapshot < 0 ? std::string("?") : std::to_string(c.snapshot)) + " of " + c.store;
 }
 
-// Space taken as du counts it: allocated blocks, a file with several names
-// once. Entries that vanish meanwhile (a mount evicting) are skipped.
-void addAllocated(const std::string& dir, uint64_t& bytes, std::set<std::pair<dev_t, ino_t>>& seen) {
-    std::error_code ec;
-    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
-        struct stat st;
-        if (::lstat(it->path().c_str(), &st) != 0) continue;
-        if (st.st_nlink > 1 && !seen.insert({st.st_dev, st.st_ino}).second) continue;
-        bytes += static_cast<uint64_t>(st.st_blocks) * 512;
-        if (S_ISDIR(st.st_mode)) addAllocated(it->path().string(), bytes, seen);
-    }
-}
-
-// When a cache was last used: its lock file is written at every start and
-// stop, its extents folder changes with every extent moved in or out.
-void measure(CacheInfo& c) {
-    std::set<std::pair<dev_t, ino_t>> seen;
-    struct stat st;
-    if (::lstat(c.dir.c_str(), &st) == 0) c.bytes += static_cast<uint64_t>(st.st_blocks) * 512;
-    addAllocated(c.dir, c.bytes, seen);
-    for (const char* part : {"", "/lock", "/extents", "/identity"})
-        if (::lstat((c.dir + part).c_str(), &st) == 0) c.lastUse = std::max(c.lastUse, st.st_mtime);
-}
-
-// The caches under `root`, in order of store, disk and snapshot. A folder
-// there that has neither a lock nor an identity is not a cache (the demo
-// keeps its sample beside them) and is left out.
-std::vector<CacheInfo> findCaches(const std::string& root) {
-    std::vector<CacheInfo> caches;
-    std::error_code ec;
-    fs::directory_iterator it(root, ec);
-    if (ec == std::errc::no_such_file_or_directory) return caches;
-    if (ec) throw StoreError(root + ": cannot read it: " + ec.message());
-    for (fs::directory_iterator end; it != end; it.increment(ec)) {
-        if (ec) throw StoreError(root + ": cannot read it: " + ec.message());
-        std::error_code statError;
-        if (!fs::is_directory(it->symlink_status(statError))) continue;
-        CacheInfo c;
-        c.dir = it->path().string();
-        struct stat st;
-        if (::lstat((c.dir + "/lock").c_str(), &st) != 0 && ::lstat((c.dir + "/identity").c_str(), &st) != 0) continue;
-        readIdentity(c);
-        measure(c);
-        c.holder = cacheHolder(c.dir);
-        caches.push_back(std::move(c));
-    }
-    std::sort(caches.begin(), caches.end(), [](const CacheInfo& a, const CacheInfo& b) {
-        return std::tie(a.store, a.disk, a.snapshot, a.dir) < std::tie(b.store, b.disk, b.snapshot, b.dir);
-    });
-    return caches;
+// "pid 1234, mounted on /mnt/x", as the cache's lock tells it. (Written
+// here: CacheUser::describe() is declared in zxblk.h but libzxblk.so does
+// not export it.)
+std::string userText(const CacheUser& u) {
+    if (u.pid <= 0) return "a zxblk process";
+    std::string text = "pid " + std::to_string(u.pid);
+    if (!u.mountPoint.empty()) text += ", mounted on " + u.mountPoint;
+    if (u.stopping) text += ", stopping";
+    if (u.removing) text += ", removing it";
+    return text;
 }
 
 std::string timeText(time_t t, const char* format, bool utc) {
@@ -113,14 +42,8 @@ std::string timeText(time_t t, const char* format, bool utc) {
     return text;
 }
 
-std::string absoluteRoot(const std::string& root) {
-    std::error_code ec;
-    fs::path p = fs::absolute(root, ec);
-    return ec ? root : p.lexically_normal().string();
-}
-
-void listCaches(const std::string& root) {
-    std::vector<CacheInfo> caches = findCaches(root);
+void printCaches(const std::string& root) {
+    std::vector<CacheInfo> caches = listCaches(root);
     uint64_t total = 0;
     for (const CacheInfo& c : caches) total += c.bytes;
     if (commonOptions().json) {
@@ -128,16 +51,16 @@ void listCaches(const std::string& root) {
         auto orNull = [](bool known, const Json& value) { return known ? value : Json(); };
         Json list = Json::array();
         for (const CacheInfo& c : caches) {
-            bool user = c.holder.inUse;
-            list.push_back({{"folder", c.dir},
+            bool user = c.user.inUse;
+            list.push_back({{"folder", c.folder},
                             {"store", orNull(!c.store.empty(), c.store)},
                             {"disk", orNull(!c.disk.empty(), c.disk)},
                             {"snapshot", orNull(c.snapshot >= 0, c.snapshot)},
                             {"bytes", c.bytes},
                             {"lastUse", timeText(c.lastUse, "%Y-%m-%dT%H:%M:%SZ", true)},
                             {"inUse", user},
-                            {"pid", orNull(user && c.holder.pid > 0, c.holder.pid)},
-                            {"mountPoint", orNull(user && !c.holder.mountPoint.empty(), c.holder.mountPoint)}});
+                            {"pid", orNull(user && c.user.pid > 0, c.user.pid)},
+                            {"mountPoint", orNull(user && !c.user.mountPoint.empty(), c.user.mountPoint)}});
         }
         Json out = {{"root", root}, {"bytes", total}, {"caches", list}};
         std::printf("%s\n", out.dump(2).c_str());
@@ -150,11 +73,10 @@ void listCaches(const std::string& root) {
     std::vector<std::vector<std::string>> rows = {
         {"STORE", "DISK", "SNAPSHOT", "SIZE", "LAST USE", "IN USE BY", "FOLDER"}};
     for (const CacheInfo& c : caches) {
-        std::string user = "-";
-        if (c.holder.inUse) user = c.holder.pid > 0 ? c.holder.describe() : "a zxblk process";
+        std::string user = c.user.inUse ? userText(c.user) : "-";
         rows.push_back({c.store.empty() ? "?" : c.store, c.disk.empty() ? "?" : c.disk,
                         c.snapshot < 0 ? "?" : std::to_string(c.snapshot), humanSize(c.bytes),
-                        timeText(c.lastUse, "%Y-%m-%d %H:%M", false), user, fs::path(c.dir).filename().string()});
+                        timeText(c.lastUse, "%Y-%m-%d %H:%M", false), user, fs::path(c.folder).filename().string()});
     }
     std::vector<size_t> width(rows[0].size(), 0);
     for (const auto& row : rows)
@@ -178,29 +100,21 @@ void purgeCaches(const PurgeArgs& a) {
     if (!a.all && a.store.empty() && a.disk.empty())
         throw CLI::ValidationError("cache purge",
                                    "say which caches to remove: --all, or --store DIR and/or --disk NAME");
-    // The host records the store's real path.
-    std::string store;
-    if (!a.store.empty()) {
-        char real[PATH_MAX];
-        // As the caches' identity files name it: a folder by its real path, S3 by its URL.
-        store = Storage::isRemote(a.store)            ? a.store
-                : ::realpath(a.store.c_str(), real) ? std::string(real)
-                                                    : absoluteRoot(a.store);
-    }
+    // As the caches' identity files name it: a folder by its real path, S3 by its URL.
+    std::string store = a.store.empty() ? std::string() : canonicalStoreLocation(a.store);
     unsigned removed = 0, busy = 0, failed = 0;
     uint64_t freed = 0;
-    for (const CacheInfo& c : findCaches(a.root)) {
+    for (const CacheInfo& c : listCaches(a.root)) {
         if (!store.empty() && c.store != store) continue;
         if (!a.disk.empty() && c.disk != a.disk) continue;
-        CacheHolder holder;
+        CacheUser user;
         try {
-            if (!removeCache(c.dir, &holder)) {
+            if (!removeCache(c.folder, &user)) {
                 ++busy;
-                std::printf("left alone, in use by %s: %s\n",
-                            holder.pid > 0 ? holder.describe().c_str() : "a zxblk process", c.name().c_str());
+                std::printf("left alone, in use by %s: %s\n", userText(user).c_str(), nameOf(c).c_str());
                 continue;
             }
-        } catch (const StoreError& e) {
+        } catch (const Error& e) {
             ++failed;
             std::fprintf(stderr, "zxblk: %s\n", e.what());
             continue;
@@ -208,9 +122,9 @@ void purgeCaches(const PurgeArgs& a) {
         ++removed;
         freed += c.bytes;
         std::error_code ec;
-        bool stays = fs::exists(c.dir, ec);
+        bool stays = fs::exists(c.folder, ec);
         if (!quiet())
-            std::printf("removed %s: %s%s\n", c.name().c_str(), humanSize(c.bytes).c_str(),
+            std::printf("removed %s: %s%s\n", nameOf(c).c_str(), humanSize(c.bytes).c_str(),
                         stays ? " (its folder stays: it holds files that are not the cache's)" : "");
     }
     std::string which = a.all ? std::string("in ") + a.root
@@ -225,7 +139,7 @@ void purgeCaches(const PurgeArgs& a) {
                         left.c_str());
     }
     if (failed)
-        throw StoreError(std::to_string(failed) + " cache" + (failed == 1 ? "" : "s") + " could not be removed");
+        throw Error(std::to_string(failed) + " cache" + (failed == 1 ? "" : "s") + " could not be removed", ErrorKind::io);
 }
 
 }  // namespace
@@ -243,7 +157,7 @@ void registerCacheCommand(CLI::App& app) {
     addCommonOptions(list);
     list->callback([] {
         applyCommonOptions();
-        listCaches(absoluteRoot(listRoot.empty() ? defaultCacheRoot() : listRoot));
+        printCaches(absolutePath(listRoot.empty() ? defaultCacheRoot() : listRoot));
     });
 
     auto* purge = cmd->add_subcommand("purge", "remove the extent caches that no process uses");
@@ -255,7 +169,7 @@ void registerCacheCommand(CLI::App& app) {
     addCommonOptions(purge);
     purge->callback([] {
         applyCommonOptions();
-        a.root = absoluteRoot(a.root.empty() ? defaultCacheRoot() : a.root);
+        a.root = absolutePath(a.root.empty() ? defaultCacheRoot() : a.root);
         purgeCaches(a);
     });
 }

@@ -22,12 +22,8 @@
 #include <sstream>
 #include <thread>
 
-#include "host/disk_host.h"
-#include "store/importer.h"
-#include "store/storage.h"
-#include "store/index_service.h"
-#include "store/vhd_diff_writer.h"
-#include "tools/commands.h"
+#include "commands.h"
+#include "zxblk/zxblk.h"
 
 extern char** environ;
 
@@ -63,7 +59,7 @@ std::string quote(const std::string& s) {
 
 void run(const std::string& command, const std::string& output = "/dev/null") {
     if (std::system((command + " >" + quote(output) + " 2>/dev/null").c_str()) != 0)
-        throw StoreError("demo step failed: " + command);
+        throw Error("demo step failed: " + command, ErrorKind::io);
 }
 
 std::string slurp(const std::string& path) {
@@ -74,7 +70,7 @@ std::string slurp(const std::string& path) {
 void spit(const std::string& path, const std::string& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << bytes;
-    if (!out.flush()) throw StoreError(path + ": cannot write it");
+    if (!out.flush()) throw Error(path + ": cannot write it", ErrorKind::io);
 }
 
 // A file's bytes depend only on its name and version, so the demo can tell
@@ -113,16 +109,17 @@ public:
         posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);  // the demo says what it mounted
         int rc = posix_spawn(&m_pid, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
-        if (rc != 0) throw StoreError(std::string("cannot start zxblk mount: ") + std::strerror(rc));
+        if (rc != 0) throw Error(std::string("cannot start zxblk mount: ") + std::strerror(rc), ErrorKind::io);
         for (int i = 0; i < 600 && !fuseMounted(mountpoint); ++i) {
             int status = 0;
             if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
                 m_pid = -1;
-                throw StoreError(mountpoint + ": zxblk mount ended before the disk was mounted (see above)");
+                throw Error(mountpoint + ": zxblk mount ended before the disk was mounted (see above)", ErrorKind::io);
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
-        if (!fuseMounted(mountpoint)) throw StoreError(mountpoint + ": the mount did not come up within 30 s");
+        if (!fuseMounted(mountpoint))
+            throw Error(mountpoint + ": the mount did not come up within 30 s", ErrorKind::unavailable);
     }
     // Unmounts and returns whether the mount process ended cleanly.
     bool close() {
@@ -180,13 +177,13 @@ void buildSample(const std::string& dir, const std::string& work, const std::str
     }
     spit(work + "/debugfs.cmds", commands);
     run("debugfs -w -f " + quote(work + "/debugfs.cmds") + " " + quote(work + "/changed.img"));
-    DiffStats diff = writeDifferencingVhd(work + "/base.vhd", work + "/base.img", work + "/changed.img", work + "/child.vhd");
+    DifferencingStats diff = writeDifferencingVhd(work + "/base.vhd", work + "/base.img", work + "/changed.img", work + "/child.vhd");
     std::printf("    %llu sectors changed, in %llu blocks of the differencing VHD\n",
                 static_cast<unsigned long long>(diff.sectorsChanged), static_cast<unsigned long long>(diff.blocksAllocated));
     say("importing both into the store " + store);
     // The images are named without the scratch folder, which is gone when
     // the demo ends: a path there would point the user at nothing.
-    for (std::string line : importImages(*openFolderStorage(store), "demo", {work + "/base.vhd", work + "/child.vhd"}, ImportSettings())) {
+    for (std::string line : Store::importImages(store, "demo", {work + "/base.vhd", work + "/child.vhd"})) {
         for (size_t at = line.find(work + "/"); at != std::string::npos; at = line.find(work + "/", at))
             line.erase(at, work.size() + 1);
         std::printf("    %s\n", shown(line).c_str());
@@ -202,19 +199,14 @@ void registerDemoCommand(CLI::App& app) {
     addCommonOptions(cmd);
     cmd->callback([] {
         applyCommonOptions();
-        if (dir.empty()) {
-            const char* xdg = std::getenv("XDG_CACHE_HOME");
-            const char* home = std::getenv("HOME");
-            dir = (xdg && *xdg ? std::string(xdg) : std::string(home && *home ? home : "/tmp") + "/.cache") + "/zxblk/demo";
-        }
-        dir = fs::absolute(dir).lexically_normal().string();
-        while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+        dir = absolutePath(dir.empty() ? defaultCacheRoot() + "/demo" : dir);
         std::error_code ec;
         if (fs::exists(dir) && !fs::is_empty(dir, ec) && !fs::exists(dir + "/" + kMarker))
-            throw StoreError(dir + " is not empty and holds no earlier demo: give --dir an empty or new folder");
+            throw Error(dir + " is not empty and holds no earlier demo: give --dir an empty or new folder",
+                        ErrorKind::invalidArgument);
         for (const char* part : {"files", "store", "work", "cache", "mnt"}) fs::remove_all(dir + "/" + part, ec);
         fs::create_directories(dir, ec);
-        if (ec) throw StoreError(dir + ": " + ec.message());
+        if (ec) throw Error(dir + ": " + ec.message(), ErrorKind::io);
         spit(dir + "/" + kMarker, "a sample made by zxblk demo; the demo replaces it when it runs again\n");
         std::string store = dir + "/store", work = dir + "/work", cache = dir + "/cache", mnt = dir + "/mnt";
         buildSample(dir, work, store);
@@ -236,7 +228,9 @@ void registerDemoCommand(CLI::App& app) {
             run("debugfs -R " + quote("cat /" + dataFile(i)) + " " + quote(disk), out);
             size_t size = version ? kChangedSize : originalSize(i);
             if (slurp(out) != contents(dataFile(i), version, size))
-                throw StoreError("/" + dataFile(i) + " read from the disk differs from the " + (version ? "changed file" : "original"));
+                throw Error("/" + dataFile(i) + " read from the disk differs from the " +
+                                (version ? "changed file" : "original"),
+                            ErrorKind::corruption);
             std::printf("    /%s: %zu bytes, identical to the %s\n", dataFile(i).c_str(), size,
                         version ? "changed file of snapshot 1" : "original");
         };
@@ -250,10 +244,10 @@ void registerDemoCommand(CLI::App& app) {
             say("marking the mount complete: the index learns which extents mounting needed");
             spit(mnt + "/.control", "mount-complete\n");
             stats = parseStats(slurp(mnt + "/.stats"));
-            if (!mount->close()) throw StoreError("zxblk mount did not end cleanly (see above)");
+            if (!mount->close()) throw Error("zxblk mount did not end cleanly (see above)", ErrorKind::io);
             mount.reset();
         }
-        std::vector<FlaggedExtent> rows = SqliteIndexService(*openFolderStorage(store)).rows("demo", 1, "mount");
+        std::vector<IndexRow> rows = Store::open(store).indexRows("demo", 1, "mount");
         say("done");
         if (fuse) {
             unsigned long long E = stats["extent_size"] ? stats["extent_size"] : 1, size = stats["disk_bytes"];

@@ -13,10 +13,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "store/store_error.h"
-#include "tools/commands.h"
-#include "store/fd_io.h"
-#include "tools/export_sink.h"
+#include "commands.h"
+#include "export_sink.h"
 #include "zxblk/zxblk.h"
 
 namespace zxblk {
@@ -41,7 +39,9 @@ Disk openDisk(const DiskArgs& a) {
     o.cacheDir = a.cache;
     // Both commands say themselves what to recall ahead, if anything.
     o.readaheadMax = 0;
-    return Disk::open(a.store, a.disk, o);
+    Disk disk = Disk::open(a.store, a.disk, o);
+    sayNotices(disk.notices());
+    return disk;
 }
 
 // One figure of Disk::statsText().
@@ -52,6 +52,17 @@ unsigned long long statValue(const std::string& stats, const std::string& key) {
     while (in >> k >> v)
         if (k == key) return v;
     return 0;
+}
+
+// Standard output in order, wherever it goes: a pipe, a terminal, a file
+// (appended to or not) that later commands of a script go on writing.
+void writeOut(const char* bytes, uint64_t length) {
+    while (length) {
+        ssize_t n = ::write(1, bytes, static_cast<size_t>(std::min<uint64_t>(length, 1 << 30)));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) throw Error(std::string("standard output: ") + std::strerror(n < 0 ? errno : EIO), ErrorKind::io);
+        bytes += n, length -= static_cast<uint64_t>(n);
+    }
 }
 
 }  // namespace
@@ -134,12 +145,13 @@ void registerReadCommand(CLI::App& app) {
         // The whole range is checked before anything is written.
         if (offset > disk.size() || length > disk.size() - offset)
             throw Error("range " + std::to_string(offset) + "+" + std::to_string(length) + " is past the end of disk " +
-                        args.disk + " (" + std::to_string(disk.size()) + " bytes)");
+                            args.disk + " (" + std::to_string(disk.size()) + " bytes)",
+                        ErrorKind::invalidArgument);
         std::vector<char> buffer(static_cast<size_t>(std::min<uint64_t>(length, 16 << 20)));
         for (uint64_t done = 0; done < length;) {
             uint64_t n = std::min<uint64_t>(buffer.size(), length - done);
             disk.read(offset + done, n, buffer.data());
-            writeFully(1, buffer.data(), n, -1, "standard output");
+            writeOut(buffer.data(), n);
             done += n;
         }
     });

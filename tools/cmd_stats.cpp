@@ -7,25 +7,45 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <utility>
 #include <vector>
 
-#include "store/store_error.h"
-#include "tools/commands.h"
+#include "commands.h"
+#include "zxblk/zxblk.h"
 
 namespace zxblk {
 namespace {
 
+// A mount of several disks has a folder per disk, each with its .stats:
+// their names ("a, b"), or "" for any other folder.
+std::string disksMountedIn(const std::string& folder) {
+    std::string names;
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+        std::error_code statError;
+        if (std::filesystem::is_regular_file(it->path() / ".stats", statError))
+            names += (names.empty() ? "" : ", ") + it->path().filename().string();
+    }
+    return names;
+}
+
 // The "key value" lines of a mount's .stats, in their order.
 std::vector<std::pair<std::string, uint64_t>> readStats(const std::string& mountpoint) {
     struct stat st;
-    if (::stat(mountpoint.c_str(), &st) != 0) throw StoreError(mountpoint + ": " + std::strerror(errno));
+    if (::stat(mountpoint.c_str(), &st) != 0) throw Error(mountpoint + ": " + std::strerror(errno), ErrorKind::notFound);
     if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode))
-        throw StoreError(mountpoint + " is neither a zxblk mount nor a statistics file");
+        throw Error(mountpoint + " is neither a zxblk mount nor a statistics file", ErrorKind::invalidArgument);
     std::ifstream in(S_ISDIR(st.st_mode) ? mountpoint + "/.stats" : mountpoint);
-    if (!in) throw StoreError(mountpoint + " is not a zxblk mount (it has no .stats)");
+    if (!in) {
+        std::string disks = disksMountedIn(mountpoint);
+        throw Error(disks.empty() ? mountpoint + " is not a zxblk mount (it has no .stats)"
+                                  : mountpoint + " is a mount of several disks (" + disks + "): give " + mountpoint +
+                                        "/DISK",
+                    ErrorKind::invalidArgument);
+    }
     std::vector<std::pair<std::string, uint64_t>> stats;
     std::string line;
     while (std::getline(in, line)) {
@@ -35,14 +55,16 @@ std::vector<std::pair<std::string, uint64_t>> readStats(const std::string& mount
         auto parsed = space == std::string::npos ? std::from_chars_result{nullptr, std::errc::invalid_argument}
                                                  : std::from_chars(line.data() + space + 1, end, value);
         if (space == 0 || parsed.ec != std::errc() || parsed.ptr != end)
-            throw StoreError(mountpoint + " is not a zxblk mount" +
+            throw Error(mountpoint + " is not a zxblk mount" +
                              (S_ISDIR(st.st_mode) ? " (its .stats has a line '" : " or statistics file (it has a line '") +
-                             line + "')");
+                             line + "')",
+                        ErrorKind::invalidArgument);
         stats.emplace_back(line.substr(0, space), value);
     }
     bool disk = false;
     for (const auto& kv : stats) disk = disk || kv.first == "disk_bytes";
-    if (!disk) throw StoreError(mountpoint + " is not a zxblk mount (its statistics give no disk size)");
+    if (!disk)
+        throw Error(mountpoint + " is not a zxblk mount (its statistics give no disk size)", ErrorKind::invalidArgument);
     return stats;
 }
 
@@ -53,7 +75,8 @@ std::string plural(uint64_t n, const char* word) { return std::to_string(n) + " 
 void registerStatsCommand(CLI::App& app) {
     auto* cmd = app.add_subcommand("stats", "what a running mount or server has recalled, read ahead and cached");
     static std::string mountpoint;
-    cmd->add_option("mountpoint", mountpoint, "where zxblk mount presents a disk, or the file of zxblk serve --stats")
+    cmd->add_option("mountpoint", mountpoint, "where zxblk mount presents a disk (MOUNTPOINT/DISK in a mount of several), or a "
+                    "statistics file of zxblk serve --stats")
         ->required();
     addJsonOption(cmd);
     addCommonOptions(cmd);

@@ -2,10 +2,8 @@
 #include <cstdio>
 #include <memory>
 
-#include "store/catalog.h"
-#include "store/importer.h"
-#include "store/s3_storage.h"
-#include "tools/commands.h"
+#include "commands.h"
+#include "zxblk/zxblk.h"
 
 namespace zxblk {
 
@@ -13,8 +11,7 @@ void registerImportCommand(CLI::App& app) {
     auto* cmd = app.add_subcommand("import", "import a VHD chain (base first) or one image as a disk's snapshots");
     static std::string store, disk, format = "auto";
     static std::vector<std::string> images;
-    static ImportSettings options;
-    static uint64_t extentSize = static_cast<uint64_t>(options.extentSize);
+    static ImportOptions options;
     addStoreOption(cmd, store, false);
     cmd->add_option("--disk", disk, "disk name")->required();
     cmd->add_option("--format", format,
@@ -28,7 +25,7 @@ void registerImportCommand(CLI::App& app) {
     addNumberOption<uint32_t>(cmd, "--subclient-id", options.subclientId, "subclient id (default: a new one)", 1);
     cmd->add_option("--backupset", options.backupSet, "backup set name")->capture_default_str();
     cmd->add_option("--instance", options.instance, "instance name")->capture_default_str();
-    addSizeOption(cmd, "--extent-size", extentSize, "extent size of a new disk: a power of two from 64K to 2M", 64 << 10,
+    addSizeOption(cmd, "--extent-size", options.extentSize, "extent size of a new disk: a power of two from 64K to 2M", 64 << 10,
                   2 << 20)
         ->check(CLI::Validator(
             [](std::string& text) {
@@ -48,16 +45,15 @@ void registerImportCommand(CLI::App& app) {
     addProgressOption(cmd);
     cmd->callback([] {
         applyCommonOptions();
-        ImportSettings run = options;
-        run.extentSize = static_cast<int64_t>(extentSize);
-        run.format = format == "raw" ? ImportFormat::Raw : format == "vhd" ? ImportFormat::Vhd : ImportFormat::Auto;
+        ImportOptions run = options;
+        run.format = format == "raw" ? ImageFormat::raw : format == "vhd" ? ImageFormat::vhd : ImageFormat::automatic;
         std::unique_ptr<Progress> progress;
         run.progress = [&progress](uint64_t done, uint64_t total) {
             if (!progress)
                 progress = std::make_unique<Progress>("import " + (images.size() == 1 ? images.front() : disk), total);
             progress->update(done);
         };
-        std::vector<std::string> lines = importImages(*openStorage(store, makeS3Connections()), disk, images, run);
+        std::vector<std::string> lines = Store::importImages(store, disk, images, run);
         if (progress) progress->finish();
         for (const std::string& line : lines) std::printf("%s\n", line.c_str());
     });

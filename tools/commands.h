@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
-#include "tools/cli_util.h"
+#include "cli_util.h"
 
 namespace zxblk {
 
@@ -24,11 +24,6 @@ void addCommonOptions(CLI::App* command);
 void addProgressOption(CLI::App* command);
 // --json, for the commands that can print their result as JSON.
 void addJsonOption(CLI::App* command);
-
-// --store, --disk, --snapshot, --cache and --cache-limit: the disk that a
-// mount or a server presents, and its extent cache.
-void addPresentedDiskOptions(CLI::App* command, std::string& store, std::string& disk, int& snapshot,
-                             std::string& cache, uint64_t& cacheLimit);
 
 void registerImportCommand(CLI::App& app);
 void registerListCommand(CLI::App& app);

@@ -1,4 +1,4 @@
-#include "tools/export_sink.h"
+#include "export_sink.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -11,7 +11,7 @@
 #include <cstring>
 #include <vector>
 
-#include "store/store_error.h"
+#include "zxblk/zxblk.h"
 
 namespace zxblk {
 namespace {
@@ -91,7 +91,7 @@ ExportSink::~ExportSink() {
 }
 
 [[noreturn]] void ExportSink::fail(const std::string& what, int err) const {
-    throw StoreError(what + ": " + std::strerror(err));
+    throw Error(what + ": " + std::strerror(err), err == ENOENT ? ErrorKind::notFound : ErrorKind::io);
 }
 
 void ExportSink::copyFrom(int fd, uint64_t fileOffset, uint64_t offset, uint64_t length) {
@@ -132,7 +132,7 @@ void ExportSink::data(int fd, uint64_t fileOffset, uint64_t offset, uint64_t len
         size_t n = static_cast<size_t>(std::min<uint64_t>(length, kChunk));
         ssize_t got = ::pread(fd, buffer.data(), n, static_cast<off_t>(fileOffset));
         if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) throw StoreError("an extent file ended early while exporting to " + m_what);
+        if (got <= 0) throw Error("an extent file ended early while exporting to " + m_what, ErrorKind::io);
         writeAt(buffer.data(), offset, static_cast<size_t>(got));
         fileOffset += static_cast<uint64_t>(got), offset += static_cast<uint64_t>(got), length -= static_cast<uint64_t>(got);
     }
@@ -149,7 +149,7 @@ void ExportSink::zeros(uint64_t offset, uint64_t length) {
 
 void ExportSink::writeAt(const char* bytes, uint64_t offset, size_t length) {
     if (!m_positional && offset != m_streamed)
-        throw StoreError("internal: out-of-order write to " + m_what);
+        throw Error("internal: out-of-order write to " + m_what, ErrorKind::invalidArgument);
     while (length) {
         ssize_t n = m_positional ? ::pwrite(m_fd, bytes, length, static_cast<off_t>(m_base + offset))
                                  : ::write(m_fd, bytes, length);

@@ -11,7 +11,7 @@ namespace zxblk {
 
 class ExportSink {
 public:
-    // Opens the target for a disk of `size` bytes; throws StoreError.
+    // Opens the target for a disk of `size` bytes; throws zxblk::Error.
     ExportSink(const std::string& target, uint64_t size);
     // Removes a temporary that was not committed.
     ~ExportSink();

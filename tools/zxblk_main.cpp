@@ -7,9 +7,8 @@
 #include <vector>
 #include <exception>
 
-#include "platform/Log.h"
-#include "platform/ZXPlatformInfo.h"
-#include "tools/commands.h"
+#include "commands.h"
+#include "zxblk/zxblk.h"
 
 namespace zxblk {
 
@@ -45,19 +44,13 @@ void addJsonOption(CLI::App* command) {
 
 void applyCommonOptions() {
     CommonOptions& o = commonOptions();
-    if (!o.config.empty()) {
-        checkConfigFile(o.config);
-        setenv("ZXBLK_CONFIG", o.config.c_str(), 1);
-        ZXPlatformInfo::Reload();
-    } else if (const char* env = std::getenv("ZXBLK_CONFIG"); env && *env) {
+    if (!o.config.empty())
+        useConfigFile(o.config);
+    else if (const char* env = std::getenv("ZXBLK_CONFIG"); env && *env)
         checkConfigFile(env);
-    }
     // What fails a command reaches the user in its own one line; the
-    // library's log lines on the way are for -v.
-    if (o.logLevelSet)
-        LogSink::setLevel(o.logLevel);
-    else
-        LogSink::setLevel(o.verbosity > 0 ? o.verbosity - 1 : kLevelError - 1);
+    // library's log lines on the way are for -v (-2 drops them all).
+    setLogLevel(o.logLevelSet ? o.logLevel : o.verbosity > 0 ? o.verbosity - 1 : -2);
 }
 
 namespace {
