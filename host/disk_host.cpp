@@ -34,104 +34,7 @@ std::string absolutePath(const std::string& path) {
     return ec ? path : p.lexically_normal().string();
 }
 
-// A store's folder as the kernel names it; a store on S3 as its URL.
-std::string realPath(const std::string& path) {
-    if (Storage::isRemote(path)) return path;
-    char real[PATH_MAX];
-    return ::realpath(path.c_str(), real) ? std::string(real) : absolutePath(path);
-}
-
-// The lock file of a cache tells who holds it: the holder's pid on the first
-// line, followed by "stopping" or "removing" while it ends, then
-// "mountpoint PATH" when a mount holds it.
-std::string lockNote(const std::string& state, std::string mountPoint) {
-    std::string note = std::to_string(::getpid()) + (state.empty() ? "" : " " + state) + "\n";
-    std::replace(mountPoint.begin(), mountPoint.end(), '\n', '?');
-    if (!mountPoint.empty()) note += "mountpoint " + mountPoint + "\n";
-    return note;
-}
-
-// Replaces the note: written over the old one, then cut to its length, so
-// that a reader never finds the file empty.
-void writeLockNote(int fd, const std::string& note) {
-    bool noted = ::pwrite(fd, note.data(), note.size(), 0) == static_cast<ssize_t>(note.size()) &&
-                 ::ftruncate(fd, static_cast<off_t>(note.size())) == 0;
-    (void)noted;  // the note serves only the messages of other processes
-}
-
-CacheHolder readLockNote(int fd) {
-    char text[PATH_MAX + 128];
-    ssize_t n = ::pread(fd, text, sizeof text, 0);
-    std::string note = n > 0 ? std::string(text, static_cast<size_t>(n)) : std::string();
-    CacheHolder h;
-    size_t end = note.find('\n');
-    std::string first = note.substr(0, end);
-    h.pid = std::strtol(first.c_str(), nullptr, 10);
-    if (first.find(' ') != std::string::npos) h.state = first.substr(first.find(' ') + 1);
-    const std::string key = "\nmountpoint ";
-    size_t at = note.find(key);
-    if (at != std::string::npos) {
-        at += key.size();
-        h.mountPoint = note.substr(at, note.find('\n', at) - at);
-    }
-    return h;
-}
-
-// Everything a cache folder holds but its lock: anything else found in it
-// is not the cache's and stays, and then so does the folder.
-const char* const kCacheEntries[] = {"extents", "tmp", "identity", "identity.new", "dirty", "mount.log", "serve.log"};
-
-// With the cache's lock held. The lock goes last: a process that waits for
-// it finds it unlinked once it has it, and makes a new cache.
-void removeCacheFiles(const std::string& dir) {
-    for (const char* name : kCacheEntries) {
-        std::error_code ec;
-        std::filesystem::remove_all(dir + "/" + name, ec);
-        if (ec) throw StoreError(dir + "/" + name + ": cannot remove it: " + ec.message());
-    }
-    if (::unlink((dir + "/lock").c_str()) != 0 && errno != ENOENT)
-        throw StoreError(dir + "/lock: cannot remove it: " + std::strerror(errno));
-    if (::rmdir(dir.c_str()) != 0 && errno != ENOTEMPTY && errno != EEXIST && errno != ENOENT)
-        throw StoreError(dir + ": cannot remove it: " + std::strerror(errno));
-}
-
 }  // namespace
-
-std::string CacheHolder::describe() const {
-    std::string text = "pid " + std::to_string(pid);
-    if (!mountPoint.empty()) text += ", mounted on " + mountPoint;
-    if (state == "stopping") text += ", stopping";
-    if (state == "removing") text += ", removing it";
-    return text;
-}
-
-CacheHolder cacheHolder(const std::string& cacheDir) {
-    auto_handle lock(::open((cacheDir + "/lock").c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (!lock.is_valid()) return CacheHolder();
-    // A shared lock, given back at once: a process that wants the cache
-    // meanwhile finds its lock held by one that the note does not name, and
-    // waits rather than refuse.
-    if (::flock(lock.get(), LOCK_SH | LOCK_NB) == 0) return CacheHolder();
-    CacheHolder h = readLockNote(lock.get());
-    h.inUse = true;
-    return h;
-}
-
-bool removeCache(const std::string& cacheDir, CacheHolder* holder) {
-    std::string path = cacheDir + "/lock";
-    auto_handle lock(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
-    if (lock.is_valid()) {
-        if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-            if (holder) *holder = readLockNote(lock.get()), holder->inUse = true;
-            return false;
-        }
-        writeLockNote(lock.get(), lockNote("removing", ""));
-    } else if (errno != ENOENT) {
-        throw StoreError(path + ": " + std::strerror(errno));
-    }
-    removeCacheFiles(cacheDir);
-    return true;
-}
 
 struct ExtentHandle::File {
     explicit File(int descriptor) : fd(descriptor) {}
@@ -146,22 +49,6 @@ struct DiskHost::PoolDisk {
     std::unique_ptr<ZxBlkVhd> disk;
     std::mutex mutex;  // one readData or phase change at a time per disk object
 };
-
-std::string defaultCacheRoot() {
-    const char* xdg = std::getenv("XDG_CACHE_HOME");
-    const char* home = std::getenv("HOME");
-    std::string base = xdg && *xdg ? xdg : std::string(home && *home ? home : "/tmp") + "/.cache";
-    return base + "/zxblk";
-}
-
-std::string canonicalLocation(const std::string& location) { return realPath(location); }
-
-std::string defaultCacheDir(const std::string& storeLocation, const std::string& disk, int snapshot) {
-    std::string store = realPath(storeLocation);
-    char hash[17];
-    std::snprintf(hash, sizeof hash, "%016zx", std::hash<std::string>()(store));
-    return defaultCacheRoot() + "/" + hash + "-" + disk + "-snap" + std::to_string(snapshot);
-}
 
 DiskHost::DiskHost(std::shared_ptr<StoreServices> services, const HostOptions& options)
     : m_services(std::move(services)),
@@ -206,11 +93,14 @@ DiskHost::DiskHost(std::shared_ptr<StoreServices> services, const HostOptions& o
     }
 
     // The cache holds the bytes of one disk as one list of snapshots shows it.
-    std::string identity = "store " + storeDir + "\ndisk " + options.disk + "\nsnapshot " + std::to_string(m_snapshot) +
-                           "\nextent size " + std::to_string(m_extentSize) + "\n";
+    CacheIdentity identity;
+    identity.store = storeDir;
+    identity.disk = options.disk;
+    identity.snapshot = m_snapshot;
+    identity.extentSize = m_extentSize;
     for (const CopyRecord& c : record->copies)
-        identity += "copy " + std::to_string(c.archiveFileId) + " " + c.uniqueId + " " + c.file + "\n";
-    checkCacheIdentity(identity);
+        identity.copies.push_back(std::to_string(c.archiveFileId) + " " + c.uniqueId + " " + c.file);
+    checkCacheIdentity(identity.text());
 
     unsigned long long limit = options.cacheLimit;
     if (!limit) {

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "framework/AutoHandles.h"
+#include "host/cache_folder.h"
 #include "platform/ZxBlkBackingStore.h"
 #include "store/store_services.h"
 
@@ -233,31 +234,5 @@ private:
     bool m_dropAtEnd = false;
     std::vector<std::string> m_notices;
 };
-
-// The folder that holds the default caches: $XDG_CACHE_HOME/zxblk, or
-// ~/.cache/zxblk.
-std::string defaultCacheRoot();
-// The default cache folder of a store (its folder or URL), disk and snapshot.
-std::string defaultCacheDir(const std::string& store, const std::string& disk, int snapshot);
-// A store's location as the caches name it: a folder by its real path, a
-// store on S3 by its URL.
-std::string canonicalLocation(const std::string& location);
-
-// The process that holds a cache, as the cache's lock file tells.
-struct CacheHolder {
-    bool inUse = false;
-    long pid = 0;
-    std::string state;       // "", "stopping" or "removing"
-    std::string mountPoint;  // where it is mounted, when a mount holds it
-    // "pid 1234, mounted on /mnt/x"
-    std::string describe() const;
-};
-// Looks at a cache folder without taking it.
-CacheHolder cacheHolder(const std::string& cacheDir);
-// Removes what a cache holds (extents, temporaries, identity, marks, the
-// daemon's log, the lock) and then its folder, if nothing else is left in
-// it, unless a process holds the cache: then it returns false, touches
-// nothing and tells who in `holder`. Throws StoreError when it cannot.
-bool removeCache(const std::string& cacheDir, CacheHolder* holder = nullptr);
 
 }  // namespace zxblk

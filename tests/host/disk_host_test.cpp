@@ -88,6 +88,15 @@ std::set<std::string> indexRows(const std::string& db, const std::string& disk) 
 
 void writeFile(const std::string& path) { std::ofstream(path) << "left over"; }
 
+// Bytes allocated under a folder, as du counts them.
+uint64_t du(const std::string& dir) {
+    FILE* p = ::popen(("du -s -B1 '" + dir + "'").c_str(), "r");
+    unsigned long long bytes = 0;
+    if (p && std::fscanf(p, "%llu", &bytes) != 1) bytes = 0;
+    if (p) ::pclose(p);
+    return bytes;
+}
+
 class DiskHostTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -433,6 +442,41 @@ TEST_F(DiskHostTest, ReadaheadFollowsSequentialReadersOnlyAndSparesExtentsInUse)
             EXPECT_EQ(st.readaheads, 0u) << c.what;
         EXPECT_LE(host.cache().usedBytes(), c.limit * E) << c.what;
     }
+}
+
+// The listing reads back what hosts recorded in their caches, measures each
+// as du does and names the process holding one; a folder that is no cache,
+// beside them, is left out.
+TEST_F(DiskHostTest, CacheFoldersListWhatTheyHoldAndWhoHoldsThem) {
+    const std::string root = dir + "/root";
+    EXPECT_TRUE(zxblk::listCacheFolders(root).empty());
+    {
+        zxblk::DiskHost old(services(), options(root + "/old", 0, 0));
+        EXPECT_TRUE(readMatches(old, snaps[0].merged, 0, 3 * E));
+    }
+    fs::create_directories(root + "/sample");
+    writeFile(root + "/sample/disk.raw");
+    writeFile(root + "/file");
+    zxblk::DiskHost live(services(), options(root + "/live"));
+    EXPECT_TRUE(readMatches(live, snaps[2].merged, 0, E));
+    std::vector<zxblk::CacheListing> got = zxblk::listCacheFolders(root);
+    ASSERT_EQ(got.size(), 2u);
+    const struct {
+        const char* dir;
+        long snapshot;
+        long holder;
+    } want[] = {{"/old", 0, 0}, {"/live", 2, ::getpid()}};
+    for (size_t i = 0; i < got.size(); ++i) {
+        EXPECT_EQ(got[i].dir, root + want[i].dir);
+        EXPECT_EQ(got[i].store, zxblk::canonicalLocation(store()));
+        EXPECT_EQ(got[i].disk, "d");
+        EXPECT_EQ(got[i].snapshot, want[i].snapshot);
+        EXPECT_EQ(got[i].holder.inUse, want[i].holder != 0) << got[i].dir;
+        EXPECT_EQ(got[i].holder.pid, want[i].holder) << got[i].dir;
+        EXPECT_EQ(got[i].bytes, du(got[i].dir)) << got[i].dir;
+    }
+    std::string why = errorOf([&] { zxblk::listCacheFolders(root + "/file"); });
+    EXPECT_NE(why.find(root + "/file: cannot read it"), std::string::npos) << why;
 }
 
 }  // namespace
