@@ -1,28 +1,23 @@
-// Presents one disk of a backup store: builds the provider's disk objects the
-// way the host framework would, and serves byte reads by making the extents
-// they touch local through them. It owns the extent cache: its folder (one
-// process at a time), its size limit, its durability and the order in which
-// extents leave it.
+// Presents one disk of a backup store: serves byte reads by making the
+// extents they touch local. A thin front over the parts that do the work:
+// the extent cache (its folder, durability and account), the pool of the
+// provider's disk objects that recall into it (and the phases), and the
+// readahead. The allocation map comes from the store without recalling.
+//
+// Lock order: the front holds no lock of its own. Its parts call only
+// downwards (Readahead -> DiskPool -> ExtentCache), and each header tells
+// which of its locks may be held across a call out of it.
 #pragma once
-#include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
-#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
-#include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
-#include "framework/AutoHandles.h"
 #include "host/cache_folder.h"
+#include "host/extent_cache.h"
 #include "platform/ZxBlkBackingStore.h"
 #include "store/store_services.h"
-
-class ZxBlkVhd;
 
 namespace zxblk {
 
@@ -61,7 +56,8 @@ struct HostStats {
     uint64_t readaheads = 0;       // extents recalled ahead of a reader
 };
 
-class DiskHost;
+class DiskPool;
+class Readahead;
 
 // A local extent, open for reading: it stays in the cache while the handle
 // lives, and its file stays open for as long as the cache keeps it.
@@ -70,17 +66,16 @@ public:
     ~ExtentHandle();
     ExtentHandle(const ExtentHandle&) = delete;
     ExtentHandle& operator=(const ExtentHandle&) = delete;
-    int fd() const;
+    int fd() const { return m_file->fd(); }
     uint64_t extent() const { return m_extent; }
 
 private:
     friend class DiskHost;
-    struct File;
-    ExtentHandle(DiskHost* host, uint64_t extent, std::shared_ptr<File> file)
-        : m_host(host), m_extent(extent), m_file(std::move(file)) {}
-    DiskHost* m_host;
+    ExtentHandle(ExtentCache* cache, uint64_t extent, std::shared_ptr<ExtentFile> file)
+        : m_cache(cache), m_extent(extent), m_file(std::move(file)) {}
+    ExtentCache* m_cache;
     uint64_t m_extent;
-    std::shared_ptr<File> m_file;
+    std::shared_ptr<ExtentFile> m_file;
 };
 
 class DiskHost {
@@ -97,7 +92,7 @@ public:
     int64_t extentSize() const { return m_extentSize; }
     uint64_t extentCount() const { return m_extentCount; }
     int snapshot() const { return m_snapshot; }
-    const std::string& cacheDir() const { return m_cacheDir; }
+    const std::string& cacheDir() const { return m_cache->dir(); }
     // Reads [offset, offset + length) of the disk (clipped to its size);
     // throws StoreError naming the extent when it cannot be made local.
     // Any number of threads may read at once: extents already local are
@@ -137,102 +132,27 @@ public:
     void prefetch(std::vector<uint64_t> extents);
     // What the user of the disk should hear of how it was opened: a cache
     // dropped because it was not closed cleanly or held another disk.
-    const std::vector<std::string>& notices() const { return m_notices; }
+    const std::vector<std::string>& notices() const { return m_cache->notices(); }
     StoreServices& services() { return *m_services; }
-    ZxBlkBackingStore& cache() { return *m_cache; }
+    // The cache's backing store; its account is the extent cache's.
+    ZxBlkBackingStore& cache() { return m_cache->store(); }
+    ExtentCache& extentCache() { return *m_cache; }
 
 private:
-    friend class ExtentHandle;
-    struct PoolDisk;
-    void lockCache();
-    void checkCacheIdentity(const std::string& identity);
-    void dropCache(const std::string& why);
-    void markDirty();
-    void ensureExtent(uint64_t extent, bool ahead = false);
-    void recall(uint64_t extent);
-    PoolDisk* takeDisk();
-    void giveBack(PoolDisk* disk);
-    template <class F>
-    std::string eachDisk(F apply);
-    void touch(uint64_t extent);
-    void touchLocked(uint64_t extent);
-    void pin(uint64_t extent);
-    void unpin(uint64_t extent);
-    void removeLocked(uint64_t extent);
-    unsigned long long evict(unsigned long long bytesToFree);
-    std::shared_ptr<ExtentHandle::File> openExtentFile(uint64_t extent);
-    void noteRead(uint64_t offset, uint64_t length);
-    void readaheadWorker();
-
-    auto_handle m_lock;  // first in, last out: held until everything else is gone
+    // Declared first so that it goes last: the cache's lock is held until
+    // everything else is gone.
+    std::unique_ptr<ExtentCache> m_cache;
     std::shared_ptr<StoreServices> m_services;
-    std::unique_ptr<ZxBlkBackingStore> m_cache;
+    const DiskRecord* m_record = nullptr;  // in the services' catalog
     std::string m_diskName;
-    std::string m_cacheDir;
     uint64_t m_size = 0;
     int64_t m_extentSize = 0;
     uint64_t m_extentCount = 0;
     int m_snapshot = 0;
-    const DiskRecord* m_record = nullptr;  // in the services' catalog
     std::once_flag m_granularityOnce;
     uint64_t m_granularity = 0;
-
-    // The pool of disk objects; a recall takes a free one.
-    std::vector<std::unique_ptr<PoolDisk>> m_disks;
-    std::mutex m_poolMutex;
-    std::condition_variable m_poolCond;
-    std::vector<PoolDisk*> m_freeDisks;
-    // Extents being recalled: a reader of one of them waits for that recall.
-    std::mutex m_recallMutex;
-    std::condition_variable m_recallCond;
-    std::unordered_set<uint64_t> m_inFlight;
-
-    mutable std::mutex m_statsMutex;
-    HostStats m_stats;
-    // Use order of the cached extents (front: most recent), the extents that
-    // reads are using, which eviction leaves alone, and the open files.
-    std::mutex m_cacheMutex;
-    std::list<uint64_t> m_useOrder;
-    std::unordered_map<uint64_t, std::list<uint64_t>::iterator> m_useAt;
-    std::unordered_map<uint64_t, int> m_pins;
-    std::unordered_map<uint64_t, std::shared_ptr<ExtentHandle::File>> m_files;
-    // Extents moved in since the cache was last made durable; the cache is
-    // marked dirty before the first of them.
-    std::unordered_set<uint64_t> m_unsynced;
-    bool m_dirty = false;
-    // Extents moved in by a recall that has not yet looked at its outcome.
-    std::unordered_set<uint64_t> m_arrived;
-    // Extents a reader dropped with forget(): a readahead that was already
-    // under way for one of them must not bring it back.
-    std::unordered_set<uint64_t> m_forgotten;
-    std::deque<uint64_t> m_forgottenOrder;
-
-    // Readahead: a queue of extents and the threads that recall them.
-    std::mutex m_aheadMutex;
-    std::condition_variable m_aheadCond;
-    std::deque<uint64_t> m_aheadQueue;
-    std::unordered_set<uint64_t> m_aheadQueued;
-    std::vector<std::thread> m_aheadThreads;
-    unsigned m_readaheadMax = 0;
-    // Sequential readers seen lately: where each would read next and its window.
-    struct Stream {
-        uint64_t start = 0;       // where the reader began reading in order
-        uint64_t next = 0;
-        uint64_t aheadUntil = 0;  // first extent not yet asked for
-        unsigned window = 0;
-        uint64_t lastUse = 0;
-    };
-    std::mutex m_streamMutex;
-    std::vector<Stream> m_streams;
-    uint64_t m_streamClock = 0;
-
-    // Copies of the disk's phase flags, readable without any disk's lock.
-    std::atomic<bool> m_mountComplete{false}, m_metadataPhase{false};
-    std::thread m_prefetch;
-    std::atomic<bool> m_stopping{false};
-    std::string m_mountPoint;
-    bool m_dropAtEnd = false;
-    std::vector<std::string> m_notices;
+    std::unique_ptr<DiskPool> m_pool;
+    std::unique_ptr<Readahead> m_readahead;
 };
 
 }  // namespace zxblk

@@ -1,10 +1,9 @@
-// The host's recalls ahead of its readers: an explicit window (export), the
-// readahead of sequential readers (mount) and the prefetch of a list of
-// extents (the index's mount extents).
+#include "host/readahead.h"
+
 #include <algorithm>
 
-#include "host/disk_host.h"
 #include "platform/Log.h"
+#include "store/store_error.h"
 
 namespace zxblk {
 namespace {
@@ -20,38 +19,77 @@ const size_t kStreams = 8;
 
 }  // namespace
 
-void DiskHost::readahead(uint64_t first, uint64_t count) {
-    if (m_stopping || first >= m_extentCount) return;
-    uint64_t last = std::min(m_extentCount, first + std::min(count, m_extentCount));
+Readahead::Readahead(ExtentCache& cache, DiskPool& pool, uint64_t extentSize, uint64_t extentCount, unsigned maxWindow,
+                     unsigned workers)
+    : m_cache(cache), m_pool(pool), m_extentSize(extentSize), m_extentCount(extentCount), m_maxWindow(maxWindow) {
     {
-        std::lock_guard<std::mutex> lock(m_aheadMutex);
-        for (uint64_t e = first; e < last; ++e) {
-            // Nothing to gain from recalling what no snapshot holds ahead of time.
-            if (m_aheadQueued.count(e) || m_cache->hasExtent(static_cast<long long>(e)) || !holdsData(e)) continue;
-            m_aheadQueue.push_back(e);
-            m_aheadQueued.insert(e);
-        }
-        while (m_aheadQueue.size() > kQueuedAhead) {
-            m_aheadQueued.erase(m_aheadQueue.front());
-            m_aheadQueue.pop_front();
-        }
+        MutexLock lock(m_mutex);
+        m_streams.resize(kStreams);
     }
-    m_aheadCond.notify_all();
+    for (unsigned i = 0; i < workers; ++i) m_workers.emplace_back(&Readahead::worker, this);
 }
 
-void DiskHost::readaheadWorker() {
+Readahead::~Readahead() {
+    {
+        MutexLock lock(m_mutex);
+        m_stopping = true;
+        m_queue.clear();
+        m_inQueue.clear();
+    }
+    m_queued.notifyAll();
+    for (std::thread& t : m_workers) t.join();
+    MutexLock lock(m_prefetchMutex);
+    if (m_prefetch.joinable()) m_prefetch.join();
+}
+
+bool Readahead::stopping() const {
+    MutexLock lock(m_mutex);
+    return m_stopping;
+}
+
+uint64_t Readahead::recalled() const {
+    MutexLock lock(m_mutex);
+    return m_recalled;
+}
+
+// The cache and the store are asked before the queue is locked: a store on
+// S3 may take a while to say whether an extent holds data.
+void Readahead::request(uint64_t first, uint64_t count) {
+    if (first >= m_extentCount || stopping()) return;
+    uint64_t last = std::min(m_extentCount, first + std::min(count, m_extentCount));
+    std::vector<uint64_t> wanted;
+    for (uint64_t e = first; e < last; ++e)
+        // Nothing to gain from recalling what no snapshot holds ahead of time.
+        if (!m_cache.local(e, false) && m_pool.holdsData(e)) wanted.push_back(e);
+    if (wanted.empty()) return;
+    {
+        MutexLock lock(m_mutex);
+        for (uint64_t e : wanted)
+            if (m_inQueue.insert(e).second) m_queue.push_back(e);
+        while (m_queue.size() > kQueuedAhead) {
+            m_inQueue.erase(m_queue.front());
+            m_queue.pop_front();
+        }
+    }
+    m_queued.notifyAll();
+}
+
+void Readahead::worker() {
     for (;;) {
         uint64_t extent;
         {
-            std::unique_lock<std::mutex> lock(m_aheadMutex);
-            m_aheadCond.wait(lock, [this] { return m_stopping || !m_aheadQueue.empty(); });
+            MutexLock lock(m_mutex);
+            while (!m_stopping && m_queue.empty()) m_queued.wait(m_mutex);
             if (m_stopping) return;
-            extent = m_aheadQueue.front();
-            m_aheadQueue.pop_front();
-            m_aheadQueued.erase(extent);
+            extent = m_queue.front();
+            m_queue.pop_front();
+            m_inQueue.erase(extent);
         }
         try {
-            ensureExtent(extent, true);
+            if (m_pool.ensure(extent, true)) {
+                MutexLock lock(m_mutex);
+                ++m_recalled;
+            }
         } catch (const StoreError& err) {
             // The reader that comes for it tries again and hears why.
             LogSink::write(kLevelError, kTag, std::string("readahead: ") + err.what());
@@ -61,15 +99,15 @@ void DiskHost::readaheadWorker() {
 
 // Spots sequential readers and recalls ahead of them: the window starts at
 // two extents once a reader has read a whole extent in order, doubles with
-// each extent it enters, up to readaheadMax, and ends with the reader (a
-// read that follows no stream starts a new one, with no readahead yet).
-void DiskHost::noteRead(uint64_t offset, uint64_t length) {
-    const uint64_t E = static_cast<uint64_t>(m_extentSize);
+// each extent it enters, up to the largest window, and ends with the reader
+// (a read that follows no stream starts a new one, with no readahead yet).
+void Readahead::noteRead(uint64_t offset, uint64_t length) {
+    if (!m_maxWindow || !length) return;
+    const uint64_t E = m_extentSize;
     uint64_t end = offset + length;
     uint64_t from = 0, count = 0;
     {
-        std::lock_guard<std::mutex> lock(m_streamMutex);
-        if (m_streams.empty()) m_streams.resize(kStreams);
+        MutexLock lock(m_mutex);
         ++m_streamClock;
         Stream* s = nullptr;
         for (Stream& c : m_streams)
@@ -90,7 +128,7 @@ void DiskHost::noteRead(uint64_t offset, uint64_t length) {
         // once a reader has gone through a whole extent in order.
         if (s->next - s->start < E) return;
         uint64_t current = (end - 1) / E;
-        s->window = s->window ? std::min<unsigned>(s->window * 2, m_readaheadMax) : std::min(2u, m_readaheadMax);
+        s->window = s->window ? std::min(s->window * 2, m_maxWindow) : std::min(2u, m_maxWindow);
         uint64_t until = std::min(m_extentCount, current + 1 + s->window);
         if (until > s->aheadUntil) {
             from = std::max(s->aheadUntil, current + 1);
@@ -98,17 +136,18 @@ void DiskHost::noteRead(uint64_t offset, uint64_t length) {
             s->aheadUntil = until;
         }
     }
-    if (count) readahead(from, count);
+    if (count) request(from, count);
 }
 
-void DiskHost::prefetch(std::vector<uint64_t> extents) {
+void Readahead::prefetch(std::vector<uint64_t> extents) {
+    MutexLock lock(m_prefetchMutex);
     if (m_prefetch.joinable()) m_prefetch.join();
     m_prefetch = std::thread([this, extents] {
         for (uint64_t e : extents) {
-            if (m_stopping) return;
+            if (stopping()) return;
             if (e >= m_extentCount) continue;
             try {
-                ensureExtent(e);
+                m_pool.ensure(e, false);
             } catch (const StoreError& err) {
                 LogSink::write(kLevelError, kTag, std::string("prefetch: ") + err.what());
             }

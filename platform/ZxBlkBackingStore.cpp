@@ -69,11 +69,115 @@ void listDir(const std::string& dir, std::vector<std::string>* names) {
 
 }  // namespace
 
+// The account a store keeps until a host hands it a keeper: a capacity and
+// an eviction handler that removes extents through the store.
+class ZxBlkBackingStore::OwnAccount final : public ZxBlkExtentKeeper {
+public:
+    explicit OwnAccount(unsigned long long capacity) : m_capacity(capacity) {}
+
+    void setEvictionHandler(std::function<unsigned long long(unsigned long long)> handler) EXCLUDES(m_mutex) {
+        zxblk::MutexLock lock(m_mutex);
+        m_evict = std::move(handler);
+    }
+    void found(long long n, unsigned long long bytes) override EXCLUDES(m_mutex) {
+        zxblk::MutexLock lock(m_mutex);
+        m_used = m_used - sizeLocked(n) + bytes;
+        m_sizes[n] = bytes;
+    }
+    // Other move-ins may take the room an eviction made before this one gets
+    // the lock back: ask again, a few times, for as long as asking frees room.
+    bool reserve(long long n, unsigned long long bytes) override EXCLUDES(m_mutex) {
+        zxblk::MutexLock lock(m_mutex);
+        unsigned long long freed = 1;
+        for (int tries = 0; excessLocked(n, bytes) && m_evict && freed && tries < 8; ++tries) {
+            std::function<unsigned long long(unsigned long long)> evict = m_evict;
+            unsigned long long need = excessLocked(n, bytes);
+            lock.unlock();
+            freed = evict(need);
+            lock.lock();
+        }
+        if (excessLocked(n, bytes)) return false;
+        m_reserved += bytes;
+        return true;
+    }
+    void settle(long long n, unsigned long long bytes, bool movedIn) override EXCLUDES(m_mutex) {
+        zxblk::MutexLock lock(m_mutex);
+        m_reserved -= bytes;
+        if (!movedIn) return;
+        m_used = m_used - sizeLocked(n) + bytes;
+        m_sizes[n] = bytes;
+    }
+    unsigned long long freeSpace(unsigned long long bytes) override EXCLUDES(m_mutex) {
+        std::function<unsigned long long(unsigned long long)> evict;
+        {
+            zxblk::MutexLock lock(m_mutex);
+            evict = m_evict;
+        }
+        return evict ? evict(bytes) : 0;
+    }
+    void removed(long long n) override EXCLUDES(m_mutex) {
+        zxblk::MutexLock lock(m_mutex);
+        m_used -= sizeLocked(n);
+        m_sizes.erase(n);
+    }
+    bool holds(long long n) override EXCLUDES(m_mutex) {
+        zxblk::MutexLock lock(m_mutex);
+        return m_sizes.count(n) != 0;
+    }
+    std::vector<long long> held() override EXCLUDES(m_mutex) {
+        zxblk::MutexLock lock(m_mutex);
+        std::vector<long long> out;
+        for (const auto& s : m_sizes) out.push_back(s.first);
+        return out;
+    }
+    unsigned long long fileSize(long long n) override EXCLUDES(m_mutex) {
+        zxblk::MutexLock lock(m_mutex);
+        return sizeLocked(n);
+    }
+    unsigned long long usedBytes() override EXCLUDES(m_mutex) {
+        zxblk::MutexLock lock(m_mutex);
+        return m_used;
+    }
+    unsigned long long capacity() override EXCLUDES(m_mutex) {
+        zxblk::MutexLock lock(m_mutex);
+        return m_capacity;
+    }
+    void setCapacity(unsigned long long bytes) override EXCLUDES(m_mutex) {
+        zxblk::MutexLock lock(m_mutex);
+        m_capacity = bytes;
+    }
+    // What it holds, handed over to a keeper: it holds nothing after.
+    std::map<long long, unsigned long long> release() EXCLUDES(m_mutex) {
+        zxblk::MutexLock lock(m_mutex);
+        std::map<long long, unsigned long long> all;
+        all.swap(m_sizes);
+        m_used = 0;
+        return all;
+    }
+
+private:
+    unsigned long long sizeLocked(long long n) REQUIRES(m_mutex) {
+        auto it = m_sizes.find(n);
+        return it == m_sizes.end() ? 0 : it->second;
+    }
+    unsigned long long excessLocked(long long n, unsigned long long bytes) REQUIRES(m_mutex) {
+        unsigned long long after = m_used + m_reserved - sizeLocked(n) + bytes;
+        return m_capacity && after > m_capacity ? after - m_capacity : 0;
+    }
+
+    zxblk::Mutex m_mutex;
+    std::map<long long, unsigned long long> m_sizes GUARDED_BY(m_mutex);
+    unsigned long long m_used GUARDED_BY(m_mutex) = 0;
+    unsigned long long m_reserved GUARDED_BY(m_mutex) = 0;  // room set aside for move-ins under way
+    unsigned long long m_capacity GUARDED_BY(m_mutex);
+    std::function<unsigned long long(unsigned long long)> m_evict GUARDED_BY(m_mutex);
+};
+
 ZxBlkBackingStore::ZxBlkBackingStore(const std::string& cacheDir, unsigned long long capacity)
-    : m_dir(cacheDir), m_capacity(capacity) {
+    : m_dir(cacheDir), m_own(new OwnAccount(capacity)), m_keeper(m_own.get()) {
     while (m_dir.size() > 1 && m_dir.back() == '/') m_dir.pop_back();
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        zxblk::MutexLock lock(m_mutex);
         ensureDirLocked(m_dir + "/tmp");
         ensureDirLocked(m_dir + "/extents");
     }
@@ -90,15 +194,11 @@ int ZxBlkBackingStore::ensureDirLocked(const std::string& dir) {
 }
 
 void ZxBlkBackingStore::setExtentSize(unsigned long long bytes) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    zxblk::MutexLock lock(m_mutex);
     m_extentSize = bytes;
 }
 
 void ZxBlkBackingStore::rescan() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_extents.clear();
-    m_sizes.clear();
-    m_used = 0;
     std::vector<std::string> level1;
     listDir(m_dir + "/extents", &level1);
     for (const std::string& a : level1) {
@@ -114,12 +214,15 @@ void ZxBlkBackingStore::rescan() {
                 unsigned long long size = 0;
                 if (n < 0 || extentPath(n) != m_dir + "/extents/" + a + "/" + b + "/" + f) continue;
                 if (!fileSize(extentPath(n), &size)) continue;
-                m_extents.insert(n);
-                m_sizes[n] = size;
-                m_used += size;
+                m_own->found(n, size);
             }
         }
     }
+}
+
+void ZxBlkBackingStore::setKeeper(ZxBlkExtentKeeper* keeper) {
+    for (const auto& extent : m_own->release()) keeper->found(extent.first, extent.second);
+    m_keeper.store(keeper, std::memory_order_release);
 }
 
 CUxError ZxBlkBackingStore::openTempFile(std::string* path, FILE** file) {
@@ -139,21 +242,21 @@ CUxError ZxBlkBackingStore::openTempFile(std::string* path, FILE** file) {
     }
     *path = name.data();
     *file = stream;
-    std::lock_guard<std::mutex> lock(m_mutex);
+    zxblk::MutexLock lock(m_mutex);
     m_temps[std::this_thread::get_id()] = *path;
     return CUxError::Success();
 }
 
 CUxError ZxBlkBackingStore::noted(CUxError error) {
     if (error.IsError()) {
-        std::lock_guard<std::mutex> lock(m_errorsMutex);
+        zxblk::MutexLock lock(m_errorsMutex);
         m_errors[std::this_thread::get_id()] = FXErrorUtil::Messages(error);
     }
     return error;
 }
 
 std::string ZxBlkBackingStore::takeLastError() {
-    std::lock_guard<std::mutex> lock(m_errorsMutex);
+    zxblk::MutexLock lock(m_errorsMutex);
     auto it = m_errors.find(std::this_thread::get_id());
     if (it == m_errors.end()) return std::string();
     std::string why = it->second;
@@ -165,13 +268,7 @@ CUxError ZxBlkBackingStore::reserveTempFile(FILE* file, const std::string& path,
     CUxError status = FXFile::ZXReserveSpace(file ? fileno(file) : -1, bytes, path);
     unsigned long long freed = 1;
     for (int tries = 0; status.IsError() && status.Code() == -ENOSPC && freed && tries < 8; ++tries) {
-        std::function<unsigned long long(unsigned long long)> evict;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            evict = m_evict;
-        }
-        if (!evict) break;
-        freed = evict(bytes);
+        freed = keeper().freeSpace(bytes);
         if (freed) status = FXFile::ZXReserveSpace(fileno(file), bytes, path);
     }
     return noted(status);
@@ -180,7 +277,7 @@ CUxError ZxBlkBackingStore::reserveTempFile(FILE* file, const std::string& path,
 void ZxBlkBackingStore::discardTemporary() {
     std::string path;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        zxblk::MutexLock lock(m_mutex);
         auto it = m_temps.find(std::this_thread::get_id());
         if (it == m_temps.end()) return;
         path = it->second;
@@ -194,8 +291,11 @@ CUxError ZxBlkBackingStore::makeParentDir(const std::string& path) {
     size_t slash = path.rfind('/');
     if (path.empty() || slash == std::string::npos)
         return noted(FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "no directory in path '%s'", path.c_str()));
-    std::lock_guard<std::mutex> lock(m_mutex);
-    int err = ensureDirLocked(path.substr(0, slash));
+    int err;
+    {
+        zxblk::MutexLock lock(m_mutex);
+        err = ensureDirLocked(path.substr(0, slash));
+    }
     if (err) return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot make the directory of %s", path.c_str()));
     return CUxError::Success();
 }
@@ -227,7 +327,7 @@ CUxError ZxBlkBackingStore::moveInExtentFile(const std::string& tempPath, long l
     unsigned long long size = static_cast<unsigned long long>(st.st_size);
     unsigned long long expected;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        zxblk::MutexLock lock(m_mutex);
         expected = m_extentSize;
     }
     if (expected && size != expected) {
@@ -239,103 +339,68 @@ CUxError ZxBlkBackingStore::moveInExtentFile(const std::string& tempPath, long l
     }
     releaseUnwritten(fd, st.st_size);
     ::close(fd);
-    std::string target = extentPath(extentNumber);
-    std::unique_lock<std::mutex> lock(m_mutex);
-    auto excess = [&]() -> unsigned long long {
-        unsigned long long replaced = m_sizes.count(extentNumber) ? m_sizes[extentNumber] : 0;
-        unsigned long long after = m_used - replaced + size;
-        return m_capacity && after > m_capacity ? after - m_capacity : 0;
-    };
-    // Other move-ins may take the room an eviction made before this one gets
-    // its lock back: ask again, a few times, for as long as asking frees room.
-    unsigned long long freed = 1;
-    for (int tries = 0; excess() && m_evict && freed && tries < 8; ++tries) {
-        std::function<unsigned long long(unsigned long long)> evict = m_evict;
-        unsigned long long need = excess();
-        lock.unlock();
-        freed = evict(need);
-        lock.lock();
-    }
-    if (excess())
+    ZxBlkExtentKeeper& account = keeper();
+    if (!account.reserve(extentNumber, size))
         return noted(FXErrorUtil::ErrorWin32(BS_LOCATION(fn), 112 /*ERROR_DISK_FULL*/,
                                        "cache full: extent %lld (%llu bytes) does not fit in %llu of %llu bytes used",
-                                       extentNumber, size, m_used, m_capacity));
-    unsigned long long replaced = m_sizes.count(extentNumber) ? m_sizes[extentNumber] : 0;
+                                       extentNumber, size, account.usedBytes(), account.capacity()));
+    std::string target = extentPath(extentNumber);
     std::string folder = target.substr(0, target.rfind('/'));
-    int err = ensureDirLocked(folder);
-    if (err) return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot make the directory of %s", target.c_str()));
-    err = ::rename(tempPath.c_str(), target.c_str()) == 0 ? 0 : errno;
-    if (err == ENOENT && ::access(tempPath.c_str(), F_OK) == 0) {
-        // The folder was removed behind the store's back: make it again.
-        m_dirs.clear();
-        err = ensureDirLocked(folder);
-        if (!err) err = ::rename(tempPath.c_str(), target.c_str()) == 0 ? 0 : errno;
+    int dirErr, err = 0;
+    {
+        zxblk::MutexLock lock(m_mutex);
+        dirErr = ensureDirLocked(folder);
+        if (!dirErr) err = ::rename(tempPath.c_str(), target.c_str()) == 0 ? 0 : errno;
+        if (err == ENOENT && ::access(tempPath.c_str(), F_OK) == 0) {
+            // The folder was removed behind the store's back: make it again.
+            m_dirs.clear();
+            dirErr = ensureDirLocked(folder);
+            if (!dirErr) err = ::rename(tempPath.c_str(), target.c_str()) == 0 ? 0 : errno;
+        }
+        if (!dirErr && !err) {
+            auto temp = m_temps.find(std::this_thread::get_id());
+            if (temp != m_temps.end() && temp->second == tempPath) m_temps.erase(temp);
+        }
     }
+    account.settle(extentNumber, size, !dirErr && !err);
+    if (dirErr)
+        return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), dirErr, "cannot make the directory of %s", target.c_str()));
     if (err)
         return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot move %s to %s", tempPath.c_str(), target.c_str()));
-    m_used = m_used - replaced + size;
-    m_extents.insert(extentNumber);
-    m_sizes[extentNumber] = size;
-    auto temp = m_temps.find(std::this_thread::get_id());
-    if (temp != m_temps.end() && temp->second == tempPath) m_temps.erase(temp);
-    std::function<void(long long)> movedIn = m_movedIn;
-    lock.unlock();
-    if (movedIn) movedIn(extentNumber);
     return CUxError::Success();
 }
 
-void ZxBlkBackingStore::setMoveInHandler(std::function<void(long long)> handler) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_movedIn = std::move(handler);
-}
+bool ZxBlkBackingStore::hasExtent(long long n) { return keeper().holds(n); }
 
-bool ZxBlkBackingStore::hasExtent(long long n) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_extents.count(n) != 0;
+CUxError ZxBlkBackingStore::deleteExtentFile(long long n) const {
+    static const char* fn = "CUxError ZxBlkBackingStore::deleteExtentFile(long long)";
+    std::string path = extentPath(n);
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT)
+        return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), errno, "cannot remove %s", path.c_str());
+    return CUxError::Success();
 }
 
 CUxError ZxBlkBackingStore::removeExtent(long long n) {
-    static const char* fn = "CUxError ZxBlkBackingStore::removeExtent(long long)";
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_extents.count(n)) return CUxError::Success();
-    if (::unlink(extentPath(n).c_str()) != 0 && errno != ENOENT)
-        return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), errno, "cannot remove %s", extentPath(n).c_str());
-    m_used -= m_sizes[n];
-    m_sizes.erase(n);
-    m_extents.erase(n);
-    return CUxError::Success();
+    ZxBlkExtentKeeper& account = keeper();
+    if (!account.holds(n)) return CUxError::Success();
+    CUxError status = deleteExtentFile(n);
+    if (!status.IsError()) account.removed(n);
+    return status;
 }
 
-std::vector<long long> ZxBlkBackingStore::extents() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return std::vector<long long>(m_extents.begin(), m_extents.end());
-}
+std::vector<long long> ZxBlkBackingStore::extents() { return keeper().held(); }
 
-unsigned long long ZxBlkBackingStore::usedBytes() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_used;
-}
+unsigned long long ZxBlkBackingStore::usedBytes() { return keeper().usedBytes(); }
 
-unsigned long long ZxBlkBackingStore::capacity() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_capacity;
-}
+unsigned long long ZxBlkBackingStore::capacity() { return keeper().capacity(); }
 
 void ZxBlkBackingStore::setEvictionHandler(std::function<unsigned long long(unsigned long long)> handler) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_evict = std::move(handler);
+    m_own->setEvictionHandler(std::move(handler));
 }
 
-void ZxBlkBackingStore::setCapacity(unsigned long long capacity) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_capacity = capacity;
-}
+void ZxBlkBackingStore::setCapacity(unsigned long long capacity) { keeper().setCapacity(capacity); }
 
-unsigned long long ZxBlkBackingStore::extentFileSize(long long n) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    auto it = m_sizes.find(n);
-    return it == m_sizes.end() ? 0 : it->second;
-}
+unsigned long long ZxBlkBackingStore::extentFileSize(long long n) { return keeper().fileSize(n); }
 
 void ZxBlkBackingStore::clearTemporaries() {
     std::vector<std::string> names;

@@ -1,16 +1,51 @@
 // The host's extent cache on disk: one file per disk extent, moved in whole.
 #pragma once
+#include <atomic>
 #include <cstdio>
 #include <functional>
 #include <map>
-#include <mutex>
+#include <memory>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "framework/CUxError.h"
+#include "framework/ThreadAnnotations.h"
 
+// Keeps a store's account: which extents it holds, the bytes of each, the
+// room they may take and which of them go when a new one needs room. The
+// store does the work on files and asks its keeper, never with a lock of its
+// own held, so a keeper may call the store's file calls (extentPath,
+// deleteExtentFile) from within. A store keeps its own account (a capacity
+// and an eviction handler) until a host hands it a keeper of its own.
+class ZxBlkExtentKeeper {
+public:
+    virtual ~ZxBlkExtentKeeper() = default;
+    // An extent file that the store holds when the keeper takes over.
+    virtual void found(long long extentNumber, unsigned long long bytes) = 0;
+    // Room for a file of `bytes` that is to become the extent, replacing the
+    // one there if any: made as the keeper sees fit and set aside until
+    // settle(); false when it cannot be made.
+    virtual bool reserve(long long extentNumber, unsigned long long bytes) = 0;
+    // After a reserve: whether the file is now in place; when it is not, the
+    // room goes back.
+    virtual void settle(long long extentNumber, unsigned long long bytes, bool movedIn) = 0;
+    // The file system is full: frees what it can towards `bytes`; returns
+    // the bytes freed.
+    virtual unsigned long long freeSpace(unsigned long long bytes) = 0;
+    // removeExtent took the extent's file away.
+    virtual void removed(long long extentNumber) = 0;
+    virtual bool holds(long long extentNumber) = 0;
+    virtual std::vector<long long> held() = 0;  // in increasing order
+    virtual unsigned long long fileSize(long long extentNumber) = 0;  // 0: not held
+    virtual unsigned long long usedBytes() = 0;
+    virtual unsigned long long capacity() = 0;  // 0: no limit
+    virtual void setCapacity(unsigned long long bytes) = 0;
+};
+
+// Lock order: m_mutex and m_errorsMutex are never held together, nor while
+// the store calls its keeper or its eviction handler.
 class ZxBlkBackingStore {
 public:
     // `capacity` in bytes; 0 means no limit. Extent files already in the
@@ -23,8 +58,8 @@ public:
     CUxError openTempFile(std::string* path, FILE** file);
     CUxError makeParentDir(const std::string& path);
     // Reserves the space of a temporary file. When the file system is full,
-    // the eviction handler is asked to free room, as for a full cache, for as
-    // long as it frees some; only then does the reservation fail.
+    // the keeper is asked to free room, as for a full cache, for as long as
+    // it frees some; only then does the reservation fail.
     CUxError reserveTempFile(FILE* file, const std::string& path, unsigned long long bytes);
     // Removes the temporary file that the calling thread opened last, if it
     // was not moved in: what a failed read leaves behind.
@@ -36,29 +71,32 @@ public:
     // Extent files fan out over two levels of folders (256 x 256), so that a
     // disk of a million extents keeps a few dozen files per folder.
     CUxError getExtentFileName(long long extentNumber, std::string* name);
-    // Atomically renames the temporary file into place. When the store would
-    // pass its capacity, the eviction handler (if any) is asked to free room,
-    // again (a few times) while it frees some that others' move-ins take; if it
-    // still does not fit, it fails with "cache full", nothing changes and the
-    // temporary file stays
-    // where it is. A file whose size is not the extent size (when known) is
-    // refused the same way: a recall that failed may have emptied it. Space
-    // that was reserved for the file and never written is given back first,
-    // so that zero stretches of an extent cost no disk blocks in the cache.
+    // Atomically renames the temporary file into place. The keeper is asked
+    // for room first; when it has none, it fails with "cache full", nothing
+    // changes and the temporary file stays where it is. A file whose size is
+    // not the extent size (when known) is refused the same way: a recall that
+    // failed may have emptied it. Space that was reserved for the file and
+    // never written is given back first, so that zero stretches of an extent
+    // cost no disk blocks in the cache.
     CUxError moveInExtentFile(const std::string& tempPath, long long extentNumber);
     // The size every extent file must have; 0 (the default) checks nothing.
     void setExtentSize(unsigned long long bytes);
-    // The host's eviction policy: called without the store's lock held, with
-    // the number of bytes that must be freed; it removes extents of its
-    // choice through removeExtent and returns how many bytes it freed.
+    // The eviction policy of the store's own account: called without the
+    // account's lock held, with the number of bytes that must be freed
+    // (asked again, a few times, while it frees some that other move-ins
+    // take); it removes extents of its choice through removeExtent and
+    // returns how many bytes it freed.
     void setEvictionHandler(std::function<unsigned long long(unsigned long long bytesToFree)> handler);
-    // Told of every extent moved in (after the store's lock is released):
-    // the host learns what arrived even when a reader drops it at once.
-    void setMoveInHandler(std::function<void(long long extentNumber)> handler);
+    // Hands the account to a keeper that outlives the store's use: it is told
+    // of every extent file the store holds, then answers for the store.
+    void setKeeper(ZxBlkExtentKeeper* keeper);
 
     bool hasExtent(long long extentNumber);
     std::string extentPath(long long extentNumber) const;
+    // Removes the extent's file and tells the keeper.
     CUxError removeExtent(long long extentNumber);
+    // Removes the extent's file only: for a keeper that removes what it keeps.
+    CUxError deleteExtentFile(long long extentNumber) const;
     std::vector<long long> extents();
     unsigned long long usedBytes();
     unsigned long long capacity();
@@ -69,23 +107,22 @@ public:
     const std::string& directory() const { return m_dir; }
 
 private:
+    class OwnAccount;
     void rescan();
+    ZxBlkExtentKeeper& keeper() const { return *m_keeper.load(std::memory_order_acquire); }
     // Makes a folder and its parents; the folders made or found once are
     // remembered, so that an extent in a known folder costs no system call.
-    int ensureDirLocked(const std::string& dir);
+    int ensureDirLocked(const std::string& dir) REQUIRES(m_mutex);
     // Keeps a failure for takeLastError and passes it on.
-    CUxError noted(CUxError error);
+    CUxError noted(CUxError error) EXCLUDES(m_errorsMutex);
     std::string m_dir;
-    unsigned long long m_capacity;
-    std::mutex m_mutex;
-    std::set<long long> m_extents;
-    std::map<long long, unsigned long long> m_sizes;
-    unsigned long long m_used = 0;
-    unsigned long long m_extentSize = 0;
-    std::set<std::string> m_dirs;
-    std::function<unsigned long long(unsigned long long)> m_evict;
-    std::function<void(long long)> m_movedIn;
-    std::map<std::thread::id, std::string> m_temps;   // each reading thread's open temporary
-    std::mutex m_errorsMutex;  // not m_mutex: a failure is noted where that is held
-    std::map<std::thread::id, std::string> m_errors;  // each thread's last failure
+    std::unique_ptr<OwnAccount> m_own;
+    std::atomic<ZxBlkExtentKeeper*> m_keeper;
+    zxblk::Mutex m_mutex;
+    unsigned long long m_extentSize GUARDED_BY(m_mutex) = 0;
+    std::set<std::string> m_dirs GUARDED_BY(m_mutex);
+    // Each reading thread's open temporary.
+    std::map<std::thread::id, std::string> m_temps GUARDED_BY(m_mutex);
+    zxblk::Mutex m_errorsMutex;
+    std::map<std::thread::id, std::string> m_errors GUARDED_BY(m_errorsMutex);  // each thread's last failure
 };
