@@ -9,9 +9,13 @@ export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 ctest --test-dir build-asan --output-on-failure -j"$(nproc)" --timeout 600
 if command -v clang++ >/dev/null 2>&1; then
-  echo "==> fuzz smoke run: building the fuzz targets in build-fuzz"
-  cmake -S . -B build-fuzz -DZXBLK_FUZZ=ON -DZXBLK_TESTS=OFF -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang \
+  # The clang build also checks the lock annotations of the host and of
+  # what it builds on (-Wthread-safety, an error when one is broken).
+  echo "==> fuzz smoke run and lock annotations: building the fuzz targets and the host library in build-fuzz"
+  cmake -S . -B build-fuzz -DZXBLK_FUZZ=ON -DZXBLK_TESTS=OFF -DZXBLK_THREAD_SAFETY=ON \
+    -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo >build-fuzz.configure.log 2>&1 || { cat build-fuzz.configure.log; exit 1; }
-  cmake --build build-fuzz -j"$(nproc)" --target fuzz_targets >build-fuzz/build.log 2>&1 || { tail -n 50 build-fuzz/build.log; exit 1; }
+  cmake --build build-fuzz -j"$(nproc)" --target fuzz_targets zxhost zxblk_api >build-fuzz/build.log 2>&1 ||
+    { tail -n 50 build-fuzz/build.log; exit 1; }
   scripts/fuzz_smoke.sh build-fuzz
-else echo "skipped: fuzz smoke run (no clang)"; fi
+else echo "skipped: fuzz smoke run and lock annotations (no clang)"; fi
