@@ -65,17 +65,17 @@ public:
     ~ScratchStore() {
         for (const char* f : kStoreFiles) unlink((dir + "/" + f).c_str());
         rmdir((dir + "/snapshots").c_str());
-        unlink(zxblk::catalogPath(dir).c_str());
-        unlink((zxblk::catalogPath(dir) + ".new").c_str());
+        unlink((dir + "/catalog.json").c_str());
+        unlink(((dir + "/catalog.json") + ".new").c_str());
         rmdir(dir.c_str());
     }
     void putCatalog(const uint8_t* data, size_t size) const {
-        std::ofstream out(zxblk::catalogPath(dir), std::ios::binary | std::ios::trunc);
+        std::ofstream out((dir + "/catalog.json"), std::ios::binary | std::ios::trunc);
         out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
         check(static_cast<bool>(out), "cannot write the catalog");
     }
     std::string catalogText() const {
-        std::ifstream in(zxblk::catalogPath(dir), std::ios::binary);
+        std::ifstream in((dir + "/catalog.json"), std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
     std::string dir;
@@ -145,18 +145,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     store.putCatalog(data, size);
     Catalog loaded;
     try {
-        loaded = Catalog::load(*openFolderStorage(store.dir));
+        loaded = Catalog::load(*zxblk::openFolderStorage(store.dir));
     } catch (const StoreError& e) {
         check(std::strlen(e.what()) > 0, "a refusal says why");
         return 0;
     }
     checkLoaded(loaded);
     try {
-        loaded.save(*openFolderStorage(store.dir));
+        loaded.save(*zxblk::openFolderStorage(store.dir));
         std::string saved = store.catalogText();
-        Catalog again = Catalog::load(*openFolderStorage(store.dir));
+        Catalog again = Catalog::load(*zxblk::openFolderStorage(store.dir));
         check(same(loaded, again), "a saved catalog loads back the same");
-        again.save(*openFolderStorage(store.dir));
+        again.save(*zxblk::openFolderStorage(store.dir));
         check(store.catalogText() == saved, "saving a reloaded catalog writes the same bytes");
     } catch (const StoreError& e) {
         std::fprintf(stderr, "catalog_fuzz: a catalog that loaded failed to save or reload: %s\n", e.what());
