@@ -59,18 +59,32 @@ ZXBLK_CONFIG=$c.typo expect 1 "$c.typo:3: unknown key" index --store "$s" --disk
 expect 1 "$s is not a zxblk store" index --store "$s" --disk d --config "$c.good"
 echo "ok: version, usage errors, ranges and configuration files"
 
-# list: words and sizes, JSON a parser takes, and one lost file shown as such
-# without hiding the rest.
+# list: the disks by client, in words and sizes, JSON a parser takes, and
+# one lost file shown as such without hiding the rest.
 expect 1 "$s is not a zxblk store (no catalog.json)" list --store "$s"
 qemu-img create -q -f vpc -o force_size=on "$work/a.vhd" 64M
 qemu-img create -q -f vpc -o subformat=fixed,force_size=on "$work/b.vhd" 3M
 "$zxblk" import -q --store "$s" --disk a "$work/a.vhd" >/dev/null
+"$zxblk" import -q --store "$s" --disk c --client vm2 --client-id 9 "$work/b.vhd" >/dev/null
 "$zxblk" import -q --store "$s" --disk b "$work/b.vhd" >/dev/null
 "$zxblk" list --store "$s" >"$work/list"
-grep -q "^a: 64 MiB disk, 1 snapshot" "$work/list" && grep -q "^b: 3 MiB disk" "$work/list" || { cat "$work/list"; fail "list: sizes"; }
+diff <(grep -v "^ " "$work/list") - <<'LIST' || { cat "$work/list"; fail "list: clients and disks"; }
+client localhost: 2 disks
+a: 64 MiB disk, 1 snapshot, recalled 1 MiB at a time
+b: 3 MiB disk, 1 snapshot, recalled 1 MiB at a time
+
+client vm2: 1 disk
+c: 3 MiB disk, 1 snapshot, recalled 1 MiB at a time
+LIST
 grep -qE "^  0 +dynamic VHD .* ok " "$work/list" && grep -qE "^  0 +fixed VHD +3.0 MiB .* ok " "$work/list" ||
   { cat "$work/list"; fail "list: kinds or status"; }
-"$zxblk" list --store "$s" --json | python3 -m json.tool >/dev/null || fail "list --json is not JSON"
+"$zxblk" list --store "$s" --json >"$work/json"
+python3 - "$work/json" <<'PY' || fail "list --json: the clients"
+import json, sys
+d = json.load(open(sys.argv[1]))
+assert d["clients"] == [{"name": "localhost", "disks": ["a", "b"]}, {"name": "vm2", "disks": ["c"]}], d["clients"]
+assert [(x["name"], x["client"]) for x in d["disks"]] == [("a", "localhost"), ("c", "vm2"), ("b", "localhost")], d
+PY
 # The export summary as JSON, and -q with nothing but the image.
 "$zxblk" export --store "$s" --disk b --out "$work/b.raw" --cache "$work/c1" --json >"$work/sum"
 python3 -c 'import json,sys; d=json.load(open(sys.argv[1])); assert d["bytes"] == 3 << 20 and d["disk"] == "b", d' "$work/sum" ||
@@ -79,10 +93,15 @@ qemu-img convert -f vpc -O raw "$work/b.vhd" "$work/b.ref"
 cmp "$work/b.raw" "$work/b.ref" || fail "export differs from qemu-img"
 "$zxblk" export -q --store "$s" --disk b --out "$work/b2.raw" --cache "$work/c2" >"$work/out" 2>&1
 [ ! -s "$work/out" ] || { cat "$work/out"; fail "export -q printed something"; }
+# For the refusals below: a copy of the store in which one byte of b's data
+# changed after import, its file's size and time kept.
+cp -a "$s" "$work/damaged"
+printf 'X' | dd of="$work/damaged/snapshots/b-snap0.vhd" bs=1 seek=1000 conv=notrunc status=none
+touch -r "$s/snapshots/b-snap0.vhd" "$work/damaged/snapshots/b-snap0.vhd"
 rm "$s"/snapshots/b-*
 rc=0
 "$zxblk" list --store "$s" --json >"$work/json" 2>"$work/err" || rc=$?
-[ "$rc" = 1 ] && grep -q "1 of 2 snapshots is missing or damaged" "$work/err" || { cat "$work/err"; fail "list: exit $rc"; }
+[ "$rc" = 1 ] && grep -q "1 of 3 snapshots is missing or damaged" "$work/err" || { cat "$work/err"; fail "list: exit $rc"; }
 python3 - "$work/json" <<'PY' || fail "list --json with a missing file"
 import json, sys
 disks = {d["name"]: d for d in json.load(open(sys.argv[1]))["disks"]}
@@ -90,4 +109,31 @@ assert disks["a"]["snapshots"][0]["status"] == "ok", disks["a"]
 assert disks["b"]["snapshots"][0]["status"] == "missing", disks["b"]
 assert disks["b"]["size"] == 3 << 20 and disks["a"]["snapshots"][0]["kind"] == "dynamic VHD", disks
 PY
-echo "ok: list in words, as JSON, with a missing file"
+echo "ok: list by client in words, as JSON, with a missing file"
+
+# Every failure that reaches the command line is one line on standard error
+# and exit 1, wherever it arises: the store, the catalog, an extent cache,
+# a snapshot file, a mount's daemon, a server's checks before it listens.
+# (The configuration files above are refused the same way.) The cache is
+# held by an export that waits for its reader.
+mkfifo "$work/fifo"
+"$zxblk" export --store "$s" --disk a --cache "$work/held" --out "$work/fifo" >/dev/null 2>&1 &
+holder=$!
+for _ in $(seq 300); do [ "$(head -1 "$work/held/lock" 2>/dev/null | cut -d' ' -f1)" = $holder ] && break; sleep 0.1; done
+refusals=(
+  "$work/mnt is not a zxblk store (no catalog.json)|export --store $work/mnt --disk a --out $work/x"
+  "$s: no disk named 'nosuch'|read --store $s --disk nosuch --offset 0 --length 1"
+  "$s: no client named 'nosuch'|mount --store $s --client nosuch $work/mnt"
+  "disk a has no snapshot 1 (it has 1)|serve --store $s --disk a --snapshot 1 --run true"
+  "the extent cache $work/held is in use by another zxblk process (pid $holder)|read --store $s --disk a --cache $work/held --offset 0 --length 1"
+  "b-snap0.vhd: block 0: checksum mismatch|read --store $work/damaged --disk b --cache $work/c3 --offset 0 --length 4096"
+  "snapshots/b-snap0.vhd|export --store $s --disk b --cache $work/c4 --out $work/x"
+)
+for row in "${refusals[@]}"; do
+  # shellcheck disable=SC2086
+  expect 1 "${row%%|*}" ${row#*|}
+done
+cat "$work/fifo" >/dev/null
+wait $holder || fail "the export that held the cache failed once its reader came"
+[ ! -e "$work/x" ] || fail "a refused export left its image"
+echo "ok: ${#refusals[@]} refusals (store, disk, client, snapshot, cache in use, damaged block, lost file), one line each"
