@@ -91,8 +91,8 @@ done
 "$zxblk" export --store "$work/store" --disk base --out "$work/good" --cache "$work/c0" >/dev/null
 cmp "$work/good" "$work/snap2.raw" || fail "the good chain does not export"
 
-# Two snapshot files swapped after import: the export fails, naming the file
-# and the field, instead of serving the wrong bytes.
+# Two snapshot files swapped after import: the export fails in one line,
+# naming the file and the field, instead of serving the wrong bytes.
 cp -a "$work/store" "$work/swapped"
 mv "$work/swapped/snapshots/base-snap1.vhd" "$work/swap.tmp"
 mv "$work/swapped/snapshots/base-snap2.vhd" "$work/swapped/snapshots/base-snap1.vhd"
@@ -100,9 +100,9 @@ mv "$work/swap.tmp" "$work/swapped/snapshots/base-snap2.vhd"
 if "$zxblk" export --store "$work/swapped" --disk base --out "$work/swapped.raw" --cache "$work/c2" 2>"$work/err" >/dev/null; then
   fail "export of swapped snapshots succeeded"
 fi
-tail -n 1 "$work/err" | grep -q "^zxblk: " || { cat "$work/err"; fail "swapped: no clear last line"; }
+[ "$(wc -l <"$work/err")" = 1 ] && grep -q "^zxblk: " "$work/err" || { cat "$work/err"; fail "swapped: not one line"; }
 grep -q "base-snap2.vhd: .*unique id: the catalog records" "$work/err" || { cat "$work/err"; fail "swapped: file and field not named"; }
-echo "ok: swapped snapshots -> $(grep -m1 "unique id" "$work/err")"
+echo "ok: swapped snapshots -> $(cat "$work/err")"
 
 # A snapshot file cut short after import: export fails with one line and
 # leaves no image behind.
@@ -111,6 +111,6 @@ truncate -s $(($(stat -c %s "$snap") / 2)) "$snap"
 if "$zxblk" export --store "$work/store" --disk base --out "$work/cut" --cache "$work/c1" 2>"$work/err" >/dev/null; then
   fail "export of a truncated snapshot succeeded"
 fi
-tail -n 1 "$work/err" | grep -q "^zxblk: " || { cat "$work/err"; fail "no clear last line"; }
+[ "$(wc -l <"$work/err")" = 1 ] && grep -q "^zxblk: " "$work/err" || { cat "$work/err"; fail "truncated: not one line"; }
 [ ! -e "$work/cut" ] && [ ! -e "$work/cut.partial" ] || fail "export left an image behind"
-echo "ok: truncated snapshot -> $(tail -n 1 "$work/err")"
+echo "ok: truncated snapshot -> $(cat "$work/err")"
