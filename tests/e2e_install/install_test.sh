@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The installed tree as a user gets it, moved away from where it was
-# installed: the tool runs, and the example program builds against the
-# library with find_package and with pkg-config and reads a disk of a store
-# byte for byte.
+# installed: the tool runs on the library alone, and the example program
+# builds against the library with find_package and with pkg-config and
+# reads a disk of a store byte for byte.
 set -euo pipefail
 build=$1 source=$2 cxx=$3 version=$4
 work=$(mktemp -d)
@@ -26,6 +26,21 @@ if grep -lE 'zxhost|zxstore|zxplatform|zxblkvhd' "$libdir"/cmake/zxblk/*.cmake; 
   fail "the CMake package names the libraries built into libzxblk.so"
 fi
 ok "the installed tool runs from a moved prefix; the package names only zxblk::zxblk"
+
+# The tool is a client of the library alone: it loads libzxblk.so, holds no
+# copy of the host (its symbols are there, so their absence is telling),
+# and neither its sources nor the plugin's include more than the public
+# header.
+loaded=$(ldd "$p/bin/zxblk" | awk '$1 ~ /^libzxblk\.so/ { print $3 }')
+[ -n "$loaded" ] && [ "$(realpath "$loaded")" = "$(realpath "$libdir/libzxblk.so")" ] ||
+  fail "zxblk does not load $libdir/libzxblk.so: $(ldd "$p/bin/zxblk")"
+nm -C "$p/bin/zxblk" >"$work/symbols"
+grep -q "registerMountCommand" "$work/symbols" || fail "nm finds none of zxblk's own symbols"
+if grep -q "DiskHost" "$work/symbols"; then fail "zxblk holds a copy of the host: $(grep -m1 DiskHost "$work/symbols")"; fi
+if grep -rnE '#include +"(host|store|platform|framework)/' "$source/tools" "$source/nbd"; then
+  fail "tools/ or nbd/ includes the tree's own headers"
+fi
+ok "zxblk loads libzxblk.so and holds no DiskHost; tools/ and nbd/ include only the public header"
 
 # A disk made by another tool, and the bytes it must read as.
 python3 - "$work/disk.raw" <<'PY'
