@@ -3,7 +3,8 @@
 # partition) and a GPT disk (sgdisk, numbered with a gap), each partition an
 # ext4 file system holding a file of its own, and a disk without a table.
 # MNT/partN must have the size the partitioning tool gives and the file
-# must read back through debugfs.
+# must read back through debugfs. Then the three disks mounted as one
+# client's, a folder each.
 #   partitions_test.sh ZXBLK
 set -euo pipefail
 zxblk=$1
@@ -47,7 +48,8 @@ truncate -s 40M "$work/mbr.raw" "$work/gpt.raw"
 printf 'label: dos\nstart=2048, size=12288, type=83\nstart=16384, type=5\nstart=18432, size=16384, type=83\n' |
   sfdisk -q "$work/mbr.raw"
 sgdisk -n 1:2048:+6M -n 3:16384:+10M "$work/gpt.raw" >/dev/null
-mke2fs -q -F -t ext4 "$work/none.raw" 40M >/dev/null
+mkdir -p "$work/src-none" && head -c 70000 /dev/urandom >"$work/src-none/file.bin"
+mke2fs -q -F -t ext4 -d "$work/src-none" "$work/none.raw" 40M >/dev/null
 for disk in mbr gpt none; do
   case $disk in
     mbr) expected=$(mbr_parts "$work/mbr.raw") ;;
@@ -83,3 +85,30 @@ for disk in mbr gpt none; do
   ok "$disk: ${want% }${expected:+ (sizes as the partitioning tool gives them, each file read back with debugfs)}, holes as in the VHD"
   unmount "$m"
 done
+
+# The three disks are one client's (import's default): mounted together, a
+# folder per disk holds that disk's files and partitions, each disk on a
+# default cache of its own, and the .control at the top reaches every disk.
+export XDG_CACHE_HOME=$work/xdg
+m=$work/m-client
+mkdir -p "$m"
+t "$zxblk" mount --store "$work/store" --client localhost "$m" >"$work/out" || fail "mount --client"
+mounts+=("$m")
+[ "$(grep -c "^mounted [a-z]* snapshot 0 at $m/[a-z]* (disk.raw" "$work/out")" = 3 ] || fail "$(cat "$work/out")"
+[ "$(cd "$m" && ls -A | tr '\n' ' ')" = ".control gpt mbr none " ] || fail "the top of the mount: $(ls -A "$m")"
+for disk in mbr gpt none; do
+  t cmp "$m/$disk/disk.raw" "$work/$disk.raw" || fail "--client: $disk/disk.raw differs from its image"
+done
+[ "$(cd "$m/mbr" && ls | tr '\n' ' ')" = "disk.raw part1 part5 " ] && [ "$(cd "$m/gpt" && ls | tr '\n' ' ')" = "disk.raw part1 part3 " ] &&
+  [ "$(cd "$m/none" && ls)" = disk.raw ] || fail "--client: partitions $(ls "$m"/*)"
+t debugfs -R "cat /file.bin" "$m/none/disk.raw" 2>/dev/null | cmp - "$work/src-none/file.bin" || fail "--client: none's /file.bin"
+t debugfs -R "cat /file.bin" "$m/gpt/part3" 2>/dev/null | cmp - "$work/src-gpt3/file.bin" || fail "--client: gpt part3's /file.bin"
+[ "$(ls "$XDG_CACHE_HOME/zxblk" | sed 's/^[0-9a-f]*-//' | sort | tr '\n' ' ')" = "gpt-snap0 mbr-snap0 none-snap0 " ] ||
+  fail "--client: caches $(ls "$XDG_CACHE_HOME/zxblk")"
+echo mount-complete >"$m/.control"
+for disk in mbr gpt none; do
+  [ "$(awk '$1 == "mount_complete" { print $2 }' "$m/$disk/.stats")" = 1 ] || fail "--client: .control did not reach $disk"
+done
+"$zxblk" stats "$m/gpt" | grep -q "^partitions  *2$" || fail "zxblk stats of a disk of the mount"
+ok "mount --client: mbr, gpt and none each in a folder with their partitions, byte-exact, /file.bin read with debugfs, a cache each, .control to all"
+unmount "$m"
