@@ -161,8 +161,9 @@ std::vector<Export> checkDisks(const ServeArgs& a) {
     return exports;
 }
 
-// In the foreground, or for --run: nbdkit's messages come here.
-void serveHere(const ServeArgs& a, std::vector<Export>& exports, const std::vector<std::string>& args, const Listener& l) {
+// In the foreground, or for --run: nbdkit's messages come here. Returns
+// the exit code: the command's, or nbdkit's when it ended unasked.
+int serveHere(const ServeArgs& a, const std::vector<Export>& exports, const std::vector<std::string>& args, const Listener& l) {
     Relay relay;
     pid_t pid = startNbdkit(args, l, relay.writeEnd());
     relay.start();
@@ -185,7 +186,7 @@ void serveHere(const ServeArgs& a, std::vector<Export>& exports, const std::vect
     }
     removeListener(l);
     ::close(l.fd);
-    if (rc) std::exit(rc);
+    return rc;
 }
 
 // In the background: a supervisor in a session of its own starts nbdkit
@@ -266,7 +267,11 @@ void serve(const ServeArgs& a) {
         e.uri = exportUri(a.listen, l, byName ? e.name : std::string());
         e.guestfsUri = guestfsUri(a.listen, l, byName ? e.name : std::string());
     }
-    if (a.foreground || !a.run.empty()) return serveHere(a, exports, args, l);
+    if (a.foreground || !a.run.empty()) {
+        // Once the relay of nbdkit's messages has ended with nbdkit.
+        if (int rc = serveHere(a, exports, args, l)) std::exit(rc);
+        return;
+    }
 
     std::string logFile = a.logFile;
     if (logFile.empty()) {
