@@ -30,7 +30,7 @@ std::string folderOf(const std::string& path) {
 
 }  // namespace
 
-ExportSink::ExportSink(const std::string& target, uint64_t size) : m_target(target), m_what(target), m_size(size) {
+ExportSink::ExportSink(const std::string& target, uint64_t size) : m_target(target), m_what(target) {
     struct stat st;
     if (target == "-") {
         m_fd = 1;

@@ -46,7 +46,6 @@ private:
     bool m_positional = false;  // pwrite at offsets; otherwise a stream in order
     bool m_sync = false;        // fsync at the end (not for pipes and terminals)
     uint64_t m_base = 0;        // where the disk starts in the target
-    uint64_t m_size = 0;
     uint64_t m_streamed = 0;    // bytes written so far to a stream
     bool m_copyRange = true;    // copy_file_range works between these files
 };
