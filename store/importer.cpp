@@ -77,6 +77,29 @@ void checkChain(const Catalog& catalog, const std::string& diskName, const std::
     }
 }
 
+// The id of the client a new disk belongs to: the one the catalog knows by
+// its name, or a new one; an id given is the client's, and refused when the
+// catalog knows it, or the name, otherwise.
+uint64_t clientIdFor(const Catalog& catalog, const ImportSettings& options) {
+    auto named = std::find_if(catalog.clients.begin(), catalog.clients.end(),
+                              [&](const std::pair<const uint64_t, std::string>& c) { return c.second == options.client; });
+    if (options.clientId) {
+        auto it = catalog.clients.find(options.clientId);
+        if (it != catalog.clients.end() && it->second != options.client)
+            throw StoreError(ErrorKind::invalidArgument, "client id " + std::to_string(options.clientId) + " is client " +
+                                                             it->second + "'s; give another id, or none");
+        if (named != catalog.clients.end() && named->first != options.clientId)
+            throw StoreError(ErrorKind::invalidArgument, "client " + options.client + " has id " +
+                                                             std::to_string(named->first) + ", not " +
+                                                             std::to_string(options.clientId));
+        return options.clientId;
+    }
+    if (named != catalog.clients.end()) return named->first;
+    uint64_t id = 2;  // the first client's, as stores have always had it
+    for (const auto& c : catalog.clients) id = std::max(id, c.first + 1);
+    return id;
+}
+
 // A new disk's record, and its subclient's when it is a new one.
 DiskRecord newDisk(Catalog& catalog, const std::string& diskName, uint64_t size, const ImportSettings& options) {
     DiskRecord fresh;
@@ -95,15 +118,16 @@ DiskRecord newDisk(Catalog& catalog, const std::string& diskName, uint64_t size,
     }
     fresh.subclientId = sub;
     if (!catalog.subclients.count(sub)) {
+        const uint64_t clientId = clientIdFor(catalog, options);
         SubclientRecord s;
         s.id = sub;
         s.name = options.subclient;
-        s.clientId = options.clientId;
+        s.clientId = clientId;
         s.instanceId = sub;
         s.backupSetId = sub;
         s.appType = 106;
         catalog.subclients[sub] = s;
-        catalog.clients[options.clientId] = options.client;
+        catalog.clients[clientId] = options.client;
         catalog.instances[sub] = options.instance;
         catalog.backupSets[sub] = options.backupSet;
     }

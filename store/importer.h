@@ -21,7 +21,7 @@ enum class ImportFormat {
 
 struct ImportSettings {
     std::string client = "localhost";
-    uint64_t clientId = 2;
+    uint64_t clientId = 0;  // 0: the id the store knows the client by, or a new one
     std::string subclient = "default";
     uint32_t subclientId = 0;  // 0: the disk's existing subclient, or a new id
     std::string backupSet = "defaultBackupSet";

@@ -21,18 +21,6 @@ std::string nameOf(const CacheInfo& c) {
     return c.disk + " snapshot " + (c.snapshot < 0 ? std::string("?") : std::to_string(c.snapshot)) + " of " + c.store;
 }
 
-// "pid 1234, mounted on /mnt/x", as the cache's lock tells it. (Written
-// here: CacheUser::describe() is declared in zxblk.h but libzxblk.so does
-// not export it.)
-std::string userText(const CacheUser& u) {
-    if (u.pid <= 0) return "a zxblk process";
-    std::string text = "pid " + std::to_string(u.pid);
-    if (!u.mountPoint.empty()) text += ", mounted on " + u.mountPoint;
-    if (u.stopping) text += ", stopping";
-    if (u.removing) text += ", removing it";
-    return text;
-}
-
 std::string timeText(time_t t, const char* format, bool utc) {
     struct tm parts;
     char text[64];
@@ -73,7 +61,7 @@ void printCaches(const std::string& root) {
     std::vector<std::vector<std::string>> rows = {
         {"STORE", "DISK", "SNAPSHOT", "SIZE", "LAST USE", "IN USE BY", "FOLDER"}};
     for (const CacheInfo& c : caches) {
-        std::string user = c.user.inUse ? userText(c.user) : "-";
+        std::string user = c.user.inUse ? c.user.describe() : "-";
         rows.push_back({c.store.empty() ? "?" : c.store, c.disk.empty() ? "?" : c.disk,
                         c.snapshot < 0 ? "?" : std::to_string(c.snapshot), humanSize(c.bytes),
                         timeText(c.lastUse, "%Y-%m-%d %H:%M", false), user, fs::path(c.folder).filename().string()});
@@ -111,7 +99,7 @@ void purgeCaches(const PurgeArgs& a) {
         try {
             if (!removeCache(c.folder, &user)) {
                 ++busy;
-                std::printf("left alone, in use by %s: %s\n", userText(user).c_str(), nameOf(c).c_str());
+                std::printf("left alone, in use by %s: %s\n", user.describe().c_str(), nameOf(c).c_str());
                 continue;
             }
         } catch (const Error& e) {

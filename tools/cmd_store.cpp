@@ -20,7 +20,8 @@ void registerImportCommand(CLI::App& app) {
         ->check(CLI::IsMember({"auto", "vhd", "raw"}))
         ->capture_default_str();
     cmd->add_option("--client", options.client, "client name")->capture_default_str();
-    addNumberOption<uint64_t>(cmd, "--client-id", options.clientId, "client id", 1)->capture_default_str();
+    addNumberOption<uint64_t>(cmd, "--client-id", options.clientId,
+                              "client id (default: the one the store knows the client by, or a new one)", 1);
     cmd->add_option("--subclient", options.subclient, "subclient name")->capture_default_str();
     addNumberOption<uint32_t>(cmd, "--subclient-id", options.subclientId, "subclient id (default: a new one)", 1);
     cmd->add_option("--backupset", options.backupSet, "backup set name")->capture_default_str();

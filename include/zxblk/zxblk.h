@@ -129,7 +129,7 @@ enum class ImageFormat {
 
 struct ImportOptions {
     std::string client = "localhost";  // the machine the disk belongs to
-    uint64_t clientId = 2;
+    uint64_t clientId = 0;  // 0: the id the store knows the client by, or a new one
     std::string subclient = "default";
     uint32_t subclientId = 0;  // 0: the disk's existing subclient, or a new id
     std::string backupSet = "defaultBackupSet";
@@ -377,7 +377,7 @@ ZXBLK_API DifferencingStats writeDifferencingVhd(const std::string& parentVhd, c
 // ---------------------------------------------------------------- extent caches
 
 // The process that uses a cache, as the cache's lock tells.
-struct CacheUser {
+struct ZXBLK_API CacheUser {
     bool inUse = false;
     long pid = 0;            // 0 when the lock names none
     std::string mountPoint;  // where the disk is mounted, when a mount holds it

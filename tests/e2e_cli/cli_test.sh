@@ -67,6 +67,9 @@ qemu-img create -q -f vpc -o subformat=fixed,force_size=on "$work/b.vhd" 3M
 "$zxblk" import -q --store "$s" --disk a "$work/a.vhd" >/dev/null
 "$zxblk" import -q --store "$s" --disk c --client vm2 --client-id 9 "$work/b.vhd" >/dev/null
 "$zxblk" import -q --store "$s" --disk b "$work/b.vhd" >/dev/null
+# A client keeps its id; another client's id, or another id for a client, is refused.
+expect 1 "client id 9 is client vm2's; give another id, or none" import --store "$s" --disk e --client vm3 --client-id 9 "$work/b.vhd"
+expect 1 "client vm2 has id 9, not 4" import --store "$s" --disk e --client vm2 --client-id 4 "$work/b.vhd"
 "$zxblk" list --store "$s" >"$work/list"
 diff <(grep -v "^ " "$work/list") - <<'LIST' || { cat "$work/list"; fail "list: clients and disks"; }
 client localhost: 2 disks
