@@ -200,6 +200,15 @@ void cleanup() {
     g_disk.reset();
 }
 
+#ifdef ZXBLK_SANITIZER_PRELOAD
+// A sanitized plugin loads into nbdkit only with the sanitizer's runtime in
+// LD_PRELOAD (zxblk serve and the tests put it there). Once nbdkit runs,
+// the preload has done its work; left in the environment, it would reach
+// the commands nbdkit starts itself (--run), and ThreadSanitizer's runtime
+// kills an uninstrumented shell with SIGSEGV before it runs a line.
+void load() { ::unsetenv("LD_PRELOAD"); }
+#endif
+
 // Every connection shares the one disk.
 void* openConnection(int) { return g_disk.get(); }
 void closeConnection(void*) {}
@@ -297,6 +306,9 @@ nbdkit_plugin makePlugin() {
     p.longname = "zxblk: a disk of a backup store, recalled as it is read";
     p.version = zxblk::version();
     p.description = "Serves one snapshot of one disk of a zxblk store, recalling extents as they are read.";
+#ifdef ZXBLK_SANITIZER_PRELOAD
+    p.load = load;
+#endif
     p.config = config;
     p.config_complete = configComplete;
     p.config_help =

@@ -90,9 +90,9 @@ ok "zxblk serve --client: nbdinfo --list shows sys and data, nbdcopy of each equ
 
 # nbdkit with the plugin, as a user runs it: the dynamic VHD read as qemu-img
 # reads it, and the map of its blocks. (In a sanitized build nbdkit gets the
-# runtime the plugin needs, without the leak check of nbdkit's own memory;
-# --run's children leave it behind.)
-LD_PRELOAD=$preload ASAN_OPTIONS=detect_leaks=0 t nbdkit -U - "$plugin" store=store disk=dyn cache=c2 --run 'unset LD_PRELOAD
+# runtime the plugin needs, which the plugin keeps from --run's children,
+# without the leak check of nbdkit's own memory.)
+LD_PRELOAD=$preload ASAN_OPTIONS=detect_leaks=0 t nbdkit -U - "$plugin" store=store disk=dyn cache=c2 --run '
   nbdcopy "$uri" dyn.out && qemu-img compare -q -f raw -F raw "$uri" dyn.ref && nbdinfo --map "$uri" >dyn.map' ||
   fail "nbdkit zxblk: nbdcopy, qemu-img compare or nbdinfo --map failed"
 cmp dyn.out dyn.ref || fail "nbdcopy differs from qemu-img convert"
