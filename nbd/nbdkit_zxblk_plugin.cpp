@@ -1,8 +1,14 @@
-// nbdkit-zxblk-plugin.so: one snapshot of one disk of a zxblk store, served
-// over NBD by nbdkit, read-only:
+// nbdkit-zxblk-plugin.so: the disks of a zxblk store, served over NBD by
+// nbdkit, read-only, one export per disk:
 //
-//     nbdkit zxblk store=DIR disk=NAME [snapshot=N] [cache=DIR]
-//                  [cache-limit=SIZE] [statsfile=FILE]
+//     nbdkit zxblk store=S [disk=NAME[@N]]... [client=VM]... [snapshot=N]
+//                  [cache=DIR] [cache-limit=SIZE] [statsfile=FILE | statsdir=DIR]
+//
+// disk= and client= name the disks served, each opened before the server
+// starts; without them every disk of the store is served by its name (the
+// snapshot= one, by default the newest) and as NAME@N (snapshot N), each
+// opened when a client first asks for it. A client that names no export
+// gets the first one listed.
 //
 // Reads recall the extents they touch as `zxblk mount` does (the same
 // library, the same extent cache and readahead); block status answers from
@@ -14,6 +20,7 @@
 #define THREAD_MODEL NBDKIT_THREAD_MODEL_PARALLEL
 #include <nbdkit-plugin.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -21,10 +28,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <unistd.h>
 
@@ -33,47 +45,44 @@
 namespace {
 
 struct Config {
-    std::string store, disk, cache, statsFile;
+    std::string store, cache, statsFile, statsDir;
+    // disk= and client=, in the order given, which is the order listed.
+    struct Wanted {
+        bool client;
+        std::string name;
+        int snapshot;  // of a disk; -1: snapshot=
+    };
+    std::vector<Wanted> wanted;
     int snapshot = -1;
     uint64_t cacheLimit = 0;
 };
 Config g_config;
-std::unique_ptr<zxblk::Disk> g_disk;
-std::string g_description;
 
-// The first error line the library wrote on this thread during the current
-// request: the host's own error says only that an extent could not be
-// recalled, and the line that says why was logged on the way.
-thread_local std::string t_firstError;
+// A served export: one snapshot of one disk. Several exports may name the
+// same snapshot (disk=a and disk=a@2 when 2 is the newest): they share it,
+// for a cache serves one Disk at a time.
+struct Export {
+    std::string name, description;
+    std::string disk;
+    int snapshot = 0;
+    std::string key() const { return disk + "@" + std::to_string(snapshot); }
+};
+// What the server serves, settled in get_ready and never changed after, so
+// connections read it without a lock.
+std::vector<Export> g_exports;            // in the order listed
+std::map<std::string, size_t> g_byName;  // every name a client may ask for
+bool g_everyDisk = false;                 // neither disk= nor client= given
+bool g_oneCache = false;                  // cache= is the one disk's own cache
 
-void startRequest() { t_firstError.clear(); }
+std::unique_ptr<zxblk::Store> g_store;
+std::mutex g_openMutex;
+std::map<std::string, std::shared_ptr<zxblk::Disk>> g_open;  // by Export::key(), under g_openMutex
 
-// The disk's statistics, rewritten whole once a second while the server
-// runs and once more when it stops, for `zxblk stats FILE` or a script.
-std::thread g_statsThread;
-std::mutex g_statsMutex;
-std::condition_variable g_statsCond;
-bool g_stopStats = false;
-
-void writeStats() {
-    if (g_config.statsFile.empty() || !g_disk) return;
-    std::string text;
-    try {
-        text = g_disk->statsText();
-    } catch (const std::exception& e) {
-        nbdkit_error("statistics: %s", e.what());
-        return;
-    }
-    // Written aside and renamed, so that a reader never sees half of it.
-    std::string tmp = g_config.statsFile + ".tmp";
-    FILE* f = std::fopen(tmp.c_str(), "w");
-    bool ok = f && std::fwrite(text.data(), 1, text.size(), f) == text.size();
-    if (f && std::fclose(f) != 0) ok = false;
-    if (!ok || std::rename(tmp.c_str(), g_config.statsFile.c_str()) != 0) {
-        nbdkit_error("%s: cannot write the statistics: %s", g_config.statsFile.c_str(), std::strerror(errno));
-        std::remove(tmp.c_str());
-    }
-}
+// A connection: its export and the disk, fixed when it opens.
+struct Connection {
+    const Export* exp;
+    std::shared_ptr<zxblk::Disk> disk;
+};
 
 std::string absolute(const char* value) {
     char* path = nbdkit_absolute_path(value);
@@ -83,21 +92,39 @@ std::string absolute(const char* value) {
     return out;
 }
 
+// Plain decimal only: "-1" and "010" are not snapshot numbers.
+bool parseSnapshot(const std::string& text, int* out) {
+    const char* begin = text.data();
+    const char* end = begin + text.size();
+    auto r = std::from_chars(begin, end, *out);
+    return !text.empty() && r.ec == std::errc() && r.ptr == end && (text[0] != '0' || text.size() == 1) && *out >= 0;
+}
+
 int config(const char* key, const char* value) {
-    std::string k(key);
-    if (k == "store" && std::strncmp(value, "s3://", 5) == 0) {
-        g_config.store = value;  // a store on S3: a URL, not a path
-    } else if (k == "store" || k == "cache" || k == "statsfile") {
+    std::string k(key), v(value);
+    if (k == "store" && v.compare(0, 5, "s3://") == 0) {
+        g_config.store = v;  // a store on S3: a URL, not a path
+    } else if (k == "store" || k == "cache" || k == "statsfile" || k == "statsdir") {
         std::string path = absolute(value);
         if (path.empty()) return -1;  // nbdkit said why
-        (k == "store" ? g_config.store : k == "cache" ? g_config.cache : g_config.statsFile) = path;
+        (k == "store" ? g_config.store : k == "cache" ? g_config.cache : k == "statsfile" ? g_config.statsFile
+                                                                                       : g_config.statsDir) = path;
     } else if (k == "disk") {
-        g_config.disk = value;
+        size_t at = v.rfind('@');
+        int snapshot = -1;
+        if (at != std::string::npos && !parseSnapshot(v.substr(at + 1), &snapshot)) {
+            nbdkit_error("disk=%s: '%s' is not a snapshot number (0 is the oldest)", value, v.c_str() + at + 1);
+            return -1;
+        }
+        if (v.empty() || at == 0) {
+            nbdkit_error("disk=%s: no disk name", value);
+            return -1;
+        }
+        g_config.wanted.push_back({false, v.substr(0, at), snapshot});
+    } else if (k == "client") {
+        g_config.wanted.push_back({true, v, -1});
     } else if (k == "snapshot") {
-        // Plain decimal only: "-1" and "010" are not snapshot numbers.
-        const char* end = value + std::strlen(value);
-        auto r = std::from_chars(value, end, g_config.snapshot);
-        if (!*value || r.ec != std::errc() || r.ptr != end || (value[0] == '0' && value[1]) || g_config.snapshot < 0) {
+        if (!parseSnapshot(v, &g_config.snapshot)) {
             nbdkit_error("snapshot=%s: not a snapshot number (0 is the oldest)", value);
             return -1;
         }
@@ -106,8 +133,8 @@ int config(const char* key, const char* value) {
         if (n < 0) return -1;
         g_config.cacheLimit = static_cast<uint64_t>(n);
     } else {
-        nbdkit_error("unknown parameter '%s' (the zxblk plugin takes store, disk, snapshot, cache, cache-limit "
-                     "and statsfile)",
+        nbdkit_error("unknown parameter '%s' (the zxblk plugin takes store, disk, client, snapshot, cache, "
+                     "cache-limit, statsfile and statsdir)",
                      key);
         return -1;
     }
@@ -115,41 +142,192 @@ int config(const char* key, const char* value) {
 }
 
 int configComplete() {
-    if (g_config.store.empty() || g_config.disk.empty()) {
-        nbdkit_error("the zxblk plugin needs store=DIR and disk=NAME");
+    if (g_config.store.empty()) {
+        nbdkit_error("the zxblk plugin needs store=DIR (or store=s3://BUCKET/PREFIX)");
         return -1;
     }
+    g_everyDisk = g_config.wanted.empty();
     return 0;
 }
 
-zxblk::Disk openDisk() {
-    zxblk::DiskOptions options;
-    options.snapshot = g_config.snapshot;
-    options.cacheDir = g_config.cache;
-    options.cacheLimit = g_config.cacheLimit;
-    return zxblk::Disk::open(g_config.store, g_config.disk, options);
+std::string sizeText(uint64_t bytes) {
+    const char* units[] = {"bytes", "KiB", "MiB", "GiB", "TiB", "PiB"};
+    double n = static_cast<double>(bytes);
+    size_t u = 0;
+    for (; n >= 1024 && u + 1 < sizeof units / sizeof *units; ++u) n /= 1024;
+    char text[32];
+    if (u == 0)
+        std::snprintf(text, sizeof text, "%llu bytes", static_cast<unsigned long long>(bytes));
+    else
+        std::snprintf(text, sizeof text, "%.1f %s", n, units[u]);
+    return text;
 }
 
-// Everything that can be wrong with the store, the disk or the cache is
-// found here, before nbdkit forks into the background and while it can
-// still say so where the user looks. The library's threads would not
-// survive that fork, so the disk is then opened again after it. Started by
-// socket activation (as zxblk serve starts it), nbdkit does not fork: the
-// disk opened here is the one served.
+// Lists an export of a disk's snapshot under `name`, unless one of that
+// name is there already (disk=web01-sys beside client=web01).
+void addExport(const std::string& name, const zxblk::DiskInfo& disk, int snapshot) {
+    if (g_byName.count(name)) return;
+    Export e;
+    e.name = name;
+    e.disk = disk.name;
+    e.snapshot = snapshot;
+    e.description = disk.name + " snapshot " + std::to_string(snapshot) +
+                    (disk.client.empty() ? "" : " of " + disk.client) + ", " + sizeText(disk.size);
+    g_byName[name] = g_exports.size();
+    g_exports.push_back(e);
+}
+
+// The exports, from the catalog, in the order of disk= and client= (a
+// client's disks in the catalog's order). Without them every disk of the
+// store: NAME for the snapshot= one (or the newest) and NAME@N for each of
+// the others; NAME@N is also taken for the one NAME stands for.
+void settleExports(const zxblk::Store& store) {
+    auto plainOf = [](const zxblk::DiskInfo& d, int asked) {
+        return asked >= 0 ? asked : g_config.snapshot >= 0 ? g_config.snapshot : static_cast<int>(d.snapshots.size()) - 1;
+    };
+    if (g_everyDisk) {
+        for (const zxblk::DiskInfo& d : store.disks()) {
+            int plain = plainOf(d, -1), count = static_cast<int>(d.snapshots.size());
+            size_t plainExport = g_exports.size();
+            if (plain >= 0 && plain < count) addExport(d.name, d, plain);
+            for (int n = 0; n < count; ++n) {
+                std::string name = d.name + "@" + std::to_string(n);
+                if (n == plain)
+                    g_byName[name] = plainExport;  // another name of NAME
+                else
+                    addExport(name, d, n);
+            }
+        }
+        return;
+    }
+    auto add = [&](const std::string& name, int asked) {
+        zxblk::DiskInfo d = store.disk(name);
+        addExport(asked >= 0 ? name + "@" + std::to_string(asked) : name, d, plainOf(d, asked));
+    };
+    for (const Config::Wanted& w : g_config.wanted) {
+        if (!w.client) {
+            add(w.name, w.snapshot);
+            continue;
+        }
+        for (const std::string& disk : store.client(w.name).disks) add(disk, -1);
+    }
+    std::set<std::string> snapshots;
+    for (const Export& e : g_exports) snapshots.insert(e.key());
+    g_oneCache = snapshots.size() == 1;
+}
+
+// Opens an export's snapshot, or finds it open. Caller holds g_openMutex.
+std::shared_ptr<zxblk::Disk> openLocked(const Export& e) {
+    std::shared_ptr<zxblk::Disk>& disk = g_open[e.key()];
+    if (disk) return disk;
+    zxblk::DiskOptions options;
+    options.snapshot = e.snapshot;
+    options.cacheLimit = g_config.cacheLimit;
+    if (!g_config.cache.empty())
+        options.cacheDir = g_oneCache ? g_config.cache : g_config.cache + "/" + e.disk + "-snap" + std::to_string(e.snapshot);
+    try {
+        disk = std::make_shared<zxblk::Disk>(g_store->openDisk(e.disk, options));
+    } catch (...) {
+        g_open.erase(e.key());
+        throw;
+    }
+    for (const std::string& notice : disk->notices()) nbdkit_debug("%s: %s", e.name.c_str(), notice.c_str());
+    nbdkit_debug("export %s: %s (%llu bytes, extents of %llu bytes, cache %s)", e.name.c_str(),
+                 e.description.c_str(), static_cast<unsigned long long>(disk->size()),
+                 static_cast<unsigned long long>(disk->extentSize()), disk->cacheDir().c_str());
+    return disk;
+}
+
+// The store, and every disk named by disk= or client=.
+void openAll() {
+    if (!g_store) g_store.reset(new zxblk::Store(zxblk::Store::open(g_config.store)));
+    if (g_everyDisk) return;
+    std::lock_guard<std::mutex> lock(g_openMutex);
+    for (const Export& e : g_exports) openLocked(e);
+}
+
+void closeAll() {
+    std::lock_guard<std::mutex> lock(g_openMutex);
+    g_open.clear();
+    g_store.reset();
+}
+
+// Everything that can be wrong with the store, the disks or the caches is
+// found in get_ready, before nbdkit forks into the background and while it
+// can still say so where the user looks. The library's threads would not
+// survive that fork, so the store and the disks are then opened again after
+// it. Started by socket activation (as zxblk serve starts it), nbdkit does
+// not fork: those opened in get_ready are the ones served.
 bool willFork() {
     const char* pid = std::getenv("LISTEN_PID");
     return !(pid && std::getenv("LISTEN_FDS") && std::to_string(::getpid()) == pid);
 }
 
 int getReady() {
+    // A request that fails says why in its own error line, from the
+    // library's Error; the library's log lines are for nbdkit -v.
+    zxblk::setLogHandler([](int, const std::string& source, const std::string& text) {
+        nbdkit_debug("%s: %s", source.c_str(), text.c_str());
+    });
     try {
-        zxblk::Disk disk = openDisk();
-        if (!willFork()) g_disk.reset(new zxblk::Disk(std::move(disk)));
+        g_store.reset(new zxblk::Store(zxblk::Store::open(g_config.store)));
+        settleExports(*g_store);
+        if (!g_config.statsFile.empty() && !g_oneCache)
+            throw std::runtime_error(std::string("statsfile= is for a server of one disk; this one serves ") +
+                                     (g_everyDisk ? "every disk of the store" : "several") + ": use statsdir=DIR");
+        std::error_code ec;
+        if (!g_config.statsDir.empty() && !std::filesystem::is_directory(g_config.statsDir) &&
+            !std::filesystem::create_directories(g_config.statsDir, ec))
+            throw std::runtime_error("statsdir=" + g_config.statsDir + ": cannot make the folder: " + ec.message());
+        openAll();
+        if (willFork()) closeAll();
         return 0;
     } catch (const std::exception& e) {
         nbdkit_error("%s", e.what());
+        closeAll();  // now, not in the destructors at exit
         return -1;
     }
+}
+
+// The statistics of each open export, rewritten whole once a second while
+// the server runs and once more when it stops, for `zxblk stats FILE` or a
+// script: statsfile= for the one disk, or statsdir=DIR/EXPORT.stats.
+std::thread g_statsThread;
+std::mutex g_statsMutex;
+std::condition_variable g_statsCond;
+bool g_stopStats = false;
+
+void writeStatsFile(const std::string& file, zxblk::Disk& disk) {
+    std::string text;
+    try {
+        text = disk.statsText();
+    } catch (const std::exception& e) {
+        nbdkit_error("%s: statistics: %s", file.c_str(), e.what());
+        return;
+    }
+    // Written aside and renamed, so that a reader never sees half of it.
+    std::string tmp = file + ".tmp";
+    FILE* f = std::fopen(tmp.c_str(), "w");
+    bool ok = f && std::fwrite(text.data(), 1, text.size(), f) == text.size();
+    if (f && std::fclose(f) != 0) ok = false;
+    if (!ok || std::rename(tmp.c_str(), file.c_str()) != 0) {
+        nbdkit_error("%s: cannot write the statistics: %s", file.c_str(), std::strerror(errno));
+        std::remove(tmp.c_str());
+    }
+}
+
+void writeStats() {
+    std::vector<std::pair<std::string, std::shared_ptr<zxblk::Disk>>> files;
+    {
+        std::lock_guard<std::mutex> lock(g_openMutex);
+        for (const Export& e : g_exports) {
+            auto it = g_open.find(e.key());
+            if (it == g_open.end() || !it->second) continue;
+            if (!g_config.statsFile.empty()) files.emplace_back(g_config.statsFile, it->second);
+            if (!g_config.statsDir.empty()) files.emplace_back(g_config.statsDir + "/" + e.name + ".stats", it->second);
+        }
+    }
+    for (auto& [file, disk] : files) writeStatsFile(file, *disk);
 }
 
 void statsLoop() {
@@ -163,18 +341,8 @@ void statsLoop() {
 
 int afterFork() {
     try {
-        // A request that fails says why in its own error line; the library's
-        // lines are for nbdkit -v.
-        zxblk::setLogHandler([](int level, const std::string& source, const std::string& text) {
-            if (level < 0 && t_firstError.empty()) t_firstError = text;
-            nbdkit_debug("%s: %s", source.c_str(), text.c_str());
-        });
-        if (!g_disk) g_disk.reset(new zxblk::Disk(openDisk()));
-        g_description = g_disk->name() + " snapshot " + std::to_string(g_disk->snapshot());
-        nbdkit_debug("serving %s (%llu bytes, extents of %llu bytes)", g_description.c_str(),
-                     static_cast<unsigned long long>(g_disk->size()),
-                     static_cast<unsigned long long>(g_disk->extentSize()));
-        if (!g_config.statsFile.empty()) {
+        openAll();
+        if (!g_config.statsFile.empty() || !g_config.statsDir.empty()) {
             writeStats();
             g_statsThread = std::thread(statsLoop);
         }
@@ -185,8 +353,8 @@ int afterFork() {
     }
 }
 
-// After the last connection: the last statistics, then the disk closes (its
-// recalls end and the cache is left consistent).
+// After the last connection: the last statistics, then the disks close
+// (their recalls end and the caches are left consistent).
 void cleanup() {
     if (g_statsThread.joinable()) {
         {
@@ -197,7 +365,8 @@ void cleanup() {
         g_statsThread.join();
     }
     writeStats();
-    g_disk.reset();
+    closeAll();
+    zxblk::setLogHandler(nullptr);
 }
 
 #ifdef ZXBLK_SANITIZER_PRELOAD
@@ -209,20 +378,73 @@ void cleanup() {
 void load() { ::unsetenv("LD_PRELOAD"); }
 #endif
 
-// Every connection shares the one disk.
-void* openConnection(int) { return g_disk.get(); }
-void closeConnection(void*) {}
+int listExports(int, int, struct nbdkit_exports* out) {
+    for (const Export& e : g_exports)
+        if (nbdkit_add_export(out, e.name.c_str(), e.description.c_str()) != 0) return -1;
+    return 0;
+}
 
-int64_t getSize(void*) { return static_cast<int64_t>(g_disk->size()); }
-const char* exportDescription(void*) { return g_description.c_str(); }
+// A client that names no export gets the first: a one-disk server serves
+// its disk at a URI without a name.
+const char* defaultExport(int, int) { return g_exports.empty() ? nullptr : g_exports.front().name.c_str(); }
+
+// The name as a client sent it, safe for one log line.
+std::string printable(const char* name) {
+    std::string out(name, std::min<size_t>(std::strlen(name), 200));
+    for (char& c : out)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    return out;
+}
+
+// The disks served, each once, for the line that refuses an unknown name.
+std::string servedNames() {
+    std::vector<std::string> names;
+    for (const Export& e : g_exports) {
+        const std::string& name = g_everyDisk ? e.disk : e.name;
+        if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+    }
+    std::string out;
+    for (const std::string& n : names) out += (out.empty() ? "" : ", ") + n;
+    return out.empty() ? "none" : out;
+}
+
+void* openConnection(int) {
+    const char* name = nbdkit_export_name();
+    if (!name) return nullptr;  // nbdkit said why
+    auto it = g_byName.find(name);
+    if (it == g_byName.end()) {
+        if (g_everyDisk)
+            nbdkit_error("no export '%s' in store %s: its disks are %s (NAME@N for snapshot N)",
+                         printable(name).c_str(), g_config.store.c_str(), servedNames().c_str());
+        else
+            nbdkit_error("no export '%s': this server serves %s of store %s", printable(name).c_str(),
+                         servedNames().c_str(), g_config.store.c_str());
+        return nullptr;
+    }
+    const Export& e = g_exports[it->second];
+    try {
+        std::lock_guard<std::mutex> lock(g_openMutex);
+        return new Connection{&e, openLocked(e)};
+    } catch (const std::exception& x) {
+        nbdkit_error("export %s: %s", e.name.c_str(), x.what());
+        return nullptr;
+    }
+}
+
+void closeConnection(void* handle) { delete static_cast<Connection*>(handle); }
+
+Connection& conn(void* handle) { return *static_cast<Connection*>(handle); }
+
+int64_t getSize(void* h) { return static_cast<int64_t>(conn(h).disk->size()); }
+const char* exportDescription(void* h) { return conn(h).exp->description.c_str(); }
 int yes(void*) { return 1; }
 int no(void*) { return 0; }
 int cacheNative(void*) { return NBDKIT_CACHE_NATIVE; }
 
 // Any size and alignment is served; a client that follows the preferred
 // size reads whole extents.
-int blockSize(void*, uint32_t* minimum, uint32_t* preferred, uint32_t* maximum) {
-    uint64_t e = g_disk->extentSize();
+int blockSize(void* h, uint32_t* minimum, uint32_t* preferred, uint32_t* maximum) {
+    uint64_t e = conn(h).disk->extentSize();
     bool powerOfTwo = e && !(e & (e - 1));
     *minimum = 1;
     *preferred = powerOfTwo && e >= 512 && e <= (32u << 20) ? static_cast<uint32_t>(e) : 4096;
@@ -230,72 +452,58 @@ int blockSize(void*, uint32_t* minimum, uint32_t* preferred, uint32_t* maximum) 
     return 0;
 }
 
-// The request fails with EIO and its reason as one line; nothing else stops.
-int failed(const char* what, uint32_t count, uint64_t offset, const std::exception& e) {
-    std::string why = e.what();
-    const std::string seeLog = " (see the log)";
-    if (why.size() > seeLog.size() && why.compare(why.size() - seeLog.size(), seeLog.size(), seeLog) == 0 &&
-        !t_firstError.empty()) {
-        // "recall of PATH failed: REASON" or "extent lookup: REASON": the reason.
-        std::string reason = t_firstError;
-        for (const char* lead : {"failed: ", "extent lookup: "}) {
-            size_t at = reason.find(lead);
-            if (at != std::string::npos) {
-                reason = reason.substr(at + std::strlen(lead));
-                break;
-            }
-        }
-        why = why.substr(0, why.size() - seeLog.size()) + ": " + reason;
-    }
-    nbdkit_error("%s of %u bytes at %llu failed: %s", what, count, static_cast<unsigned long long>(offset), why.c_str());
+// The request fails with EIO and the library's reason as one line; nothing
+// else stops.
+int failed(void* h, const char* what, uint32_t count, uint64_t offset, const std::exception& e) {
+    nbdkit_error("%s of %u bytes at %llu of %s failed: %s", what, count, static_cast<unsigned long long>(offset),
+                 conn(h).exp->name.c_str(), e.what());
     nbdkit_set_error(EIO);
     return -1;
 }
 
-int pread(void*, void* buf, uint32_t count, uint64_t offset, uint32_t) {
-    startRequest();
+int pread(void* h, void* buf, uint32_t count, uint64_t offset, uint32_t) {
     try {
-        g_disk->read(offset, count, buf);
+        conn(h).disk->read(offset, count, buf);
         return 0;
     } catch (const std::exception& e) {
-        return failed("read", count, offset, e);
+        return failed(h, "read", count, offset, e);
     }
 }
 
-int extents(void*, uint32_t count, uint64_t offset, uint32_t flags, struct nbdkit_extents* out) {
+int extents(void* h, uint32_t count, uint64_t offset, uint32_t flags, struct nbdkit_extents* out) {
     try {
-        for (const zxblk::Range& r : g_disk->allocation(offset, count)) {
+        for (const zxblk::Range& r : conn(h).disk->allocation(offset, count)) {
             if (nbdkit_add_extent(out, r.offset, r.length, r.data ? 0 : NBDKIT_EXTENT_HOLE | NBDKIT_EXTENT_ZERO) != 0)
                 return -1;
             if (flags & NBDKIT_FLAG_REQ_ONE) break;
         }
         return 0;
     } catch (const std::exception& e) {
-        return failed("block status", count, offset, e);
+        return failed(h, "block status", count, offset, e);
     }
 }
 
 // Recalls the extents of the range that hold data and answers once they are
 // local: a client that asks to cache and then reads finds them there. The
 // extents are asked for a window at a time, so that several recall at once.
-int cache(void*, uint32_t count, uint64_t offset, uint32_t) {
-    startRequest();
+int cache(void* h, uint32_t count, uint64_t offset, uint32_t) {
     try {
         if (!count) return 0;
-        const uint64_t E = g_disk->extentSize(), last = (offset + count - 1) / E;
+        zxblk::Disk& disk = *conn(h).disk;
+        const uint64_t E = disk.extentSize(), last = (offset + count - 1) / E;
         const uint64_t window = 16;
         for (uint64_t first = offset / E; first <= last; first += window) {
             uint64_t end = std::min(last + 1, first + window);
-            uint64_t from = first * E, to = std::min(g_disk->size(), end * E);
-            g_disk->prefetch(from, to - from);
-            for (const zxblk::Range& r : g_disk->allocation(from, to - from)) {
+            uint64_t from = first * E, to = std::min(disk.size(), end * E);
+            disk.prefetch(from, to - from);
+            for (const zxblk::Range& r : disk.allocation(from, to - from)) {
                 if (!r.data) continue;
-                for (uint64_t i = r.offset / E; i <= (r.offset + r.length - 1) / E; ++i) g_disk->extent(i);
+                for (uint64_t i = r.offset / E; i <= (r.offset + r.length - 1) / E; ++i) disk.extent(i);
             }
         }
         return 0;
     } catch (const std::exception& e) {
-        return failed("cache", count, offset, e);
+        return failed(h, "cache", count, offset, e);
     }
 }
 
@@ -303,9 +511,9 @@ nbdkit_plugin makePlugin() {
     nbdkit_plugin p;
     std::memset(&p, 0, sizeof p);
     p.name = "zxblk";
-    p.longname = "zxblk: a disk of a backup store, recalled as it is read";
+    p.longname = "zxblk: the disks of a backup store, recalled as they are read";
     p.version = zxblk::version();
-    p.description = "Serves one snapshot of one disk of a zxblk store, recalling extents as they are read.";
+    p.description = "Serves disks of a zxblk store, one export per disk, recalling extents as they are read.";
 #ifdef ZXBLK_SANITIZER_PRELOAD
     p.load = load;
 #endif
@@ -313,15 +521,21 @@ nbdkit_plugin makePlugin() {
     p.config_complete = configComplete;
     p.config_help =
         "store=DIR         (required) the zxblk store: a directory or s3://BUCKET/PREFIX\n"
-        "disk=NAME         (required) the disk in it\n"
-        "snapshot=N        the snapshot, 0 the oldest (default: the newest)\n"
-        "cache=DIR         the extent cache (default: one under ~/.cache/zxblk)\n"
-        "cache-limit=SIZE  bytes the cache may hold (default: a quarter of its free space)\n"
-        "statsfile=FILE    rewritten each second with what was recalled";
+        "disk=NAME[@N]     a disk to serve, snapshot N of it (repeatable; default: every disk,\n"
+        "                  by export name NAME or NAME@N)\n"
+        "client=VM         every disk of that client (repeatable)\n"
+        "snapshot=N        the snapshot of disks named without @N, 0 the oldest (default: the newest)\n"
+        "cache=DIR         the extent cache of the one disk served, or with several a folder\n"
+        "                  of caches DIR/NAME-snapN (default: under ~/.cache/zxblk)\n"
+        "cache-limit=SIZE  bytes each disk's cache may hold (default: a quarter of its free space)\n"
+        "statsfile=FILE    the one disk's statistics, rewritten each second\n"
+        "statsdir=DIR      the statistics of each export, in DIR/EXPORT.stats";
     p.magic_config_key = "disk";
     p.get_ready = getReady;
     p.after_fork = afterFork;
     p.cleanup = cleanup;
+    p.list_exports = listExports;
+    p.default_export = defaultExport;
     p.open = openConnection;
     p.close = closeConnection;
     p.get_size = getSize;
