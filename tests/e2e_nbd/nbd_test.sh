@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The disk over NBD, driven by the clients users attach with: nbdcopy and
 # qemu-img compare against the merged chain and qemu-img's own reading of a
-# dynamic VHD, nbdinfo's map against qemu-img map of the VHD, recalls of a
+# dynamic VHD, nbdinfo's map against qemu-img map of the VHD, one nbdkit
+# serving many disks by export name (listed, described, refused), recalls of a
 # mostly-empty disk, parallel and multi-conn clients, NBD_CMD_CACHE through
 # libnbd's Python binding, the writable overlay, TLS-PSK over TCP, the
 # refusals, EIO for a lost extent, and a server in the background.
@@ -88,16 +89,63 @@ grep -qx "serving sys snapshot 2 at nbd+unix:///sys?socket=$sock (read-only)" vm
 "$zxblk" stats vm.stats/data.stats | grep -q "^disk  *48 MiB" || fail "--stats of several disks: $(ls vm.stats)"
 ok "zxblk serve --client: nbdinfo --list shows sys and data, nbdcopy of each equals its image; a cache and stats file each"
 
-# nbdkit with the plugin, as a user runs it: the dynamic VHD read as qemu-img
-# reads it, and the map of its blocks. (In a sanitized build nbdkit gets the
+# nbdkit with the plugin, as a user runs it, on the VMs' store: client= and
+# disk=NAME@N serve an export per disk, listed with a description and
+# opened before the server starts (a second server is refused a cache in
+# use); a URI without a name reaches the first export; each reads as its
+# image (the dynamic VHD as qemu-img reads it, with the map of its blocks);
+# statsdir= keeps a file per export. (In a sanitized build nbdkit gets the
 # runtime the plugin needs, which the plugin keeps from --run's children,
 # without the leak check of nbdkit's own memory.)
-LD_PRELOAD=$preload ASAN_OPTIONS=detect_leaks=0 t nbdkit -U - "$plugin" store=store disk=dyn cache=c2 --run '
-  nbdcopy "$uri" dyn.out && qemu-img compare -q -f raw -F raw "$uri" dyn.ref && nbdinfo --map "$uri" >dyn.map' ||
-  fail "nbdkit zxblk: nbdcopy, qemu-img compare or nbdinfo --map failed"
-cmp dyn.out dyn.ref || fail "nbdcopy differs from qemu-img convert"
+export preload plugin
+nbdkit_zxblk() { LD_PRELOAD=$preload ASAN_OPTIONS=detect_leaks=0 t nbdkit -U - "$plugin" store=vms "$@"; }
+nbdkit_zxblk client=vm1 disk=sys@1 cache=c2 statsdir=s2 --run 'nbdinfo --list --json "$uri" >vm1.list &&
+  nbdcopy "$uri" default.out && for e in sys data sys@1; do nbdcopy "nbd+unix:///$e?socket=$unixsocket" "vm1-$e.out"; done &&
+  u="nbd+unix:///data?socket=$unixsocket" && qemu-img compare -q -f raw -F raw "$u" dyn.ref && nbdinfo --map "$u" >dyn.map &&
+  ! LD_PRELOAD=$preload nbdkit -U - "$plugin" store=vms disk=sys cache=c2/sys-snap2 --run true 2>busy.err' ||
+  fail "nbdkit zxblk client=vm1: a client failed, or a second server took a cache in use"
+"$py" -c 'import json, sys
+for e in json.load(open(sys.argv[1]))["exports"]: print(e["export-name"] + "|" + e["description"])' vm1.list >vm1.names
+printf '%s\n' "sys|sys snapshot 2 of vm1, 24.0 MiB" "data|data snapshot 0 of vm1, 48.0 MiB" \
+  "sys@1|sys snapshot 1 of vm1, 24.0 MiB" | diff vm1.names - || fail "nbdinfo --list of client=vm1 disk=sys@1"
+for row in default.out:chain/snap2.raw vm1-sys.out:chain/snap2.raw vm1-data.out:dyn.ref vm1-sys@1.out:chain/snap1.raw \
+           s2/sys.stats:chain/snap2.raw s2/data.stats:dyn.ref s2/sys@1.stats:chain/snap1.raw; do
+  out=${row%%:*} ref=${row#*:}
+  case $out in
+    *.stats) [ "$(stat_of "$out" disk_bytes)" = "$(stat -c %s "$ref")" ] || fail "$out: $(cat "$out" 2>&1)" ;;
+    *) cmp "$out" "$ref" || fail "$out differs from $ref" ;;
+  esac
+done
 diff <(norm_nbd dyn.map) <(norm_qemu vpc dyn.vhd) || fail "nbdinfo --map differs from qemu-img map of the VHD"
-ok "nbdkit zxblk: nbdcopy and qemu-img compare match qemu-img's reading; the map has the VHD's holes"
+[ "$(wc -l <busy.err)" = 1 ] && grep -q "extent cache .*/c2/sys-snap2 is in use" busy.err || fail "cache in use: $(cat busy.err)"
+ok "nbdkit zxblk client=vm1 disk=sys@1: listed with descriptions; each export and the default read as their images; the map has the VHD's holes; a stats file each; a cache in use refused"
+
+# With store= alone every disk is served by name and as NAME@N, each opened
+# when a client first asks for it (its cache appears then); an unknown name
+# is refused in one line.
+nbdkit_zxblk cache=c3 --run 'for e in sys@0 sys@2 data; do nbdcopy "nbd+unix:///$e?socket=$unixsocket" "all-$e.out"; done &&
+  ls c3 >opened && ! nbdinfo --size "nbd+unix:///nosuch?socket=$unixsocket" 2>/dev/null &&
+  nbdinfo --list --json "$uri" >all.list' 2>all.err || fail "nbdkit zxblk store=vms: a client failed"
+for row in sys@0:chain/snap0.raw sys@2:chain/snap2.raw data:dyn.ref; do
+  cmp "all-${row%%:*}.out" "${row#*:}" || fail "export ${row%%:*} differs from ${row#*:}"
+done
+[ "$(echo $(cat opened))" = "data-snap0 sys-snap0 sys-snap2" ] || fail "opened before the list: $(echo $(cat opened))"
+"$py" -c 'import json, sys; print(*[e["export-name"] for e in json.load(open(sys.argv[1]))["exports"]])' all.list >all.names
+[ "$(cat all.names)" = "sys sys@0 sys@1 data other" ] || fail "nbdinfo --list of store=vms: $(cat all.names)"
+[ "$(wc -l <all.err)" = 1 ] &&
+  grep -q "no export 'nosuch' in store .*/vms: its disks are sys, data, other (NAME@N for snapshot N)$" all.err ||
+  fail "unknown export: '$(cat all.err)'"
+ok "nbdkit zxblk store=vms: NAME and NAME@N of every disk read as their images, each opened on demand; an unknown name refused in one line"
+
+# Mistakes on the command line, each in one line before anything listens.
+for row in "client=vm3|vms: no client named 'vm3'" "disk=sys@5|disk 'sys' has snapshots 0 to 2, not 5" \
+           "disk=sys@x|disk=sys@x: 'x' is not a snapshot number" \
+           "client=vm1 statsfile=f|statsfile= is for a server of one disk; this one serves several"; do
+  # shellcheck disable=SC2086
+  if nbdkit_zxblk ${row%%|*} --run true 2>err; then fail "nbdkit zxblk ${row%%|*} was not refused"; fi
+  [ "$(wc -l <err)" = 1 ] && grep -q -- "${row#*|}" err || fail "nbdkit zxblk ${row%%|*}: '$(cat err)'"
+done
+ok "nbdkit zxblk refused: no such client, no such snapshot, a bad snapshot number, statsfile= with several disks"
 
 # Copying a mostly-empty disk recalls only the extents its blocks hold.
 serve --disk empty --cache c3 --stats empty.stats --run 'nbdcopy "$uri" empty.out' >/dev/null || fail "nbdcopy empty"
