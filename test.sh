@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up, builds with AddressSanitizer and UndefinedBehaviorSanitizer, and
-# runs the whole suite.
+# runs the whole suite; then the fuzz targets (and the lock annotations)
+# with clang, and the tests of what crosses threads under ThreadSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")"
 scripts/setup.sh build-asan -DCMAKE_BUILD_TYPE=Debug -DZXBLK_SANITIZE=ON
@@ -19,3 +20,13 @@ if command -v clang++ >/dev/null 2>&1; then
     { tail -n 50 build-fuzz/build.log; exit 1; }
   scripts/fuzz_smoke.sh build-fuzz
 else echo "skipped: fuzz smoke run and lock annotations (no clang)"; fi
+# Many disks of many stores open at once in one process, read from many
+# threads, and the host's parts that cross threads, under ThreadSanitizer
+# (the whole suite is clean there too: ctest --test-dir build-tsan, README).
+echo "==> ThreadSanitizer: the VMs test, the host and the router in build-tsan"
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DZXBLK_TSAN=ON >build-tsan.configure.log 2>&1 ||
+  { cat build-tsan.configure.log; exit 1; }
+cmake --build build-tsan -j"$(nproc)" --target zxblk nbdkit_zxblk_plugin read_disks make_vhd_chain disk_host_test \
+  service_router_test >build-tsan/build.log 2>&1 || { tail -n 50 build-tsan/build.log; exit 1; }
+TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1} ctest --test-dir build-tsan --output-on-failure -j"$(nproc)" \
+  --timeout 900 -R '^(e2e_vm|DiskHost.*|ServiceRouter.*)$'
