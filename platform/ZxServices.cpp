@@ -135,30 +135,26 @@ uint64_t ServiceRouter::routedId(Route& route, RecordKind kind, uint64_t local) 
     return id;
 }
 
-bool ServiceRouter::openBrowse(const SCParams& params, const std::string& path, std::string& whyNot) {
+std::shared_ptr<ExtentLookupService> ServiceRouter::lookupFor(const std::string& path, std::string& whyNot) {
     std::shared_ptr<ExtentLookupService> service;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         Route* r = routeOfPath(path);
         service = r ? r->lookup.lock() : m_fallback.lookup;
     }
-    if (!service) return whyNot = "no open store holds it", false;
-    return service->open(params, path, whyNot);
+    if (!service) whyNot = "no open store holds it";
+    return service;
+}
+
+bool ServiceRouter::openBrowse(const SCParams& params, const std::string& path, std::string& whyNot) {
+    std::shared_ptr<ExtentLookupService> service = lookupFor(path, whyNot);
+    return service && service->open(params, path, whyNot);
 }
 
 int ServiceRouter::lookup(const SCParams& params, const std::string& path, unsigned long long extent,
                           unsigned long long& first, unsigned long long& second, std::string& whyNot) {
-    std::shared_ptr<ExtentLookupService> service;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        Route* r = routeOfPath(path);
-        service = r ? r->lookup.lock() : m_fallback.lookup;
-    }
-    if (!service) {
-        whyNot = "no open store holds it";
-        return -1;
-    }
-    return service->lookup(params, path, extent, first, second);
+    std::shared_ptr<ExtentLookupService> service = lookupFor(path, whyNot);
+    return service ? service->lookup(params, path, extent, first, second) : -1;
 }
 
 bool ServiceRouter::submit(const RecallJob& job, std::string& whyNot) {
@@ -216,7 +212,7 @@ bool ServiceRouter::recordName(RecordKind kind, uint64_t id, std::string& name) 
     return false;
 }
 
-int ServiceRouter::indexInitialize(const databrowse::BrowseRequest& request, std::string& whyNot) {
+std::shared_ptr<IndexService> ServiceRouter::indexFor(const databrowse::BrowseRequest& request, std::string& whyNot) {
     std::shared_ptr<IndexService> service;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -224,27 +220,19 @@ int ServiceRouter::indexInitialize(const databrowse::BrowseRequest& request, std
         Route* r = reportedClient(request, &client) ? routeOfId(RecordKind::Client, client, &local) : nullptr;
         service = r ? r->index.lock() : m_fallback.index;
     }
-    if (!service) {
-        whyNot = "no index service for the disk's client";
-        return -1;
-    }
-    return service->initialize(request);
+    if (!service) whyNot = "no index service for the disk's client";
+    return service;
+}
+
+int ServiceRouter::indexInitialize(const databrowse::BrowseRequest& request, std::string& whyNot) {
+    std::shared_ptr<IndexService> service = indexFor(request, whyNot);
+    return service ? service->initialize(request) : -1;
 }
 
 int ServiceRouter::indexUpdate(const databrowse::BrowseRequest& browse, const Indexing::IdxLiveUpdateReq& update,
                                databrowse::BrowseResponse& response, std::string& whyNot) {
-    std::shared_ptr<IndexService> service;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        uint64_t client = 0, local = 0;
-        Route* r = reportedClient(browse, &client) ? routeOfId(RecordKind::Client, client, &local) : nullptr;
-        service = r ? r->index.lock() : m_fallback.index;
-    }
-    if (!service) {
-        whyNot = "no index service for the disk's client";
-        return -1;
-    }
-    return service->update(browse, update, response);
+    std::shared_ptr<IndexService> service = indexFor(browse, whyNot);
+    return service ? service->update(browse, update, response) : -1;
 }
 
 }  // namespace zxblk

@@ -189,6 +189,9 @@ private:
     Route* routeOfPath(const std::string& path);
     Route* routeOfId(RecordKind kind, uint64_t id, uint64_t* local);
     uint64_t routedId(Route& route, RecordKind kind, uint64_t local);
+    // The services a call goes to; null, with why, when none answers.
+    std::shared_ptr<ExtentLookupService> lookupFor(const std::string& path, std::string& whyNot);
+    std::shared_ptr<IndexService> indexFor(const databrowse::BrowseRequest& request, std::string& whyNot);
 
     std::mutex m_mutex;
     unsigned m_nextRoute = 1;

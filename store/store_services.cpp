@@ -83,15 +83,17 @@ void StoreServices::forget(const void* context) {
         }
         m_queueCond.wait(lock, [&] { return !m_running.count(context); });
     }
-    // Every accepted recall hears back, also one that never ran.
-    for (RecallJob& job : dropped) {
-        DMRestoreCompleted_t done;
-        done.requestId = job.requestId;
-        done.status = -1;
-        done.error = "the recall was cancelled: its disk was closed";
-        ++m_jobs, ++m_failures;
-        job.callback(job.context, &done);
-    }
+    for (RecallJob& job : dropped) cancel(job, "the recall was cancelled: its disk was closed");
+}
+
+// Every accepted recall hears back, also one that never ran.
+void StoreServices::cancel(const RecallJob& job, const std::string& why) {
+    DMRestoreCompleted_t done;
+    done.requestId = job.requestId;
+    done.status = -1;
+    done.error = why;
+    ++m_jobs, ++m_failures;
+    job.callback(job.context, &done);
 }
 
 RestoreStats StoreServices::stats() const {
@@ -246,14 +248,8 @@ void StoreServices::work() {
             job = std::move(m_queue.front());
             m_queue.pop_front();
             if (m_stopping) {
-                // Every accepted recall hears back, also one that never ran.
                 lock.unlock();
-                DMRestoreCompleted_t done;
-                done.requestId = job.requestId;
-                done.status = -1;
-                done.error = "the restore service stopped before the recall ran";
-                ++m_jobs, ++m_failures;
-                job.callback(job.context, &done);
+                cancel(job, "the restore service stopped before the recall ran");
                 continue;
             }
             ++m_running[job.context];

@@ -102,6 +102,8 @@ private:
     std::string localPath(const std::string& routed) const;
     void work();
     void run(const RecallJob& job);
+    // Completes a recall that will not run with an error.
+    void cancel(const RecallJob& job, const std::string& why);
     // Streams one copy extent into the job's target; returns "" or why not.
     std::string stream(const RecallJob& job, uint64_t& bytes);
     void noteFailure(const std::string& extentPath, const StoreError& cause);
