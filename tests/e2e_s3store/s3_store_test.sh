@@ -23,18 +23,9 @@ fail() { echo "FAIL: $*"; exit 1; }
 ok() { echo "ok: $*"; }
 t() { timeout 120 "$@"; }
 cd "$work"
-rc=0
-"$s3/ceph_up.sh" ceph >up.log 2>&1 || rc=$?
-[ $rc = 77 ] && { cat up.log; exit 77; }
-[ $rc = 0 ] || { cat up.log; fail "ceph_up.sh: exit $rc"; }
-set -a
-. ceph/env
-set +a
-unset AWS_PROFILE AWS_SESSION_TOKEN AWS_DEFAULT_REGION
-export AWS_SHARED_CREDENTIALS_FILE=$work/none AWS_CONFIG_FILE=$work/none XDG_CACHE_HOME=$work/xdg
-curl_s3() { curl -sS --fail-with-body --aws-sigv4 "aws:amz:$AWS_REGION:s3" --user "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY" \
-  -H "x-amz-content-sha256: UNSIGNED-PAYLOAD" "$@"; }
-curl_s3 -X PUT "$AWS_ENDPOINT_URL/bkt" >/dev/null
+. "$s3/ceph_env.sh"
+export XDG_CACHE_HOME=$work/xdg
+make_bucket bkt
 store=s3://bkt/backups/site1
 stat_of() { awk -v k="$2" '$1 == k { print $2 }' "$1"; }
 

@@ -52,17 +52,8 @@ imp "$store" web01 data data/snap0.vhd data/snap1.vhd data/snap2.vhd
 imp "$store" web01 logs logs.vhd
 
 # db01 on S3: a chain of two and a dynamic VHD.
-rc=0
-"$s3/ceph_up.sh" ceph >up.log 2>&1 || rc=$?
-[ $rc = 77 ] && { cat up.log; exit 77; }
-[ $rc = 0 ] || { cat up.log; fail "ceph_up.sh: exit $rc"; }
-set -a
-. ceph/env
-set +a
-unset AWS_PROFILE AWS_SESSION_TOKEN AWS_DEFAULT_REGION
-export AWS_SHARED_CREDENTIALS_FILE=$work/none AWS_CONFIG_FILE=$work/none
-curl -sS --fail-with-body --aws-sigv4 "aws:amz:$AWS_REGION:s3" --user "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY" \
-  -H "x-amz-content-sha256: UNSIGNED-PAYLOAD" -X PUT "$AWS_ENDPOINT_URL/vms" >/dev/null
+. "$s3/ceph_env.sh"
+make_bucket vms
 remote=s3://vms/site1
 "$chain" db $((16 * 1048576)) 1048576 1 23 >/dev/null
 head -c 3M /dev/urandom >dblog.raw
