@@ -70,10 +70,10 @@ int main(int argc, char** argv) {
     }
     std::vector<Job> jobs(static_cast<size_t>(argc - 2));
     for (size_t i = 0; i < jobs.size(); ++i) {
-        std::istringstream spec(argv[i + 2]);
+        std::istringstream fields(argv[i + 2]);
         std::string snapshot;
-        std::getline(spec, jobs[i].store, ','), std::getline(spec, jobs[i].disk, ',');
-        std::getline(spec, snapshot, ','), std::getline(spec, jobs[i].reference);
+        std::getline(fields, jobs[i].store, ','), std::getline(fields, jobs[i].disk, ',');
+        std::getline(fields, snapshot, ','), std::getline(fields, jobs[i].reference);
         jobs[i].snapshot = std::stoi(snapshot);
     }
     try {
