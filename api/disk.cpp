@@ -1,7 +1,4 @@
 // A disk, as a program reads it: each call a thin layer over DiskHost.
-#include <map>
-#include <sstream>
-
 #include "api/api_internal.h"
 #include "platform/ZXPlatformInfo.h"
 
@@ -147,33 +144,29 @@ std::string Disk::statsText() {
     return guarded([&] { return m_impl->host->statsText(); });
 }
 
-// The host's statistics text is the one account of them; the structure is
-// read from it.
 DiskStats Disk::stats() {
-    std::map<std::string, uint64_t> v;
-    std::istringstream in(statsText());
-    std::string key;
-    uint64_t value;
-    while (in >> key >> value) v[key] = value;
-    DiskStats s;
-    s.extentsRecalled = v["extents_recalled"];
-    s.bytesRecalled = v["bytes_recalled"];
-    s.extentsReadAhead = v["extents_read_ahead"];
-    s.readErrors = v["read_errors"];
-    s.evictions = v["evictions"];
-    s.cacheExtents = v["cache_extents"];
-    s.cacheBytes = v["cache_bytes"];
-    s.cacheLimit = v["cache_limit"];
-    s.restoreJobs = v["restore_jobs"];
-    s.restoreFailures = v["restore_failures"];
-    s.restoreBytes = v["restore_bytes"];
-    s.mountComplete = v["mount_complete"] != 0;
-    s.metadataPhase = v["metadata_phase"] != 0;
-    s.remote = v.count("store_gets") != 0;
-    s.storeGets = v["store_gets"];
-    s.storeGetBytes = v["store_get_bytes"];
-    s.storeRetries = v["store_retries"];
-    return s;
+    return guarded([&] {
+        HostStats h = m_impl->host->stats();
+        DiskStats s;
+        s.extentsRecalled = h.extentsRecalled;
+        s.bytesRecalled = h.bytesRecalled;
+        s.extentsReadAhead = h.readaheads;
+        s.readErrors = h.readErrors;
+        s.evictions = h.evictions;
+        s.cacheExtents = h.cacheExtents;
+        s.cacheBytes = h.cacheBytes;
+        s.cacheLimit = h.cacheLimit;
+        s.restoreJobs = h.restore.jobs;
+        s.restoreFailures = h.restore.failures;
+        s.restoreBytes = h.restore.bytes;
+        s.mountComplete = h.mountComplete;
+        s.metadataPhase = h.metadataPhase;
+        s.remote = h.remote;
+        s.storeGets = h.storage.gets;
+        s.storeGetBytes = h.storage.getBytes;
+        s.storeRetries = h.storage.retries;
+        return s;
+    });
 }
 
 LocalExtent::LocalExtent(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}

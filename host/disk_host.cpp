@@ -32,8 +32,9 @@ DiskHost::DiskHost(std::shared_ptr<StoreServices> services, const HostOptions& o
     const unsigned long long E = static_cast<unsigned long long>(m_extentSize);
     m_extentCount = (m_size + E - 1) / E;
     if (options.cacheLimit && options.cacheLimit < E)
-        throw StoreError("a cache limit of " + std::to_string(options.cacheLimit) + " bytes holds no extent of disk '" +
-                         options.disk + "' (" + std::to_string(E) + " bytes each)");
+        throw StoreError(ErrorKind::invalidArgument, "a cache limit of " + std::to_string(options.cacheLimit) +
+                                                         " bytes holds no extent of disk '" + options.disk + "' (" +
+                                                         std::to_string(E) + " bytes each)");
 
     CacheIdentity identity;
     identity.store = storeDir;
@@ -103,8 +104,9 @@ void DiskHost::prefetch(std::vector<uint64_t> extents) { m_readahead->prefetch(s
 // between its move-in and its opening.
 std::unique_ptr<ExtentHandle> DiskHost::acquire(uint64_t extent) {
     if (extent >= m_extentCount)
-        throw StoreError("extent " + std::to_string(extent) + " is past the end of disk " + m_diskName + " (" +
-                         std::to_string(m_extentCount) + " extents)");
+        throw StoreError(ErrorKind::invalidArgument, "extent " + std::to_string(extent) + " is past the end of disk " +
+                                                         m_diskName + " (" + std::to_string(m_extentCount) +
+                                                         " extents)");
     std::shared_ptr<ExtentFile> file = m_cache->pinAndOpen(extent);
     try {
         if (!file) {
@@ -151,6 +153,16 @@ HostStats DiskHost::stats() const {
     h.readErrors = p.readErrors;
     h.evictions = m_cache->evictions();
     h.readaheads = m_readahead->recalled();
+    h.cacheExtents = m_cache->count();
+    h.cacheBytes = m_cache->usedBytes();
+    h.cacheLimit = m_cache->capacity();
+    h.restore = m_services->stats();
+    h.mountComplete = p.mountComplete;
+    h.metadataPhase = p.metadataPhase;
+    // What the store's object storage was asked for: the bytes a recall
+    // fetched from S3, not the disk's.
+    h.remote = m_services->storage().remote();
+    if (h.remote) h.storage = m_services->storage().stats();
     return h;
 }
 
@@ -158,10 +170,8 @@ std::string DiskHost::markMountComplete() { return m_pool->markMountComplete(); 
 std::string DiskHost::beginMetadata() { return m_pool->beginMetadata(); }
 std::string DiskHost::endMetadata() { return m_pool->endMetadata(); }
 
-std::string DiskHost::statsText() {
+std::string DiskHost::statsText() const {
     HostStats h = stats();
-    PoolStats p = m_pool->stats();
-    RestoreStats r = m_services->stats();
     std::string out;
     auto line = [&](const char* key, unsigned long long v) { out += std::string(key) + " " + std::to_string(v) + "\n"; };
     line("disk_bytes", m_size);
@@ -171,22 +181,18 @@ std::string DiskHost::statsText() {
     line("extents_read_ahead", h.readaheads);
     line("read_errors", h.readErrors);
     line("evictions", h.evictions);
-    line("cache_extents", m_cache->count());
-    line("cache_bytes", m_cache->usedBytes());
-    line("cache_limit", m_cache->capacity());
-    line("restore_jobs", r.jobs);
-    line("restore_failures", r.failures);
-    line("restore_bytes", r.bytes);
-    line("mount_complete", p.mountComplete);
-    line("metadata_phase", p.metadataPhase);
-    // What the store's object storage was asked for: the bytes a recall
-    // fetched from S3, not the disk's.
-    const Storage& storage = m_services->storage();
-    if (storage.remote()) {
-        StorageStats s = storage.stats();
-        line("store_gets", s.gets);
-        line("store_get_bytes", s.getBytes);
-        line("store_retries", s.retries);
+    line("cache_extents", h.cacheExtents);
+    line("cache_bytes", h.cacheBytes);
+    line("cache_limit", h.cacheLimit);
+    line("restore_jobs", h.restore.jobs);
+    line("restore_failures", h.restore.failures);
+    line("restore_bytes", h.restore.bytes);
+    line("mount_complete", h.mountComplete);
+    line("metadata_phase", h.metadataPhase);
+    if (h.remote) {
+        line("store_gets", h.storage.gets);
+        line("store_get_bytes", h.storage.getBytes);
+        line("store_retries", h.storage.retries);
     }
     return out;
 }

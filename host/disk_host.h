@@ -54,6 +54,11 @@ struct HostStats {
     uint64_t evictions = 0;        // extents dropped from the cache to make room
     uint64_t readErrors = 0;
     uint64_t readaheads = 0;       // extents recalled ahead of a reader
+    uint64_t cacheExtents = 0, cacheBytes = 0, cacheLimit = 0;
+    RestoreStats restore;  // the store's restore service, shared with its other disks
+    bool mountComplete = false, metadataPhase = false;
+    bool remote = false;  // a store on S3: what its objects were asked for
+    StorageStats storage;
 };
 
 class DiskPool;
@@ -119,9 +124,8 @@ public:
     // Drops one extent from the cache (unless a read is using it).
     void forget(uint64_t extent);
     HostStats stats() const;
-    // "key value" lines: the disk, what was recalled, the cache, the
-    // restore service and the phases.
-    std::string statsText();
+    // The same as "key value" lines.
+    std::string statsText() const;
 
     // The mount and metadata phases of the disk; each returns "" or why the
     // index could not be told.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "platform/FXErrorUtil.h"
 #include "store/store_error.h"
 #include "vhd/ZxBlkVhd.h"
 
@@ -96,7 +97,7 @@ std::string DiskPool::eachDisk(F apply) {
     for (auto& slot : m_slots) {
         MutexLock lock(slot->mutex);
         CUxError e = apply(*slot->disk);
-        if (e.IsError() && error.empty()) error = e.AsString();
+        if (e.IsError() && error.empty()) error = FXErrorUtil::Messages(e);
     }
     return error;
 }

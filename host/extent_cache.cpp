@@ -103,9 +103,9 @@ void ExtentCache::lockFolder() {
             if (::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
                 CacheHolder h = readLockNote(m_lock.get());
                 m_lock.reset();
-                throw StoreError("the extent cache " + m_dir + " is in use by another zxblk process" +
-                                 (h.pid > 0 ? " (" + h.describe() + ")" : std::string()) +
-                                 "; give this command a cache of its own with --cache DIR");
+                throw StoreError(ErrorKind::busy, "the extent cache " + m_dir + " is in use by another zxblk process" +
+                                                      (h.pid > 0 ? " (" + h.describe() + ")" : std::string()) +
+                                                      "; give this command a cache of its own with --cache DIR");
             }
             // A cache removed while this process waited for it: its lock
             // went with it.

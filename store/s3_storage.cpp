@@ -12,10 +12,11 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
-#include <mutex>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <list>
+#include <mutex>
 #include <random>
 #include <thread>
 
@@ -122,14 +123,15 @@ public:
     }
 
     // One PUT replaces an object whole: a reader gets the old or the new.
-    void replace(const std::string& name, const std::string& data,
-                 const std::function<void()>& beforeReplace) const override {
-        if (beforeReplace) beforeReplace();
+    void replace(const std::string& name, const std::string& data) const override {
         m_client->putObject(key(name), data);
     }
 
-    std::string upload(const std::string& name, const std::string& path,
-                       const std::function<void(uint64_t)>& progress) const override {
+    std::unique_ptr<Staging> stage() const override;
+
+    // Stores the local file `path` under `name`, in parts, several in flight,
+    // with nothing left behind when it fails; returns its ETag.
+    std::string upload(const std::string& name, const std::string& path) const {
         int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd < 0) throw StoreError(path + ": " + std::strerror(errno));
         struct stat st;
@@ -144,7 +146,6 @@ public:
             throw;
         }
         ::close(fd);
-        if (progress) progress(static_cast<uint64_t>(st.st_size));
         S3ObjectInfo info = m_client->head(key(name));
         if (!info.exists || info.size != static_cast<uint64_t>(st.st_size))
             throw StoreError(describe(name) + ": not there as uploaded (" + std::to_string(info.size) + " bytes)");
@@ -259,6 +260,55 @@ private:
     S3Location m_where;
     std::shared_ptr<S3Client> m_client;
 };
+
+// An import's new objects are written to a local temporary folder
+// ($TMPDIR, which needs room for them) and uploaded; a failed import
+// removes what it uploaded.
+class S3Staging : public Storage::Staging {
+public:
+    explicit S3Staging(const S3Storage& storage) : m_storage(storage) {
+        const char* tmp = std::getenv("TMPDIR");
+        m_dir = std::string(tmp && *tmp ? tmp : "/tmp") + "/zxblk-import-XXXXXX";
+        if (!::mkdtemp(&m_dir[0])) throw StoreError(m_dir + ": " + std::strerror(errno));
+    }
+    ~S3Staging() override {
+        std::error_code ec;
+        std::filesystem::remove_all(m_dir, ec);
+        if (m_kept) return;
+        for (const std::string& name : m_published) {
+            try {
+                m_storage.remove(name);
+            } catch (const StoreError&) {
+                // Not named by any catalog: the next import removes it.
+            }
+        }
+    }
+    std::string pathFor(const std::string& name) override {
+        std::string p = m_dir + "/" + name;
+        std::error_code ec;
+        std::filesystem::create_directories(std::filesystem::path(p).parent_path(), ec);
+        if (ec) throw StoreError(p + ": " + ec.message());
+        return p;
+    }
+    std::string publish(const std::string& name) override {
+        if (m_storage.stat(name).exists)
+            throw StoreError(m_storage.describe(name) + ": already exists, named by the catalog for another snapshot");
+        std::string etag = m_storage.upload(name, m_dir + "/" + name);
+        m_published.push_back(name);
+        ::unlink((m_dir + "/" + name).c_str());  // the local copy is no longer needed
+        return etag;
+    }
+    void commit() override {}
+    void keep() override { m_kept = true; }
+
+private:
+    const S3Storage& m_storage;
+    std::string m_dir;
+    bool m_kept = false;
+    std::vector<std::string> m_published;
+};
+
+std::unique_ptr<Storage::Staging> S3Storage::stage() const { return std::unique_ptr<Staging>(new S3Staging(*this)); }
 
 }  // namespace
 

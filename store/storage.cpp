@@ -133,52 +133,6 @@ private:
     std::vector<std::string> m_madeFolders, m_written, m_published;
 };
 
-// Elsewhere new objects are written to a local temporary folder and
-// uploaded; a failed import removes what it uploaded.
-class UploadStaging : public Storage::Staging {
-public:
-    explicit UploadStaging(const Storage& storage) : m_storage(storage) {
-        const char* tmp = std::getenv("TMPDIR");
-        m_dir = std::string(tmp && *tmp ? tmp : "/tmp") + "/zxblk-import-XXXXXX";
-        if (!::mkdtemp(&m_dir[0])) throw StoreError(errnoText(m_dir));
-    }
-    ~UploadStaging() override {
-        std::error_code ec;
-        std::filesystem::remove_all(m_dir, ec);
-        if (m_kept) return;
-        for (const std::string& name : m_published) {
-            try {
-                m_storage.remove(name);
-            } catch (const StoreError&) {
-                // Not named by any catalog: the next import removes it.
-            }
-        }
-    }
-    std::string pathFor(const std::string& name) override {
-        std::string p = m_dir + "/" + name;
-        std::error_code ec;
-        std::filesystem::create_directories(std::filesystem::path(p).parent_path(), ec);
-        if (ec) throw StoreError(p + ": " + ec.message());
-        return p;
-    }
-    std::string publish(const std::string& name) override {
-        if (m_storage.stat(name).exists)
-            throw StoreError(m_storage.describe(name) + ": already exists, named by the catalog for another snapshot");
-        std::string etag = m_storage.upload(name, m_dir + "/" + name);
-        m_published.push_back(name);
-        ::unlink((m_dir + "/" + name).c_str());  // the local copy is no longer needed
-        return etag;
-    }
-    void commit() override {}
-    void keep() override { m_kept = true; }
-
-private:
-    const Storage& m_storage;
-    std::string m_dir;
-    bool m_kept = false;
-    std::vector<std::string> m_published;
-};
-
 class FolderStorage : public Storage {
 public:
     explicit FolderStorage(const std::string& dir) : Storage(dir) {}
@@ -220,8 +174,7 @@ public:
         return true;
     }
 
-    void replace(const std::string& name, const std::string& data,
-                 const std::function<void()>& beforeReplace) const override {
+    void replace(const std::string& name, const std::string& data) const override {
         std::string p = path(name), temp = p + ".new";
         int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         if (fd < 0) throw StoreError(errnoText(temp + ": cannot write"));
@@ -234,23 +187,12 @@ public:
             throw;
         }
         ::close(fd);
-        if (beforeReplace) beforeReplace();
         if (::rename(temp.c_str(), p.c_str()) != 0) {
             int err = errno;
             ::unlink(temp.c_str());
             throw StoreError(errnoText(p + ": cannot replace", err));
         }
         fsyncPath(location(), O_RDONLY | O_DIRECTORY);
-    }
-
-    // The importer writes a folder's files in place itself: it renames them
-    // into the store with the catalog.
-    std::string upload(const std::string& name, const std::string& from,
-                       const std::function<void(uint64_t)>&) const override {
-        std::error_code ec;
-        std::filesystem::copy_file(from, path(name), std::filesystem::copy_options::overwrite_existing, ec);
-        if (ec) throw StoreError(path(name) + ": " + ec.message());
-        return std::string();
     }
 
     void remove(const std::string& name) const override {
@@ -323,8 +265,6 @@ std::shared_ptr<Storage> openStorage(const std::string& location, const std::sha
 }
 
 std::string Storage::identity(const std::string& name) const { return stat(name).exists ? name : std::string(); }
-
-std::unique_ptr<Storage::Staging> Storage::stage() const { return std::unique_ptr<Staging>(new UploadStaging(*this)); }
 
 std::string Storage::describe(const std::string& name) const {
     return m_location + (m_location.empty() || m_location.back() == '/' ? "" : "/") + name;

@@ -83,13 +83,7 @@ public:
     virtual std::string identity(const std::string& name) const;
     // Creates or replaces the object whole: a reader sees the old bytes or
     // the new ones, never a mix.
-    virtual void replace(const std::string& name, const std::string& data,
-                         const std::function<void()>& beforeReplace = nullptr) const = 0;
-    // Stores the local file `path` under `name` (on S3 in parts, several in
-    // flight, with nothing left behind when it fails); returns its ETag ("" for
-    // a folder). `progress` gets the bytes stored so far.
-    virtual std::string upload(const std::string& name, const std::string& path,
-                               const std::function<void(uint64_t)>& progress = nullptr) const = 0;
+    virtual void replace(const std::string& name, const std::string& data) const = 0;
     virtual void remove(const std::string& name) const = 0;
     // Every object name under the prefix.
     virtual std::vector<std::string> list(const std::string& prefix) const = 0;
@@ -115,9 +109,8 @@ public:
         virtual void keep() = 0;
     };
     // Makes the store's place where it is missing (a folder and its
-    // subfolders); throws StoreError. By default the files are written in
-    // a local temporary folder and uploaded.
-    virtual std::unique_ptr<Staging> stage() const;
+    // subfolders); throws StoreError.
+    virtual std::unique_ptr<Staging> stage() const = 0;
 
     // Held while the catalog is read, changed and replaced, so that two
     // writers never lose each other's snapshots.

@@ -37,12 +37,14 @@ void CrashingStorage::at(const char* step) const {
     if (m_step == step) ::_exit(9);
 }
 
-void CrashingStorage::replace(const std::string& name, const std::string& data,
-                              const std::function<void()>& beforeReplace) const {
-    m_inner->replace(name, data, [&] {
-        if (beforeReplace) beforeReplace();
+// "catalog-written" leaves the new catalog beside the old one, unrenamed,
+// as a process killed between the two would.
+void CrashingStorage::replace(const std::string& name, const std::string& data) const {
+    if (m_step == "catalog-written") {
+        m_inner->replace(name + ".new", data);
         at("catalog-written");
-    });
+    }
+    m_inner->replace(name, data);
     at("saved");
 }
 

@@ -25,12 +25,7 @@ public:
         return m_inner->readWhole(name, most, out);
     }
     std::string identity(const std::string& name) const override { return m_inner->identity(name); }
-    void replace(const std::string& name, const std::string& data,
-                 const std::function<void()>& beforeReplace) const override;
-    std::string upload(const std::string& name, const std::string& path,
-                       const std::function<void(uint64_t)>& progress) const override {
-        return m_inner->upload(name, path, progress);
-    }
+    void replace(const std::string& name, const std::string& data) const override;
     void remove(const std::string& name) const override { m_inner->remove(name); }
     std::vector<std::string> list(const std::string& prefix) const override { return m_inner->list(prefix); }
     zxblk::StorageStats stats() const override { return m_inner->stats(); }
