@@ -31,7 +31,7 @@ namespace {
 struct Reader {
     std::string file;
     [[noreturn]] void fail(const std::string& field, const std::string& why) const {
-        throw StoreError(file + ": " + field + ": " + why);
+        throw StoreError(ErrorKind::corruption, file + ": " + field + ": " + why);
     }
     const json& member(const json& obj, const std::string& key, const std::string& where) const {
         if (!obj.is_object() || !obj.contains(key)) fail(where + key, "missing");

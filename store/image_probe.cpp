@@ -94,8 +94,9 @@ VhdImage openImage(const std::string& path, ImportFormat format) {
     // The reader says what is wrong with a file that is not a regular one,
     // or whose footer cookie is there but whose footer is not sound.
     if (!p.regular || p.vhd) return VhdImage::open(path);
-    if (p.other) throw StoreError(path + " is " + p.other->name + "; " + p.other->advice);
-    throw StoreError(path + " is not a VHD image (no footer); to import a raw disk image give --format raw");
+    if (p.other) throw StoreError(ErrorKind::invalidArgument, path + " is " + p.other->name + "; " + p.other->advice);
+    throw StoreError(ErrorKind::invalidArgument,
+                     path + " is not a VHD image (no footer); to import a raw disk image give --format raw");
 }
 
 }  // namespace zxblk

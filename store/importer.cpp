@@ -60,19 +60,23 @@ void checkChain(const Catalog& catalog, const std::string& diskName, const std::
         const VhdImage& img = opened[i];
         bool first = noSnapshots && i == 0;
         if (img.virtualSize() != size)
-            throw StoreError(img.path() + ": current size: " + std::to_string(img.virtualSize()) + " bytes, but the disk has " +
-                             std::to_string(size));
+            throw StoreError(ErrorKind::invalidArgument, img.path() +
+                                                             ": current size: " + std::to_string(img.virtualSize()) +
+                                                             " bytes, but the disk has " + std::to_string(size));
         if (first && img.kind() == ImageKind::Differencing)
-            throw StoreError(img.path() + ": a differencing image needs its parent imported first (parent " +
-                             uniqueIdText(img.parentUniqueId()) + ")");
+            throw StoreError(ErrorKind::invalidArgument,
+                             img.path() + ": a differencing image needs its parent imported first (parent " +
+                                 uniqueIdText(img.parentUniqueId()) + ")");
         if (!first && img.kind() != ImageKind::Differencing)
-            throw StoreError(img.path() + ": a newer snapshot of disk " + diskName + " must be a differencing VHD, not a " +
-                             kindName(img.kind()));
+            throw StoreError(ErrorKind::invalidArgument, img.path() + ": a newer snapshot of disk " + diskName +
+                                                             " must be a differencing VHD, not a " +
+                                                             kindName(img.kind()));
         if (!first && uniqueIdText(img.parentUniqueId()) != previousId)
-            throw StoreError(img.path() + ": parent unique id: " + uniqueIdText(img.parentUniqueId()) +
-                             " is not the previous snapshot's " + previousId);
+            throw StoreError(ErrorKind::invalidArgument,
+                             img.path() + ": parent unique id: " + uniqueIdText(img.parentUniqueId()) +
+                                 " is not the previous snapshot's " + previousId);
         if (img.kind() != ImageKind::Raw && img.kind() != ImageKind::Fixed && img.blockSize() < 512)
-            throw StoreError(img.path() + ": block size: too small");
+            throw StoreError(ErrorKind::invalidArgument, img.path() + ": block size: too small");
         previousId = img.kind() == ImageKind::Raw ? "" : uniqueIdText(img.uniqueId());
     }
 }
@@ -199,10 +203,13 @@ std::vector<std::string> importLocked(const Storage& storage, Storage::Staging& 
 
 std::vector<std::string> importImages(const Storage& storage, const std::string& diskName,
                                       const std::vector<std::string>& images, const ImportSettings& options) {
-    if (!validName(diskName)) throw StoreError("disk name '" + diskName + "': use letters, digits, '-', '_' and '.'");
-    if (images.empty()) throw StoreError("no images to import");
+    if (!validName(diskName))
+        throw StoreError(ErrorKind::invalidArgument,
+                         "disk name '" + diskName + "': use letters, digits, '-', '_' and '.'");
+    if (images.empty()) throw StoreError(ErrorKind::invalidArgument, "no images to import");
     if (options.extentSize < 65536 || options.extentSize > (2 << 20) || (options.extentSize & (options.extentSize - 1)))
-        throw StoreError("extent size " + std::to_string(options.extentSize) + ": not a power of two from 64 KiB to 2 MiB");
+        throw StoreError(ErrorKind::invalidArgument, "extent size " + std::to_string(options.extentSize) +
+                                                         ": not a power of two from 64 KiB to 2 MiB");
     // Every image is checked on its own before anything is made.
     std::vector<VhdImage> opened;
     for (const std::string& path : images) opened.push_back(openImage(path, options.format));

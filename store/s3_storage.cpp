@@ -99,10 +99,10 @@ public:
 
     std::unique_ptr<ObjectReader> openReader(const std::string& name, const std::string& expectedEtag) const override {
         S3ObjectInfo info = m_client->head(key(name));
-        if (!info.exists) throw StoreError(describe(name) + ": no such object");
+        if (!info.exists) throw StoreError(ErrorKind::notFound, describe(name) + ": no such object");
         if (!expectedEtag.empty() && info.etag != expectedEtag)
-            throw StoreError(describe(name) + ": ETag: the catalog records " + expectedEtag + ", the object has " +
-                             info.etag + " (replaced after import?)");
+            throw StoreError(ErrorKind::corruption, describe(name) + ": ETag: the catalog records " + expectedEtag +
+                                                        ", the object has " + info.etag + " (replaced after import?)");
         return std::unique_ptr<ObjectReader>(new S3Reader(m_client, key(name), describe(name), info));
     }
 
@@ -201,8 +201,9 @@ public:
                     continue;
                 }
                 if (std::chrono::steady_clock::now() >= giveUp)
-                    throw StoreError(s.describe(kLockName) + ": the store is being changed by " +
-                                     (holder.empty() ? std::string("another writer") : holder) + "; try again later");
+                    throw StoreError(ErrorKind::busy, s.describe(kLockName) + ": the store is being changed by " +
+                                                          (holder.empty() ? std::string("another writer") : holder) +
+                                                          "; try again later");
                 std::this_thread::sleep_for(pause + std::chrono::milliseconds(jitter() % 100));
             }
         }

@@ -66,7 +66,8 @@ void checkAgainstRecord(const VhdImage& img, const DiskRecord& disk, size_t inde
     const CopyRecord& copy = disk.copies[index];
     auto mismatch = [&](const char* field, const std::string& recorded, const std::string& found) {
         if (recorded != found)
-            throw StoreError(img.path() + ": " + field + ": the catalog records " + recorded + ", the file has " + found);
+            throw StoreError(ErrorKind::corruption, img.path() + ": " + field + ": the catalog records " + recorded +
+                                                        ", the file has " + found);
     };
     if (copy.type != kTypeRaw) {  // a raw file has no footer: its size is all there is to check
         mismatch("disk type", "type " + std::to_string(copy.type), "type " + std::to_string(typeCode(img.kind())));
@@ -92,14 +93,18 @@ std::shared_ptr<const BlockSums> loadBlockSums(const Storage& storage, const Cop
     if (!storage.readWhole(copy.sums, most, bytes)) throw StoreError(ErrorKind::notFound, path + ": " + std::strerror(ENOENT));
     std::string found = sumText(xxh3(bytes.data(), bytes.size()));
     if (found != copy.sumsChecksum)
-        throw StoreError(path + ": checksum: the catalog records " + copy.sumsChecksum + ", the file has " + found);
+        throw StoreError(ErrorKind::corruption,
+                         path + ": checksum: the catalog records " + copy.sumsChecksum + ", the file has " + found);
     auto sums = std::make_shared<BlockSums>(BlockSums::parse(bytes, path));
     std::string base = copy.file.substr(copy.file.rfind('/') + 1);
-    if (sums->fileName != base) throw StoreError(path + ": file name: holds the checksums of " + sums->fileName + ", not " + base);
+    if (sums->fileName != base)
+        throw StoreError(ErrorKind::corruption,
+                         path + ": file name: holds the checksums of " + sums->fileName + ", not " + base);
     if (sums->unitBytes != img.sumUnitBytes() || sums->units != img.sumUnits())
-        throw StoreError(path + ": block size: " + std::to_string(sums->units) + " blocks of " +
-                         std::to_string(sums->unitBytes) + " bytes, but " + img.path() + " has " +
-                         std::to_string(img.sumUnits()) + " of " + std::to_string(img.sumUnitBytes()));
+        throw StoreError(ErrorKind::corruption, path + ": block size: " + std::to_string(sums->units) + " blocks of " +
+                                                    std::to_string(sums->unitBytes) + " bytes, but " + img.path() +
+                                                    " has " + std::to_string(img.sumUnits()) + " of " +
+                                                    std::to_string(img.sumUnitBytes()));
     return sums;
 }
 

@@ -24,7 +24,7 @@ class LocalFile : public ObjectReader {
 public:
     explicit LocalFile(const std::string& path) : m_path(path) {
         m_fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (m_fd < 0) throw StoreError(errnoText(path));
+        if (m_fd < 0) throw StoreError(errno == ENOENT ? ErrorKind::notFound : ErrorKind::io, errnoText(path));
         struct stat st;
         if (::fstat(m_fd, &st) != 0 || !S_ISREG(st.st_mode)) {
             ::close(m_fd);

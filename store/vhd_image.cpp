@@ -80,7 +80,7 @@ std::string uniqueIdText(const UniqueId& id) {
 }
 
 void VhdImage::fail(const std::string& field, const std::string& why) const {
-    throw StoreError(m_path + ": " + field + ": " + why);
+    throw StoreError(ErrorKind::corruption, m_path + ": " + field + ": " + why);
 }
 
 VhdImage::VhdImage(VhdImage&& o) noexcept { *this = std::move(o); }
@@ -398,7 +398,9 @@ std::string BlockSums::serialize() const {
 }
 
 BlockSums BlockSums::parse(const std::string& bytes, const std::string& source) {
-    auto fail = [&](const std::string& field, const std::string& why) { throw StoreError(source + ": " + field + ": " + why); };
+    auto fail = [&](const std::string& field, const std::string& why) {
+        throw StoreError(ErrorKind::corruption, source + ": " + field + ": " + why);
+    };
     const uint8_t* p = reinterpret_cast<const uint8_t*>(bytes.data());
     if (bytes.size() < kSumsHeader || std::memcmp(p, "ZXBLKSUM", 8) != 0) fail("header", "not a checksum file");
     if (getLe(p + 8, 4) != kVersion) fail("version", std::to_string(getLe(p + 8, 4)) + " is not " + std::to_string(kVersion));
@@ -527,7 +529,7 @@ void VhdImage::attachSums(std::shared_ptr<const BlockSums> sums, std::string err
 }
 
 void VhdImage::readVerified(const Piece& piece, uint8_t* into) const {
-    if (!m_sumsError.empty()) throw StoreError(m_sumsError);
+    if (!m_sumsError.empty()) throw StoreError(ErrorKind::corruption, m_sumsError);
     if (!m_sums) return readAt(static_cast<uint64_t>(piece.fileOffset), into, piece.length);
     const uint64_t unitBytes = sumUnitBytes(), end = piece.virtualOffset + piece.length;
     for (uint64_t at = piece.virtualOffset; at < end;) {
@@ -550,7 +552,7 @@ void VhdImage::readVerified(const Piece& piece, uint8_t* into) const {
         }
         std::string why;
         if (!checkUnit(*m_sums, unit, why, within, n, to))
-            throw StoreError(m_path + ": block " + std::to_string(unit) + ": " + why);
+            throw StoreError(ErrorKind::corruption, m_path + ": block " + std::to_string(unit) + ": " + why);
         m_verified[index / 64].fetch_or(bit, std::memory_order_release);
     }
 }

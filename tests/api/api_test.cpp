@@ -12,6 +12,7 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <tuple>
 
 #include "support/vhd_writer.h"
 #include "zxblk/zxblk.h"
@@ -162,7 +163,7 @@ TEST(Api, ListingAndErrors) {
 
     zxblk::Store s = zxblk::Store::open(store);
 
-    // A held extent keeps its disk open, and with it the process's one slot.
+    // A held extent keeps its disk open, and with it the disk's cache.
     zxblk::DiskOptions options;
     options.cacheDir = work.path + "/cache-raw";
     {
@@ -178,22 +179,29 @@ TEST(Api, ListingAndErrors) {
     const uint64_t size = disk.size();
     const std::string empty = work.path + "/empty";
     fs::create_directories(empty);
-    const std::pair<std::function<void()>, std::string> errors[] = {
-        {[&] { zxblk::Store::open(work.path + "/nowhere"); }, work.path + "/nowhere: No such file or directory"},
-        {[&] { zxblk::Store::open(empty); }, empty + " is not a zxblk store (no catalog.json)"},
-        {[&] { zxblk::Disk::open(empty, "raw"); }, empty + " is not a zxblk store (no catalog.json)"},
-        {[&] { s.disk("nosuch"); }, store + ": no disk named 'nosuch'"},
+    using Kind = zxblk::ErrorKind;
+    const std::tuple<std::function<void()>, std::string, Kind> errors[] = {
+        {[&] { zxblk::Store::open(work.path + "/nowhere"); }, work.path + "/nowhere: No such file or directory",
+         Kind::notFound},
+        {[&] { zxblk::Store::open(empty); }, empty + " is not a zxblk store (no catalog.json)", Kind::notFound},
+        {[&] { zxblk::Disk::open(empty, "raw"); }, empty + " is not a zxblk store (no catalog.json)", Kind::notFound},
+        {[&] { s.disk("nosuch"); }, store + ": no disk named 'nosuch'", Kind::notFound},
         {[&] { std::vector<char> b(2); disk.read(size - 1, 2, b.data()); },
-         "range " + std::to_string(size - 1) + "+2 is past the end of disk raw (" + std::to_string(size) + " bytes)"},
-        {[&] { disk.allocation(size, 1); }, "is past the end of disk raw"},
-        {[&] { disk.extent(disk.extentCount()); }, "is past the end of disk raw"},
+         "range " + std::to_string(size - 1) + "+2 is past the end of disk raw (" + std::to_string(size) + " bytes)",
+         Kind::invalidArgument},
+        {[&] { disk.allocation(size, 1); }, "is past the end of disk raw", Kind::invalidArgument},
+        {[&] { disk.extent(disk.extentCount()); }, "is past the end of disk raw", Kind::invalidArgument},
+        {[&] { zxblk::Disk::open(store, "raw", options); }, "is in use by another zxblk process", Kind::busy},
+        {[&] { zxblk::Store::importImages(store, "e", {store + "/catalog.json"}); }, "is not a VHD image",
+         Kind::invalidArgument},
     };
     for (const auto& e : errors) {
         try {
-            e.first();
-            ADD_FAILURE() << "no error; wanted " << e.second;
+            std::get<0>(e)();
+            ADD_FAILURE() << "no error; wanted " << std::get<1>(e);
         } catch (const zxblk::Error& err) {
-            EXPECT_NE(std::string(err.what()).find(e.second), std::string::npos) << err.what();
+            EXPECT_NE(std::string(err.what()).find(std::get<1>(e)), std::string::npos) << err.what();
+            EXPECT_EQ(err.kind(), std::get<2>(e)) << err.what() << ": " << zxblk::errorKindName(err.kind());
         }
     }
 
