@@ -13,7 +13,7 @@ PACKAGES=(
   libboost-dev libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libcli11-dev libsqlite3-dev sqlite3
   libfuse3-dev fuse3 nbdkit nbdkit-plugin-dev libnbd-bin libxxhash-dev
-  qemu-utils libvhdi-utils e2fsprogs python3 strace
+  qemu-utils libvhdi-utils e2fsprogs python3 strace cryptsetup-bin
   libblkid-dev fdisk gdisk python3-libnbd
   ceph radosgw libcurl4-openssl-dev uuid-runtime libpugixml-dev
 )
