@@ -7,7 +7,9 @@
 #include <cstring>
 
 #include "api/api_internal.h"
+#include "host/cache_folder.h"
 #include "host/disk_host.h"
+#include "store/at_once.h"
 #include "store/importer.h"
 #include "store/index_service.h"
 #include "store/s3_storage.h"
@@ -52,19 +54,24 @@ SnapshotInfo snapshotInfo(const Storage& storage, const DiskRecord& disk, size_t
     s.file = copy.file;
     s.fileSize = copy.fileSize;
     s.importedAt = copy.importedAt;
-    ObjectInfo info = storage.stat(copy.file);
-    if (!info.exists) {
-        s.status = SnapshotStatus::missing;
-        s.problem = storage.describe(copy.file) + ": no such file";
-        return s;
-    }
-    if (!s.fileSize) s.fileSize = info.size;  // a catalog from before sizes were kept
     try {
+        if (!s.fileSize) s.fileSize = storage.stat(copy.file).size;  // a catalog from before sizes were kept
         std::shared_ptr<VhdImage> img = openCopyImage(storage, disk, index);
         // openCopyImage keeps a bad side file for the reads to report; here
         // it is the answer.
-        loadBlockSums(storage, copy, *img);
+        if (!img->sumsError().empty()) throw StoreError(ErrorKind::corruption, img->sumsError());
         s.kind = kindOf(typeCode(img->kind()));
+    } catch (const StoreError& e) {
+        // Opened without asking first whether it is there: a store a
+        // network away answers both in one request.
+        bool missing = false;
+        try {
+            missing = e.kind() == ErrorKind::notFound && !storage.stat(copy.file).exists;
+        } catch (const StoreError&) {
+            // The store stopped answering: damaged, with the first cause.
+        }
+        s.status = missing ? SnapshotStatus::missing : SnapshotStatus::damaged;
+        s.problem = missing ? storage.describe(copy.file) + ": no such file" : e.what();
     } catch (const std::exception& e) {
         s.status = SnapshotStatus::damaged;
         s.problem = e.what();
@@ -127,9 +134,18 @@ std::shared_ptr<S3Connections> connections() {
     return pools;
 }
 
+namespace {
+
+// What the library keeps of stores on S3 (catalogs, snapshots' metadata),
+// beside the extent caches: a second open of a disk then costs one round
+// trip to the store.
+std::string metadataRoot() { return defaultCacheRoot() + "/s3-metadata"; }
+
+}  // namespace
+
 std::shared_ptr<StoreServices> Store::Impl::openServices() {
     std::lock_guard<std::mutex> lock(servicesMutex);
-    if (!services) services = StoreServices::open(storage);
+    if (!services) services = StoreServices::open(storage, catalog);
     return services;
 }
 
@@ -146,7 +162,8 @@ DiskInfo Store::Impl::info(const DiskRecord& disk) const {
     d.client = clientOf(disk);
     d.size = disk.size;
     d.extentSize = static_cast<uint64_t>(disk.extentSize);
-    for (size_t i = 0; i < disk.copies.size(); ++i) d.snapshots.push_back(snapshotInfo(*storage, disk, i));
+    d.snapshots.resize(disk.copies.size());
+    runAtOnce(disk.copies.size(), [&](size_t i) { d.snapshots[i] = snapshotInfo(*storage, disk, i); });
     return d;
 }
 
@@ -166,9 +183,14 @@ Store Store::open(const std::string& location) {
         auto impl = std::make_shared<Impl>();
         impl->path = location;
         // A server or a mount serves from "/": a folder is named by its real path.
-        impl->storage = openStorage(canonicalLocation(location), connections());
-        checkIsStore(location, *impl->storage);
-        impl->catalog = Catalog::load(*impl->storage);
+        impl->storage = openStorage(canonicalLocation(location), connections(), metadataRoot());
+        // A folder is looked at first, to say what it is when it is no
+        // store; on S3 that costs a round trip, and the catalog's absence
+        // says the same.
+        if (!impl->storage->remote()) checkIsStore(location, *impl->storage);
+        bool found = false;
+        impl->catalog = Catalog::load(*impl->storage, &found);
+        if (!found) checkIsStore(location, *impl->storage);
         return Store(std::move(impl));
     });
 }

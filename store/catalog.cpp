@@ -117,11 +117,13 @@ void checkInvariants(const Catalog& c, const Reader& r) {
 
 }  // namespace
 
-Catalog Catalog::load(const Storage& storage) {
+Catalog Catalog::load(const Storage& storage, bool* found) {
     Catalog c;
     std::string path = storage.describe(kCatalogName), text;
     // No catalog: an empty store (import makes one so).
-    if (!storage.readWhole(kCatalogName, kMaxCatalogBytes, text)) return c;
+    const bool there = storage.readWhole(kCatalogName, kMaxCatalogBytes, text);
+    if (found) *found = there;
+    if (!there) return c;
     Reader r{path};
     json j;
     try {

@@ -74,7 +74,8 @@ struct Catalog {
     // store's invariants (a disk without snapshots, a name or id used twice,
     // a counter below an id in use, sizes that disagree, a broken chain),
     // throws StoreError.
-    static Catalog load(const Storage& storage);
+    // `found`, when given, says whether there was a catalog at all.
+    static Catalog load(const Storage& storage, bool* found = nullptr);
     // Replaces the catalog whole: a reader sees the old one or the new one.
     void save(const Storage& storage) const;
     // An id above every one in use, even when the counter was wound back.

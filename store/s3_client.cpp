@@ -174,21 +174,32 @@ S3ObjectInfo S3Client::head(const std::string& key) {
     return info;
 }
 
-void S3Client::getRange(const std::string& key, uint64_t offset, uint64_t length, void* buf, const std::string& ifMatch) {
+void S3Client::getRange(const std::string& key, uint64_t offset, uint64_t length, void* buf, const std::string& ifMatch,
+                        uint64_t* objectSize) {
     if (length == 0) return;
     if (offset > UINT64_MAX - length) throw StoreError(s_->name(key) + ": GET: range past 2^64");
     const uint64_t last = offset + length - 1;
     const std::string range = std::to_string(offset) + "-" + std::to_string(last);
     S3Request c = s_->objectCall(S3Kind::get, "GET", "GET bytes " + range, key);
     c.headers = {"Range: bytes=" + range};
+    c.handBack = {404};
     if (!ifMatch.empty()) {
         c.headers.push_back("If-Match: \"" + ifMatch + "\"");
-        c.handBack = {412};
+        c.handBack.push_back(412);
     }
     c.into = static_cast<char*>(buf);
     c.intoSize = length;
     S3Reply r = s_->perform(c);
-    if (r.status == 412) s3Fail(c, "replaced since it was opened (its ETag is no longer " + ifMatch + ")");
+    if (r.status == 404) {
+        s_->counters.failures.fetch_add(1, std::memory_order_relaxed);
+        throw StoreError(ErrorKind::notFound, c.name + ": " + c.op + ": " + r.describe());
+    }
+    if (r.status == 412) {
+        s_->counters.failures.fetch_add(1, std::memory_order_relaxed);
+        throw StoreError(ErrorKind::corruption,
+                         c.name + ": " + c.op + ": the object was replaced (its ETag is no longer " + ifMatch + ")");
+    }
+    if (objectSize) *objectSize = length;
     if (r.status == 206) {
         // "bytes FIRST-LAST/SIZE"
         const std::string cr = r.header("content-range");
@@ -200,6 +211,8 @@ void S3Client::getRange(const std::string& key, uint64_t offset, uint64_t length
         if (first == offset && end < last && s3::parseU64(cr.substr(slash + 1), size))
             s3Fail(c, "the object is only " + std::to_string(size) + " bytes");
         if (first != offset || end != last) s3Fail(c, "the server sent bytes " + cr.substr(6));
+        if (objectSize && !s3::parseU64(cr.substr(slash + 1), *objectSize))
+            s3Fail(c, "unreadable Content-Range '" + cr + "'");
     } else if (r.status != 200 || offset != 0) {
         // 200 is the whole object: right only when that is what was asked.
         s3Fail(c, "the server ignored the byte range (" + std::to_string(r.status) + ")");
@@ -216,6 +229,34 @@ std::string S3Client::getObject(const std::string& key) {
         s3Fail(c, std::to_string(r.body.size()) + " of " + std::to_string(expected) + " bytes arrived");
     s_->counters.getBytes.fetch_add(r.body.size(), std::memory_order_relaxed);
     return std::move(r.body);
+}
+
+S3Client::Fetched S3Client::fetch(const std::string& key, const std::string& ifNoneMatch) {
+    S3Request c = s_->objectCall(S3Kind::get, "GET", "GET", key);
+    c.handBack = {404};
+    if (!ifNoneMatch.empty()) {
+        c.headers.push_back("If-None-Match: \"" + ifNoneMatch + "\"");
+        c.handBack.push_back(304);
+    }
+    S3Reply r = s_->perform(c);
+    Fetched f;
+    if (r.status == 404) {
+        s_->headBucket();  // a missing bucket is an error, not a missing key
+        return f;
+    }
+    f.exists = true;
+    if (r.status == 304) {
+        f.unchanged = true;
+        f.etag = ifNoneMatch;
+        return f;
+    }
+    uint64_t expected = 0;
+    if (s3::parseU64(r.header("content-length"), expected) && expected != r.body.size())
+        s3Fail(c, std::to_string(r.body.size()) + " of " + std::to_string(expected) + " bytes arrived");
+    f.etag = unquote(r.header("etag"));
+    f.body = std::move(r.body);
+    s_->counters.getBytes.fetch_add(f.body.size(), std::memory_order_relaxed);
+    return f;
 }
 
 bool S3Client::putObject(const std::string& key, const std::string& data, bool ifNoneMatch) {

@@ -38,11 +38,20 @@ public:
     // missing bucket is an error (NoSuchBucket).
     S3ObjectInfo head(const std::string& key);
     // Exactly `length` bytes of `key` from `offset` into `buf`; a range that
-    // runs past the object's end is an error.
-    // With `ifMatch` (an ETag), an object replaced since is an error at once.
+    // runs past the object's end is an error, and so is a missing object
+    // (of kind notFound). With `ifMatch` (an ETag), an object replaced
+    // since is an error at once (of kind corruption). `objectSize`, when given, gets the size of
+    // the whole object, as the reply tells it.
     void getRange(const std::string& key, uint64_t offset, uint64_t length, void* buf,
-                  const std::string& ifMatch = std::string());
+                  const std::string& ifMatch = std::string(), uint64_t* objectSize = nullptr);
     std::string getObject(const std::string& key);
+    // The whole object in one request. With `ifNoneMatch` (an ETag) an
+    // object still of that ETag is not sent again: `unchanged` says so.
+    struct Fetched {
+        bool exists = false, unchanged = false;
+        std::string etag, body;
+    };
+    Fetched fetch(const std::string& key, const std::string& ifNoneMatch = std::string());
     // Writes `key`. With ifNoneMatch the write happens only where no object
     // `key` exists, and false says one did.
     bool putObject(const std::string& key, const std::string& data, bool ifNoneMatch = false);

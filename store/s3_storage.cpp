@@ -1,8 +1,8 @@
-// Storage on S3. A recall reads its extent with range GETs; the block table
-// and bitmaps of a VHD are read once, when the snapshot is opened, and kept
-// in memory with it. Each object is checked against the ETag the catalog
-// recorded at import when it is opened, as a file is against its size and
-// identity.
+// Storage on S3. A recall reads its extent with range GETs (S3Reader); a
+// snapshot's footer, header and block table are fetched at once when it is
+// opened, kept in memory with it and on local disk for the next open. Each
+// object is checked against the ETag the catalog recorded at import, as a
+// file is against its size and identity.
 #include "store/s3_storage.h"
 
 #include <fcntl.h>
@@ -15,12 +15,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <list>
 #include <mutex>
+#include <optional>
+#include <system_error>
 #include <random>
 #include <thread>
 
+#include "store/at_once.h"
 #include "store/s3_client.h"
+#include "store/s3_metadata.h"
+#include "store/s3_reader.h"
 
 namespace zxblk {
 namespace {
@@ -38,72 +42,33 @@ unsigned parallelUploads() {
     return n >= 1 && n <= 64 ? static_cast<unsigned>(n) : 4;
 }
 
-// An object read with range GETs. A few of the larger stretches it fetched
-// are kept: a snapshot's block (with its bitmap) is checked whole against
-// its checksum before an extent of it is served, and the next extent of that
-// block is then served from the same stretch.
-class S3Reader : public ObjectReader {
-public:
-    S3Reader(std::shared_ptr<S3Client> client, std::string key, std::string url, const S3ObjectInfo& info)
-        : m_client(std::move(client)), m_key(std::move(key)), m_url(std::move(url)), m_etag(info.etag) {
-        m_stamp.size = info.size;
-    }
-    const std::string& name() const override { return m_url; }
-    uint64_t size() const override { return m_stamp.size; }
-    const FileStamp& stamp() const override { return m_stamp; }
-    void readAt(uint64_t offset, void* buffer, size_t length) const override {
-        if (offset > m_stamp.size || length > m_stamp.size - offset)
-            throw StoreError(m_url + ": data at offset " + std::to_string(offset) + ": past the end of the object (" +
-                             std::to_string(m_stamp.size) + " bytes)");
-        if (!length) return;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            for (auto it = m_kept.begin(); it != m_kept.end(); ++it)
-                if (offset >= it->first && offset + length <= it->first + it->second->size()) {
-                    std::memcpy(buffer, it->second->data() + (offset - it->first), length);
-                    m_kept.splice(m_kept.begin(), m_kept, it);
-                    return;
-                }
-        }
-        // Small reads (headers, tables, bitmaps) are not worth keeping.
-        if (length < kSmall || length > kLargest) return m_client->getRange(m_key, offset, length, buffer, m_etag);
-        auto stretch = std::make_shared<std::vector<uint8_t>>(static_cast<size_t>(length));
-        m_client->getRange(m_key, offset, length, stretch->data(), m_etag);
-        std::memcpy(buffer, stretch->data(), length);
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_kept.emplace_front(offset, std::move(stretch));
-        if (m_kept.size() > kKept) m_kept.pop_back();
-    }
-    // Every GET asks for the version opened (If-Match), so a replaced
-    // object fails its reads rather than serving other bytes.
-    bool current() const override { return true; }
-
-private:
-    static constexpr uint64_t kSmall = 64 << 10, kLargest = (4 << 20) + 4096;
-    static constexpr size_t kKept = 8;
-    std::shared_ptr<S3Client> m_client;
-    std::string m_key, m_url, m_etag;
-    FileStamp m_stamp;
-    mutable std::mutex m_mutex;
-    mutable std::list<std::pair<uint64_t, std::shared_ptr<const std::vector<uint8_t>>>> m_kept;
-};
-
 class S3Storage : public Storage {
 public:
-    S3Storage(const std::string& location, const S3Location& where, S3Connections& connections)
+    S3Storage(const std::string& location, const S3Location& where, S3Connections& connections,
+              const std::string& metadataDir)
         : Storage(location),
           m_where(where),
-          m_client(std::make_shared<S3Client>(S3Config::fromEnvironment(), where.bucket, connections)) {}
+          m_client(std::make_shared<S3Client>(S3Config::fromEnvironment(), where.bucket, connections)),
+          m_cache(std::make_shared<S3MetadataCache>(metadataDir)) {}
 
     bool remote() const override { return true; }
 
-    std::unique_ptr<ObjectReader> openReader(const std::string& name, const std::string& expectedEtag) const override {
-        S3ObjectInfo info = m_client->head(key(name));
-        if (!info.exists) throw StoreError(ErrorKind::notFound, describe(name) + ": no such object");
-        if (!expectedEtag.empty() && info.etag != expectedEtag)
-            throw StoreError(ErrorKind::corruption, describe(name) + ": ETag: the catalog records " + expectedEtag +
-                                                        ", the object has " + info.etag + " (replaced after import?)");
-        return std::unique_ptr<ObjectReader>(new S3Reader(m_client, key(name), describe(name), info));
+    std::unique_ptr<ObjectReader> openReader(const std::string& name, const OpenHints& hints) const override {
+        if (hints.etag.empty() || !hints.size || hints.ranges.empty()) {
+            // Nothing known beforehand: the object's head says what it is.
+            S3ObjectInfo info = m_client->head(key(name));
+            if (!info.exists) throw StoreError(ErrorKind::notFound, describe(name) + ": no such object");
+            if (!hints.etag.empty() && info.etag != hints.etag)
+                throw StoreError(ErrorKind::corruption, describe(name) + ": ETag: the catalog records " + hints.etag +
+                                                            ", the object has " + info.etag + " (replaced after import?)");
+            return reader(name, info.etag, info.size, Stretches(), false);
+        }
+        if (auto kept = m_cache->get(S3Reader::openingKey(key(name)))) {
+            Stretches opening;
+            if (kept->version == hints.etag && unpackStretches(kept->bytes, opening))
+                return reader(name, hints.etag, hints.size, std::move(opening), true);
+        }
+        return reader(name, hints.etag, hints.size, fetchAtOnce(name, hints), false);
     }
 
     ObjectInfo stat(const std::string& name) const override {
@@ -113,12 +78,24 @@ public:
         return info;
     }
 
-    bool readWhole(const std::string& name, uint64_t most, std::string& out) const override {
-        S3ObjectInfo info = m_client->head(key(name));
-        if (!info.exists) return false;
-        if (info.size > most)
+    bool readWhole(const std::string& name, uint64_t most, std::string& out,
+                   const std::function<bool(const std::string&)>& known) const override {
+        const std::string cacheKey = "object " + key(name);
+        std::optional<S3MetadataCache::Entry> kept = m_cache->get(cacheKey);
+        if (kept && known && known(kept->bytes)) {
+            out = std::move(kept->bytes);
+            return true;
+        }
+        S3Client::Fetched f = m_client->fetch(key(name), kept ? kept->version : std::string());
+        if (!f.exists) return false;
+        if (f.unchanged) {
+            out = std::move(kept->bytes);
+            return true;
+        }
+        if (f.body.size() > most)
             throw StoreError(describe(name) + ": size: larger than the " + std::to_string(most) + " bytes it can be");
-        out = m_client->getObject(key(name));
+        if (!f.etag.empty()) m_cache->put(cacheKey, f.etag, f.body);
+        out = std::move(f.body);
         return true;
     }
 
@@ -255,11 +232,59 @@ public:
     std::unique_ptr<Lock> lock() const override { return std::unique_ptr<Lock>(new S3Lock(*this)); }
 
 private:
+    std::unique_ptr<ObjectReader> reader(const std::string& name, const std::string& etag, uint64_t size,
+                                         Stretches opening, bool saved) const {
+        return std::unique_ptr<ObjectReader>(
+            new S3Reader(m_client, m_cache, key(name), describe(name), etag, size, std::move(opening), saved));
+    }
+
+    // The stretches an opener reads first, each one GET, all sent at once:
+    // one round trip. Each GET asks for the recorded ETag and tells the
+    // object's size, so the object is checked on the way.
+    Stretches fetchAtOnce(const std::string& name, const OpenHints& hints) const {
+        Stretches out;
+        for (const auto& r : hints.ranges) {
+            if (r.first >= hints.size || !r.second) continue;
+            out.emplace_back(r.first, std::string(static_cast<size_t>(std::min(r.second, hints.size - r.first)), '\0'));
+        }
+        std::vector<uint64_t> sizes(out.size(), hints.size);
+        std::vector<std::exception_ptr> errors(out.size());
+        auto fetch = [&](size_t i) {
+            try {
+                m_client->getRange(key(name), out[i].first, out[i].second.size(), &out[i].second[0], hints.etag,
+                                   &sizes[i]);
+            } catch (...) {
+                errors[i] = std::current_exception();
+            }
+        };
+        runAtOnce(out.size(), fetch);
+        for (size_t i = 0; i < out.size(); ++i) {
+            if (errors[i]) {
+                try {
+                    std::rethrow_exception(errors[i]);
+                } catch (const StoreError& e) {
+                    // Not the ETag asked for: say which it has now.
+                    if (e.kind() != ErrorKind::corruption) throw;
+                    S3ObjectInfo now = m_client->head(key(name));
+                    if (!now.exists || now.etag == hints.etag) throw;
+                    throw StoreError(ErrorKind::corruption, describe(name) + ": ETag: the catalog records " + hints.etag +
+                                                                ", the object has " + now.etag + " (replaced after import?)");
+                }
+            }
+            if (sizes[i] != hints.size)
+                throw StoreError(ErrorKind::corruption, describe(name) + ": size: the catalog records " +
+                                                            std::to_string(hints.size) + " bytes, the object has " +
+                                                            std::to_string(sizes[i]));
+        }
+        return out;
+    }
+
     static constexpr const char* kLockName = "catalog.lock";
     static constexpr int kLeaseSeconds = 60, kWaitSeconds = 120;
     std::string key(const std::string& name) const { return m_where.prefix + name; }
     S3Location m_where;
     std::shared_ptr<S3Client> m_client;
+    std::shared_ptr<S3MetadataCache> m_cache;
 };
 
 // An import's new objects are written to a local temporary folder
@@ -315,12 +340,13 @@ std::unique_ptr<Storage::Staging> S3Storage::stage() const { return std::unique_
 
 std::shared_ptr<S3Connections> makeS3Connections() { return std::make_shared<S3Connections>(); }
 
-std::shared_ptr<Storage> openS3Storage(const std::string& location, const std::shared_ptr<S3Connections>& connections) {
+std::shared_ptr<Storage> openS3Storage(const std::string& location, const std::shared_ptr<S3Connections>& connections,
+                                       const std::string& metadataDir) {
     if (!connections) throw StoreError(location + ": no S3 connections to open it with");
     S3Location where;
     std::string why;
     if (!S3Location::parse(location, where, why)) throw StoreError(location + ": " + why);
-    return std::make_shared<S3Storage>(location, where, *connections);
+    return std::make_shared<S3Storage>(location, where, *connections, metadataDir);
 }
 
 }  // namespace zxblk

@@ -15,8 +15,11 @@ class S3Connections;
 std::shared_ptr<S3Connections> makeS3Connections();
 
 // The store at `location` (s3://BUCKET/PREFIX), its requests sent over
-// `connections`. Throws StoreError for a malformed URL or when no
-// credentials are found.
-std::shared_ptr<Storage> openS3Storage(const std::string& location, const std::shared_ptr<S3Connections>& connections);
+// `connections`. What its readers fetch of the catalog and of each
+// snapshot's metadata is kept in `metadataDir` ("": in memory only) for the
+// next program that opens it. Throws StoreError for a malformed URL or when
+// no credentials are found.
+std::shared_ptr<Storage> openS3Storage(const std::string& location, const std::shared_ptr<S3Connections>& connections,
+                                       const std::string& metadataDir = std::string());
 
 }  // namespace zxblk

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 
 #include "platform/Log.h"
 #include "store/storage.h"
@@ -85,12 +86,13 @@ void checkAgainstRecord(const VhdImage& img, const DiskRecord& disk, size_t inde
 
 }  // namespace
 
-std::shared_ptr<const BlockSums> loadBlockSums(const Storage& storage, const CopyRecord& copy, const VhdImage& img) {
-    if (copy.sums.empty()) return nullptr;
-    std::string path = storage.describe(copy.sums), bytes;
-    // Never more than a header and one entry per block of the image.
-    uint64_t most = 4096 + 64 + 24 * img.sumUnits();
-    if (!storage.readWhole(copy.sums, most, bytes)) throw StoreError(ErrorKind::notFound, path + ": " + std::strerror(ENOENT));
+namespace {
+
+std::shared_ptr<const BlockSums> checkBlockSums(const std::string& bytes, const std::string& path, const CopyRecord& copy,
+                                                const VhdImage& img) {
+    if (bytes.size() > 4096 + 64 + 24 * img.sumUnits())
+        throw StoreError(ErrorKind::corruption, path + ": size: larger than the " +
+                                                    std::to_string(4096 + 64 + 24 * img.sumUnits()) + " bytes it can be");
     std::string found = sumText(xxh3(bytes.data(), bytes.size()));
     if (found != copy.sumsChecksum)
         throw StoreError(ErrorKind::corruption,
@@ -108,18 +110,66 @@ std::shared_ptr<const BlockSums> loadBlockSums(const Storage& storage, const Cop
     return sums;
 }
 
+// What a snapshot's open reads first: both footers, the header and a block
+// table of 2 MiB blocks (the usual size; a table of smaller blocks costs one
+// more round trip for the rest of it).
+OpenHints openHints(const DiskRecord& disk, const CopyRecord& copy) {
+    OpenHints hints;
+    hints.etag = copy.etag;
+    hints.size = copy.fileSize;
+    if (!copy.fileSize || copy.type == kTypeRaw) return hints;
+    if (copy.type == kTypeFixed) {
+        hints.ranges = {{copy.fileSize - std::min<uint64_t>(512, copy.fileSize), 512}};
+        return hints;
+    }
+    const uint64_t granule = 64 << 10, table = 4 * ((disk.size + (2u << 20) - 1) >> 21);
+    const uint64_t head = (1536 + table + granule - 1) / granule * granule;
+    if (head + 512 >= copy.fileSize)
+        hints.ranges = {{0, copy.fileSize}};
+    else
+        hints.ranges = {{0, head}, {copy.fileSize - 512, 512}};
+    return hints;
+}
+
+}  // namespace
+
+std::shared_ptr<const BlockSums> loadBlockSums(const Storage& storage, const CopyRecord& copy, const VhdImage& img) {
+    if (copy.sums.empty()) return nullptr;
+    std::string path = storage.describe(copy.sums), bytes;
+    // Never more than a header and one entry per block of the image.
+    uint64_t most = 4096 + 64 + 24 * img.sumUnits();
+    auto recorded = [&copy](const std::string& b) { return sumText(xxh3(b.data(), b.size())) == copy.sumsChecksum; };
+    if (!storage.readWhole(copy.sums, most, bytes, recorded))
+        throw StoreError(ErrorKind::notFound, path + ": " + std::strerror(ENOENT));
+    return checkBlockSums(bytes, path, copy, img);
+}
+
 std::shared_ptr<VhdImage> openCopyImage(const Storage& storage, const DiskRecord& disk, size_t index) {
     const CopyRecord& copy = disk.copies.at(index);
-    auto img = std::make_shared<VhdImage>(
-        VhdImage::open(storage.openReader(copy.file, copy.etag), copy.type == kTypeRaw, disk.size));
+    // The side file is fetched while the image opens, so a store a network
+    // away is asked for both in one round trip; a bad one fails the recalls
+    // of this file, not the lookups that tell which copy holds an extent.
+    std::shared_future<std::string> sumsBytes;
+    if (!copy.sums.empty())
+        sumsBytes = std::async(std::launch::async, [&storage, copy] {
+                        std::string bytes;
+                        // Never more than a header and one entry per block.
+                        uint64_t most = 4096 + 64 + 24 * (copy.fileSize / 512 + 1);
+                        auto recorded = [&copy](const std::string& b) {
+                            return sumText(xxh3(b.data(), b.size())) == copy.sumsChecksum;
+                        };
+                        if (!storage.readWhole(copy.sums, most, bytes, recorded))
+                            throw StoreError(ErrorKind::notFound, storage.describe(copy.sums) + ": " + std::strerror(ENOENT));
+                        return bytes;
+                    }).share();
+    auto img = std::make_shared<VhdImage>(VhdImage::open(storage.openReader(copy.file, openHints(disk, copy)),
+                                                         copy.type == kTypeRaw, disk.size));
     checkAgainstRecord(*img, disk, index);
     if (!img->note().empty()) LogSink::write(0, "store", img->path() + ": " + img->note());
-    // A bad side file fails the recalls of this file, not the lookups that
-    // tell which copy holds an extent.
-    try {
-        img->attachSums(loadBlockSums(storage, copy, *img));
-    } catch (const StoreError& e) {
-        img->attachSums(nullptr, e.what());
+    if (sumsBytes.valid()) {
+        const VhdImage* self = img.get();
+        const std::string path = storage.describe(copy.sums);
+        img->attachSumsLater([sumsBytes, copy, self, path] { return checkBlockSums(sumsBytes.get(), path, copy, *self); });
     }
     return img;
 }

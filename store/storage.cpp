@@ -10,7 +10,10 @@
 #include <filesystem>
 #include <algorithm>
 #include <cstdlib>
+#include <cstdio>
 #include <set>
+
+#include <xxhash.h>
 
 #include "store/fd_io.h"
 #include "store/s3_storage.h"
@@ -138,7 +141,7 @@ public:
     explicit FolderStorage(const std::string& dir) : Storage(dir) {}
     bool remote() const override { return false; }
 
-    std::unique_ptr<ObjectReader> openReader(const std::string& name, const std::string&) const override {
+    std::unique_ptr<ObjectReader> openReader(const std::string& name, const OpenHints&) const override {
         return std::unique_ptr<ObjectReader>(new LocalFile(path(name)));
     }
 
@@ -149,7 +152,8 @@ public:
         return info;
     }
 
-    bool readWhole(const std::string& name, uint64_t most, std::string& out) const override {
+    bool readWhole(const std::string& name, uint64_t most, std::string& out,
+                   const std::function<bool(const std::string&)>&) const override {
         std::string p = path(name);
         int fd = ::open(p.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd < 0) {
@@ -259,9 +263,16 @@ bool Storage::isRemote(const std::string& location) { return location.compare(0,
 
 std::shared_ptr<Storage> openFolderStorage(const std::string& dir) { return std::make_shared<FolderStorage>(dir); }
 
-std::shared_ptr<Storage> openStorage(const std::string& location, const std::shared_ptr<S3Connections>& connections) {
+std::shared_ptr<Storage> openStorage(const std::string& location, const std::shared_ptr<S3Connections>& connections,
+                                     const std::string& metadataRoot) {
     if (!Storage::isRemote(location)) return openFolderStorage(location);
-    return openS3Storage(location, connections);
+    std::string dir;
+    if (!metadataRoot.empty()) {
+        char name[17];
+        std::snprintf(name, sizeof name, "%016llx", static_cast<unsigned long long>(XXH3_64bits(location.data(), location.size())));
+        dir = metadataRoot + "/" + name;
+    }
+    return openS3Storage(location, connections, dir);
 }
 
 std::string Storage::identity(const std::string& name) const { return stat(name).exists ? name : std::string(); }

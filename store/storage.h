@@ -44,6 +44,23 @@ public:
     // file replaced or rewritten). On S3 every read asks for the version
     // opened, so a replaced object fails its reads instead.
     virtual bool current() const = 0;
+    // Whoever opened it has read what it needed at once (a snapshot's
+    // footer, header and block table). On S3 those bytes are kept on local
+    // disk, so that the next open of the same object reads none of them
+    // again.
+    virtual void opened() const {}
+};
+
+// What the opener of an object knows of it before asking the store.
+struct OpenHints {
+    // What the catalog recorded at import; another ETag is refused at once.
+    std::string etag;
+    // The object's size as the catalog recorded it; 0: not known.
+    uint64_t size = 0;
+    // Stretches (offset, length) the opener reads first. On S3, with the
+    // ETag and size known, they are fetched all at once instead of the
+    // object's head: an open costs one round trip however many it reads.
+    std::vector<std::pair<uint64_t, uint64_t>> ranges;
 };
 
 struct ObjectInfo {
@@ -69,14 +86,20 @@ public:
     virtual bool remote() const = 0;
 
     // Opens an object; throws StoreError (ENOENT-like: "...: no such file").
-    // `expectedEtag`, when not empty, is what the catalog recorded at import:
-    // another ETag is refused at once.
-    virtual std::unique_ptr<ObjectReader> openReader(const std::string& name,
-                                                     const std::string& expectedEtag = std::string()) const = 0;
+    virtual std::unique_ptr<ObjectReader> openReader(const std::string& name, const OpenHints& hints) const = 0;
+    std::unique_ptr<ObjectReader> openReader(const std::string& name, const std::string& expectedEtag = std::string()) const {
+        OpenHints hints;
+        hints.etag = expectedEtag;
+        return openReader(name, hints);
+    }
     virtual ObjectInfo stat(const std::string& name) const = 0;
     // The whole object, refused when larger than `most` bytes; false when it
-    // does not exist.
-    virtual bool readWhole(const std::string& name, uint64_t most, std::string& out) const = 0;
+    // does not exist. On S3 an object read before is kept on local disk and
+    // asked for again only if it changed (one conditional request); where
+    // `known` tells good bytes from bad (a checksum the catalog recorded),
+    // kept bytes it takes are used without asking at all.
+    virtual bool readWhole(const std::string& name, uint64_t most, std::string& out,
+                           const std::function<bool(const std::string&)>& known = nullptr) const = 0;
     // What tells one object from another whatever its name is spelled
     // like: a file's device and inode (a hard link is the same file), an
     // object's key. Empty when there is no such object.
@@ -136,7 +159,10 @@ std::shared_ptr<Storage> openFolderStorage(const std::string& dir);
 // The storage of a store location, a folder or s3://BUCKET/PREFIX; stores on
 // S3 reach it through `connections`, whose pools are shared by every store
 // on one endpoint. Throws StoreError for a malformed URL or missing S3
-// credentials.
-std::shared_ptr<Storage> openStorage(const std::string& location, const std::shared_ptr<S3Connections>& connections);
+// credentials. A store on S3 keeps what its readers fetched of its catalog
+// and snapshots' metadata in a folder of its own under `metadataRoot` (""
+// keeps it in memory only).
+std::shared_ptr<Storage> openStorage(const std::string& location, const std::shared_ptr<S3Connections>& connections,
+                                     const std::string& metadataRoot = std::string());
 
 }  // namespace zxblk

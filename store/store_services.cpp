@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/Log.h"
+#include "store/at_once.h"
 #include "store/storage.h"
 
 namespace zxblk {
@@ -18,6 +19,11 @@ const unsigned kMostWorkers = 64;
 
 std::shared_ptr<StoreServices> StoreServices::open(std::shared_ptr<const Storage> storage, Options options) {
     Catalog catalog = Catalog::load(*storage);
+    return open(std::move(storage), std::move(catalog), options);
+}
+
+std::shared_ptr<StoreServices> StoreServices::open(std::shared_ptr<const Storage> storage, Catalog catalog,
+                                                   Options options) {
     if (options.workers == 0) options.workers = 1;
     if (options.writeSize < 512) options.writeSize = 512;
     std::shared_ptr<StoreServices> s(new StoreServices(std::move(storage), std::move(catalog), options));
@@ -136,6 +142,26 @@ std::shared_ptr<VhdImage> StoreServices::image(const CopyRecord& copy, bool rech
     auto img = openCopyImage(*m_storage, *disk, static_cast<size_t>(found - disk->copies.data()));
     m_images[copy.archiveFileId] = img;
     return img;
+}
+
+void StoreServices::openChain(const DiskRecord& disk, int snapshot) {
+    std::vector<size_t> wanted;
+    {
+        std::lock_guard<std::mutex> lock(m_imagesMutex);
+        for (size_t i = 0; i < disk.copies.size() && static_cast<int>(i) <= snapshot; ++i)
+            if (!m_images.count(disk.copies[i].archiveFileId)) wanted.push_back(i);
+    }
+    std::vector<std::shared_ptr<VhdImage>> opened(wanted.size());
+    runAtOnce(wanted.size(), [&](size_t k) {
+        try {
+            opened[k] = openCopyImage(*m_storage, disk, wanted[k]);
+        } catch (const std::exception&) {
+            // image() opens it again when a recall needs it, and says why not.
+        }
+    });
+    std::lock_guard<std::mutex> lock(m_imagesMutex);
+    for (size_t k = 0; k < wanted.size(); ++k)
+        if (opened[k]) m_images.emplace(disk.copies[wanted[k]].archiveFileId, opened[k]);
 }
 
 bool StoreServices::open(const SCParams&, const std::string& path, std::string& whyNot) {

@@ -41,6 +41,12 @@ public:
     static std::shared_ptr<StoreServices> open(std::shared_ptr<const Storage> storage) {
         return open(std::move(storage), Options());
     }
+    // The same, with the catalog its opener has loaded already.
+    static std::shared_ptr<StoreServices> open(std::shared_ptr<const Storage> storage, Catalog catalog,
+                                               Options options);
+    static std::shared_ptr<StoreServices> open(std::shared_ptr<const Storage> storage, Catalog catalog) {
+        return open(std::move(storage), std::move(catalog), Options());
+    }
     ~StoreServices() override;
 
     // Stops the workers; queued recalls complete with an error, and new
@@ -67,6 +73,11 @@ public:
     std::string routedPath(const CopyRecord& copy) const;
     uint32_t routedAppId(const DiskRecord& disk) const;
 
+    // Opens the disk's snapshots up to `snapshot` (those not open yet) all
+    // at once: a store a network away answers them in one round trip, not
+    // one or more per snapshot in turn. One that cannot be opened is left
+    // for its recalls to report.
+    void openChain(const DiskRecord& disk, int snapshot);
     // Whether any snapshot of the disk up to `snapshot` keeps a byte of
     // [offset, offset + length) in its file; where none does, the disk
     // reads as zeros. True when a file cannot be read: the recall then

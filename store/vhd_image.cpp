@@ -102,6 +102,7 @@ VhdImage& VhdImage::operator=(VhdImage&& o) noexcept {
         m_sparse = std::move(o.m_sparse);
         m_sums = std::move(o.m_sums);
         m_sumsError = std::move(o.m_sumsError);
+        m_sumsLoader = std::move(o.m_sumsLoader);
         m_note = std::move(o.m_note);
         m_verified = std::move(o.m_verified);
         m_verifyLocks = std::move(o.m_verifyLocks);
@@ -206,6 +207,7 @@ VhdImage VhdImage::open(std::unique_ptr<ObjectReader> reader, bool raw, uint64_t
         if (fileSize != img.m_size + 512)
             img.fail("current size", "a fixed disk of " + std::to_string(img.m_size) + " bytes needs a file of " +
                                          std::to_string(img.m_size + 512) + " bytes, not " + std::to_string(fileSize));
+        img.m_reader->opened();
         return img;
     }
     if (footer.type != 3 && footer.type != 4)
@@ -214,6 +216,7 @@ VhdImage VhdImage::open(std::unique_ptr<ObjectReader> reader, bool raw, uint64_t
     img.readDynamic(footer.dataOffset);
     // Said only of a file that is otherwise sound: a refused one gets one line.
     img.m_note = note;
+    img.m_reader->opened();
     return img;
 }
 
@@ -528,8 +531,27 @@ void VhdImage::attachSums(std::shared_ptr<const BlockSums> sums, std::string err
     m_verifyLocks.reset(new std::mutex[kVerifyStripes]);
 }
 
+void VhdImage::attachSumsLater(std::function<std::shared_ptr<const BlockSums>()> load) {
+    attachSums(nullptr);
+    m_sumsLoader.reset(new SumsLoader{std::move(load), {}});
+}
+
+const std::string& VhdImage::sumsError() const {
+    if (m_sumsLoader)
+        std::call_once(m_sumsLoader->once, [this] {
+            // Loaded once, by whichever reader comes first; the others wait.
+            auto* self = const_cast<VhdImage*>(this);
+            try {
+                self->attachSums(m_sumsLoader->load());
+            } catch (const StoreError& e) {
+                self->attachSums(nullptr, e.what());
+            }
+        });
+    return m_sumsError;
+}
+
 void VhdImage::readVerified(const Piece& piece, uint8_t* into) const {
-    if (!m_sumsError.empty()) throw StoreError(ErrorKind::corruption, m_sumsError);
+    if (!sumsError().empty()) throw StoreError(ErrorKind::corruption, m_sumsError);
     if (!m_sums) return readAt(static_cast<uint64_t>(piece.fileOffset), into, piece.length);
     const uint64_t unitBytes = sumUnitBytes(), end = piece.virtualOffset + piece.length;
     for (uint64_t at = piece.virtualOffset; at < end;) {

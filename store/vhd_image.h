@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -132,7 +133,13 @@ public:
     // every verification fails with that reason). Set before the image is
     // shared between threads.
     void attachSums(std::shared_ptr<const BlockSums> sums, std::string error = std::string());
-    bool hasSums() const { return m_sums || !m_sumsError.empty(); }
+    // The same, loaded by `load` when first needed (by a verified read, or
+    // sumsError()), which throws StoreError for a side file it cannot use.
+    void attachSumsLater(std::function<std::shared_ptr<const BlockSums>()> load);
+    // Why the recorded sums cannot be used ("" when they can, or when none
+    // were recorded); loads them first where they are attached for later.
+    const std::string& sumsError() const;
+    bool hasSums() const { return m_sums || !m_sumsError.empty() || m_sumsLoader; }
     // Reads a piece that lies in the file into `into`. With sums attached,
     // each unit it touches is checked whole the first time (once per open
     // image), the piece's bytes taken from that same read; a mismatch
@@ -171,6 +178,11 @@ private:
     std::vector<Allocation> m_sparse;
     std::shared_ptr<const BlockSums> m_sums;
     std::string m_sumsError;
+    struct SumsLoader {
+        std::function<std::shared_ptr<const BlockSums>()> load;
+        std::once_flag once;
+    };
+    std::unique_ptr<SumsLoader> m_sumsLoader;
     // One bit per recorded unit found sound since the file was opened, so a
     // block is hashed once however many extents read it. Extents of one
     // block are often recalled at once: a striped lock makes the second

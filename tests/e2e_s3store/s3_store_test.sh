@@ -53,7 +53,7 @@ ok "export, read and serve + nbdcopy of the S3 store equal the merged chain"
 t "$zxblk" read --store $store --disk chain --offset 0 --length 4096 >/dev/null || fail "read with the default cache"
 [ -n "$(ls xdg/zxblk)" ] || fail "no default cache"
 t "$zxblk" cache purge --store $store >purge.out || fail "cache purge --store $store"
-[ -z "$(ls xdg/zxblk | grep -v '^index$')" ] || { cat purge.out; fail "cache purge left $(ls xdg/zxblk)"; }
+[ -z "$(ls xdg/zxblk | grep -vx 'index\|s3-metadata')" ] || { cat purge.out; fail "cache purge left $(ls xdg/zxblk)"; }
 
 # A read fetches its extents, not the disk: one 4 KiB read through NBD.
 py=
@@ -110,10 +110,15 @@ echo "$(declare -f curl_s3); curl_s3 -T chain/snap1.vhd $AWS_ENDPOINT_URL/bkt/ba
 t "$zxblk" serve --store $store --disk chain --cache c5 --run "$py r0.py >replaced.out && bash replace.sh >/dev/null &&
   $py r12.py >>replaced.out" >/dev/null 2>replaced.err || { cat replaced.err; fail "serve while an object is replaced"; }
 [ "$(cat replaced.out)" = "$(printf 'read\nEIO')" ] || { cat replaced.err; fail "replaced under a server: '$(cat replaced.out)'"; }
-grep -q "chain-snap2.vhd: GET .*replaced since it was opened" replaced.err || { cat replaced.err; fail "replaced: not said"; }
+grep -q "chain-snap2.vhd: GET .*the object was replaced" replaced.err || { cat replaced.err; fail "replaced: not said"; }
 if t "$zxblk" export --store $store --disk chain --cache c5b --out x.out 2>err; then fail "a replaced object exported"; fi
-grep -q "chain-snap2.vhd: ETag: the catalog records" err || { cat err; fail "replaced object: unclear"; }
-ok "a replaced object: EIO from a server that had it open, and refused when opened: $(grep -m1 -o 'ETag: .*' err)"
+# Its metadata kept from earlier opens, the first GET of it says so.
+grep -Eq "chain-snap2.vhd: (ETag: the catalog records|GET .*the object was replaced)" err ||
+  { cat err; fail "replaced object: unclear"; }
+XDG_CACHE_HOME=$PWD/xdg-new t "$zxblk" export --store $store --disk chain --cache c5c --out x.out 2>err2 &&
+  fail "a replaced object exported with nothing kept"
+grep -q "chain-snap2.vhd: ETag: the catalog records" err2 || { cat err2; fail "replaced object, opened anew: unclear"; }
+ok "a replaced object: EIO from a server that had it open, and refused when opened: $(grep -m1 -o 'ETag: .*' err2)"
 
 # Wrong keys, a missing bucket: one line each.
 for row in "AWS_SECRET_ACCESS_KEY=wrong|s3://bkt/backups/site1|403" "|s3://nobucket/x|NoSuchBucket"; do

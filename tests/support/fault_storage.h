@@ -17,12 +17,14 @@ public:
     CrashingStorage(std::shared_ptr<zxblk::Storage> inner, std::string step);
 
     bool remote() const override { return m_inner->remote(); }
-    std::unique_ptr<zxblk::ObjectReader> openReader(const std::string& name, const std::string& etag) const override {
-        return m_inner->openReader(name, etag);
+    std::unique_ptr<zxblk::ObjectReader> openReader(const std::string& name,
+                                                    const zxblk::OpenHints& hints) const override {
+        return m_inner->openReader(name, hints);
     }
     zxblk::ObjectInfo stat(const std::string& name) const override { return m_inner->stat(name); }
-    bool readWhole(const std::string& name, uint64_t most, std::string& out) const override {
-        return m_inner->readWhole(name, most, out);
+    bool readWhole(const std::string& name, uint64_t most, std::string& out,
+                   const std::function<bool(const std::string&)>& known) const override {
+        return m_inner->readWhole(name, most, out, known);
     }
     std::string identity(const std::string& name) const override { return m_inner->identity(name); }
     void replace(const std::string& name, const std::string& data) const override;

@@ -1,0 +1,110 @@
+#include "store/s3_reader.h"
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+
+namespace zxblk {
+
+S3Reader::S3Reader(std::shared_ptr<S3Client> client, std::shared_ptr<S3MetadataCache> cache, std::string key,
+                   std::string url, std::string etag, uint64_t size, Stretches opening, bool saved)
+    : m_client(std::move(client)),
+      m_cache(std::move(cache)),
+      m_key(std::move(key)),
+      m_url(std::move(url)),
+      m_etag(std::move(etag)),
+      m_opening(std::move(opening)),
+      m_saved(saved) {
+    m_stamp.size = size;
+}
+
+bool S3Reader::fromKept(uint64_t offset, void* buffer, size_t length) const {
+    for (const auto& s : m_opening)
+        if (offset >= s.first && offset + length <= s.first + s.second.size()) {
+            std::memcpy(buffer, s.second.data() + (offset - s.first), length);
+            return true;
+        }
+    for (auto it = m_kept.begin(); it != m_kept.end(); ++it)
+        if ((*it)->holds(offset, length)) {
+            std::memcpy(buffer, (*it)->bytes.data() + (offset - (*it)->offset), length);
+            m_kept.splice(m_kept.begin(), m_kept, it);
+            return true;
+        }
+    return false;
+}
+
+uint64_t S3Reader::fetchEnd(uint64_t offset, uint64_t length) const {
+    uint64_t end = offset + length;
+    // A read that begins where another ended is a reader going through the
+    // object in order: what follows is fetched with it, in one GET.
+    bool inOrder = offset == m_lastEnd;
+    for (const StretchPtr& s : m_fetching) inOrder = inOrder || s->end() == offset;
+    for (const StretchPtr& s : m_kept) inOrder = inOrder || s->end() == offset;
+    if (inOrder) end = std::max(end, std::min(m_stamp.size, offset + kFollowOn));
+    // ...but not what is on its way already.
+    for (const StretchPtr& s : m_fetching)
+        if (s->offset >= offset + length && s->offset < end) end = s->offset;
+    return end;
+}
+
+void S3Reader::readAt(uint64_t offset, void* buffer, size_t length) const {
+    if (offset > m_stamp.size || length > m_stamp.size - offset)
+        throw StoreError(m_url + ": data at offset " + std::to_string(offset) + ": past the end of the object (" +
+                         std::to_string(m_stamp.size) + " bytes)");
+    if (!length) return;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (;;) {
+        if (fromKept(offset, buffer, length)) return;
+        auto coming = std::find_if(m_fetching.begin(), m_fetching.end(),
+                                   [&](const StretchPtr& s) { return s->holds(offset, length); });
+        if (coming == m_fetching.end()) break;
+        // On its way: wait for it. A fetch that failed is not kept, and the
+        // read then asks for its bytes itself.
+        StretchPtr s = *coming;
+        m_fetched.wait(lock, [&] { return s->done; });
+    }
+    // Small reads (headers, tables, bitmaps) are not worth keeping, unless
+    // the opener is still reading what it needs at once.
+    if (length < kSmall) {
+        lock.unlock();
+        m_client->getRange(m_key, offset, length, buffer, m_etag);
+        lock.lock();
+        if (!m_saved) m_opening.emplace_back(offset, std::string(static_cast<const char*>(buffer), length));
+        return;
+    }
+    auto s = std::make_shared<Stretch>();
+    s->offset = offset;
+    s->bytes.resize(static_cast<size_t>(fetchEnd(offset, length) - offset));
+    m_lastEnd = offset + length;
+    m_fetching.push_back(s);
+    lock.unlock();
+    std::exception_ptr failed;
+    try {
+        m_client->getRange(m_key, s->offset, s->bytes.size(), s->bytes.data(), m_etag);
+    } catch (...) {
+        failed = std::current_exception();
+    }
+    lock.lock();
+    m_fetching.erase(std::find(m_fetching.begin(), m_fetching.end(), s));
+    s->done = true;
+    if (!failed) {
+        std::memcpy(buffer, s->bytes.data(), length);
+        m_kept.push_front(s);
+        m_keptBytes += s->bytes.size();
+        while (m_keptBytes > kKeptBytes && m_kept.size() > 1) {
+            m_keptBytes -= m_kept.back()->bytes.size();
+            m_kept.pop_back();
+        }
+    }
+    m_fetched.notify_all();
+    if (failed) std::rethrow_exception(failed);
+}
+
+void S3Reader::opened() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_saved || !m_cache || m_etag.empty()) return;
+    m_saved = true;
+    m_cache->put(openingKey(m_key), m_etag, packStretches(m_opening));
+}
+
+}  // namespace zxblk

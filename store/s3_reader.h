@@ -1,0 +1,78 @@
+// An object on S3 read with range GETs, as a snapshot's recalls read it.
+//
+// What its opener read first (a snapshot's footer, header and block table)
+// is kept while the reader lives, and on local disk for the next reader of
+// the same object. Larger reads (a block and its bitmap, which a recall
+// checks whole against its checksum) are fetched as stretches that later
+// reads of the same bytes share: a read that finds its bytes on their way
+// waits for them rather than asking again, and a read that carries on where
+// an earlier one ended fetches what follows too, up to a few MiB in one
+// GET, so that a reader going through the object in order has a link a
+// network away full instead of paying a round trip per block.
+#pragma once
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "store/s3_client.h"
+#include "store/s3_metadata.h"
+#include "store/storage.h"
+
+namespace zxblk {
+
+class S3Reader : public ObjectReader {
+public:
+    // `opening`: stretches fetched (or kept from an earlier open) for the
+    // opener; `saved` says they are on local disk already.
+    S3Reader(std::shared_ptr<S3Client> client, std::shared_ptr<S3MetadataCache> cache, std::string key,
+             std::string url, std::string etag, uint64_t size, Stretches opening, bool saved);
+    const std::string& name() const override { return m_url; }
+    uint64_t size() const override { return m_stamp.size; }
+    const FileStamp& stamp() const override { return m_stamp; }
+    void readAt(uint64_t offset, void* buffer, size_t length) const override;
+    // Every GET asks for the version opened (If-Match), so a replaced
+    // object fails its reads rather than serving other bytes.
+    bool current() const override { return true; }
+    void opened() const override;
+    // The cache entry of an object's opening stretches.
+    static std::string openingKey(const std::string& key) { return "opening " + key; }
+
+    // Reads below this are not kept (but for the opener's); a stretch
+    // fetched for a reader in order is at most kFollowOn long.
+    static constexpr uint64_t kSmall = 64 << 10, kFollowOn = 8 << 20;
+    // What the fetched stretches of one object may hold at once.
+    static constexpr uint64_t kKeptBytes = 24 << 20;
+
+private:
+    struct Stretch {
+        uint64_t offset = 0;
+        std::vector<uint8_t> bytes;
+        bool done = false;
+        uint64_t end() const { return offset + bytes.size(); }
+        bool holds(uint64_t at, uint64_t length) const { return at >= offset && at + length <= end(); }
+    };
+    using StretchPtr = std::shared_ptr<Stretch>;
+    // Copies from a stretch kept or fetched for the opener; caller holds m_mutex.
+    bool fromKept(uint64_t offset, void* buffer, size_t length) const;
+    // How far a fetch from `offset` of `length` bytes goes; caller holds m_mutex.
+    uint64_t fetchEnd(uint64_t offset, uint64_t length) const;
+
+    std::shared_ptr<S3Client> m_client;
+    std::shared_ptr<S3MetadataCache> m_cache;
+    std::string m_key, m_url, m_etag;
+    FileStamp m_stamp;
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_fetched;
+    mutable Stretches m_opening;
+    mutable bool m_saved;
+    mutable std::list<StretchPtr> m_kept;  // fetched, most recently used first
+    mutable uint64_t m_keptBytes = 0;
+    mutable std::vector<StretchPtr> m_fetching;
+    mutable uint64_t m_lastEnd = UINT64_MAX;  // where the last large read ended
+};
+
+}  // namespace zxblk
