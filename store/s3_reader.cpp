@@ -40,7 +40,10 @@ uint64_t S3Reader::fetchEnd(uint64_t offset, uint64_t length) const {
     bool inOrder = offset == m_lastEnd;
     for (const StretchPtr& s : m_fetching) inOrder = inOrder || s->end() == offset;
     for (const StretchPtr& s : m_kept) inOrder = inOrder || s->end() == offset;
-    if (inOrder) end = std::max(end, std::min(m_stamp.size, offset + kFollowOn));
+    // Reads of one object are mostly of one size (a block and its bitmap):
+    // whole multiples of it, so that the next read finds all its bytes in
+    // one stretch rather than half of them.
+    if (inOrder) end = std::min(m_stamp.size, offset + std::max<uint64_t>(1, kFollowOn / length) * length);
     // ...but not what is on its way already.
     for (const StretchPtr& s : m_fetching)
         if (s->offset >= offset + length && s->offset < end) end = s->offset;

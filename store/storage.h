@@ -102,7 +102,8 @@ public:
                            const std::function<bool(const std::string&)>& known = nullptr) const = 0;
     // What tells one object from another whatever its name is spelled
     // like: a file's device and inode (a hard link is the same file), an
-    // object's key. Empty when there is no such object.
+    // object's key. Empty when there is no such file (an object's key is
+    // its identity whether or not it exists).
     virtual std::string identity(const std::string& name) const;
     // Creates or replaces the object whole: a reader sees the old bytes or
     // the new ones, never a mix.
