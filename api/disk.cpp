@@ -43,7 +43,7 @@ Disk Store::openDisk(const std::string& name, const DiskOptions& options) const 
         o.snapshot = options.snapshot;
         o.cacheDir = options.cacheDir;
         o.cacheLimit = options.cacheLimit;
-        o.readaheadMax = options.readaheadMax;
+        o.readahead = options.readahead;
         o.flushThreshold = options.flushThreshold;
         o.mountPoint = options.mountPoint;
         o.dropCacheAtEnd = options.dropCacheAtEnd;
@@ -154,6 +154,7 @@ DiskStats Disk::stats() {
         s.extentsRecalled = h.extentsRecalled;
         s.bytesRecalled = h.bytesRecalled;
         s.extentsReadAhead = h.readaheads;
+        s.readAheadUnused = h.readaheadUnused;
         s.readErrors = h.readErrors;
         s.evictions = h.evictions;
         s.cacheExtents = h.cacheExtents;

@@ -12,6 +12,12 @@
 #include "store/store_error.h"
 
 namespace zxblk {
+namespace {
+
+// Blocks of the allocation map asked about in one question (see allocation).
+const uint64_t kBlocksPerStretch = 1024;
+
+}  // namespace
 
 ExtentHandle::~ExtentHandle() { m_cache->unpin(m_extent); }
 
@@ -55,7 +61,7 @@ DiskHost::DiskHost(std::shared_ptr<StoreServices> services, const HostOptions& o
     m_pool.reset(new DiskPool(*m_services, *record, m_snapshot, *m_cache, options.diskObjects, options.flushThreshold));
     // Readahead never asks for more than a quarter of what the cache holds:
     // in a cache of a few extents it would only push out what readers use.
-    const unsigned window = static_cast<unsigned>(std::min<uint64_t>(options.readaheadMax, m_cache->capacity() / E / 4));
+    const unsigned window = static_cast<unsigned>(std::min<uint64_t>(options.readahead / E, m_cache->capacity() / E / 4));
     m_readahead.reset(new Readahead(*m_cache, *m_pool, E, m_extentCount, window, m_pool->objects()));
 }
 
@@ -77,19 +83,32 @@ uint64_t DiskHost::allocationGranularity() {
     return m_granularity;
 }
 
+// The block tables are asked a stretch of many blocks at a time, and block
+// by block only within a stretch that holds data: a huge disk that holds
+// little is walked in as many questions as it has stretches, not blocks.
 std::vector<AllocatedRange> DiskHost::allocation(uint64_t offset, uint64_t length) {
     std::vector<AllocatedRange> out;
     const uint64_t end = std::min(m_size, offset + std::min(length, m_size));
     if (offset >= end) return out;
-    const uint64_t g = allocationGranularity();
-    for (uint64_t at = offset; at < end;) {
-        uint64_t next = std::min(end, (at / g + 1) * g);
-        bool data = m_services->holdsData(*m_record, m_snapshot, at, next - at);
+    const uint64_t g = allocationGranularity(), stretch = g * kBlocksPerStretch;
+    auto add = [&out](uint64_t at, uint64_t n, bool data) {
         if (!out.empty() && out.back().data == data)
-            out.back().length += next - at;
+            out.back().length += n;
         else
-            out.push_back(AllocatedRange{at, next - at, data});
-        at = next;
+            out.push_back(AllocatedRange{at, n, data});
+    };
+    for (uint64_t at = offset; at < end;) {
+        const uint64_t stretchEnd = std::min(end, (at / stretch + 1) * stretch);
+        if (!m_services->holdsData(*m_record, m_snapshot, at, stretchEnd - at)) {
+            add(at, stretchEnd - at, false);
+            at = stretchEnd;
+            continue;
+        }
+        for (; at < stretchEnd;) {
+            uint64_t next = std::min(stretchEnd, (at / g + 1) * g);
+            add(at, next - at, m_services->holdsData(*m_record, m_snapshot, at, next - at));
+            at = next;
+        }
     }
     return out;
 }
@@ -132,6 +151,12 @@ void DiskHost::read(uint64_t offset, uint64_t length, void* buffer) {
     for (uint64_t at = offset; at < end;) {
         uint64_t within = at % E;
         uint64_t n = std::min<uint64_t>(end - at, E - within);
+        // What no snapshot holds reads as zeros: nothing to recall or cache.
+        if (!m_pool->holdsData(at / E)) {
+            std::memset(out + (at - offset), 0, n);
+            at += n;
+            continue;
+        }
         std::unique_ptr<ExtentHandle> h = acquire(at / E);
         for (uint64_t done = 0; done < n;) {
             ssize_t got = ::pread(h->fd(), out + (at - offset) + done, n - done, static_cast<off_t>(within + done));
@@ -153,6 +178,7 @@ HostStats DiskHost::stats() const {
     h.readErrors = p.readErrors;
     h.evictions = m_cache->evictions();
     h.readaheads = m_readahead->recalled();
+    h.readaheadUnused = m_cache->unusedAhead();
     h.cacheExtents = m_cache->count();
     h.cacheBytes = m_cache->usedBytes();
     h.cacheLimit = m_cache->capacity();
@@ -179,6 +205,7 @@ std::string DiskHost::statsText() const {
     line("extents_recalled", h.extentsRecalled);
     line("bytes_recalled", h.bytesRecalled);
     line("extents_read_ahead", h.readaheads);
+    line("read_ahead_unused", h.readaheadUnused);
     line("read_errors", h.readErrors);
     line("evictions", h.evictions);
     line("cache_extents", h.cacheExtents);

@@ -30,9 +30,10 @@ struct HostOptions {
     // Disk objects per disk: each runs one recall at a time, so this many
     // extents can be on their way at once.
     unsigned diskObjects = 4;
-    // Largest readahead window for a sequential reader, in extents; 0: reads
-    // never recall ahead by themselves (readahead() still does).
-    unsigned readaheadMax = 0;
+    // Largest readahead window for a sequential reader, in bytes (whole
+    // extents, at most a quarter of the cache); 0: reads never recall ahead
+    // by themselves (readahead() still does).
+    uint64_t readahead = 0;
     // Where the disk is mounted, when a mount holds the cache: the lock file
     // says so, so that a process refused the cache can tell the user where.
     std::string mountPoint;
@@ -54,6 +55,7 @@ struct HostStats {
     uint64_t evictions = 0;        // extents dropped from the cache to make room
     uint64_t readErrors = 0;
     uint64_t readaheads = 0;       // extents recalled ahead of a reader
+    uint64_t readaheadUnused = 0;  // of those, evicted or dropped unread, or not read yet
     uint64_t cacheExtents = 0, cacheBytes = 0, cacheLimit = 0;
     RestoreStats restore;  // the store's restore service, shared with its other disks
     bool mountComplete = false, metadataPhase = false;
@@ -102,7 +104,8 @@ public:
     // throws StoreError naming the extent when it cannot be made local.
     // Any number of threads may read at once: extents already local are
     // served without waiting for a recall in progress, and different
-    // extents recall in parallel.
+    // extents recall in parallel. An extent that no snapshot holds a byte
+    // of reads as zeros without a recall.
     void read(uint64_t offset, uint64_t length, void* buffer);
     // Makes the extent local and holds it; throws StoreError.
     std::unique_ptr<ExtentHandle> acquire(uint64_t extent);

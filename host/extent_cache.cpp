@@ -221,7 +221,7 @@ std::shared_ptr<ExtentFile> ExtentCache::open(uint64_t extent) {
 std::shared_ptr<ExtentFile> ExtentCache::openLocked(uint64_t extent) {
     auto entry = m_entries.find(extent);
     if (entry == m_entries.end()) return nullptr;
-    touchLocked(entry->second);
+    useLocked(entry->second);
     auto it = m_files.find(extent);
     if (it != m_files.end()) return it->second;
     std::string path = m_store->extentPath(static_cast<long long>(extent));
@@ -244,7 +244,7 @@ bool ExtentCache::local(uint64_t extent, bool use) {
     MutexLock lock(m_mutex);
     auto it = m_entries.find(extent);
     if (it == m_entries.end()) return false;
-    if (use) touchLocked(it->second);
+    if (use) useLocked(it->second);
     return true;
 }
 
@@ -263,17 +263,30 @@ void ExtentCache::forget(uint64_t extent) {
 
 bool ExtentCache::mayRecall(uint64_t extent, bool ahead) {
     MutexLock lock(m_mutex);
-    if (ahead) return !m_forgotten.count(extent);
+    if (ahead) {
+        if (m_forgotten.count(extent)) return false;
+        m_aheadComing.insert(extent);
+        return true;
+    }
     m_forgotten.erase(extent);  // stale entries in the order are harmless
     return true;
 }
 
 bool ExtentCache::takeArrival(uint64_t extent) {
     MutexLock lock(m_mutex);
+    m_aheadComing.erase(extent);
     return m_arrived.erase(extent) != 0;
 }
 
 void ExtentCache::touchLocked(Entry& entry) { m_useOrder.splice(m_useOrder.begin(), m_useOrder, entry.use); }
+
+void ExtentCache::useLocked(Entry& entry) {
+    touchLocked(entry);
+    if (entry.unreadAhead) {
+        entry.unreadAhead = false;
+        --m_unreadAhead;
+    }
+}
 
 void ExtentCache::insertLocked(uint64_t extent, unsigned long long bytes) {
     auto it = m_entries.find(extent);
@@ -296,6 +309,10 @@ void ExtentCache::eraseLocked(uint64_t extent) {
     auto it = m_entries.find(extent);
     if (it == m_entries.end()) return;
     m_used -= it->second.bytes;
+    if (it->second.unreadAhead) {
+        --m_unreadAhead;
+        ++m_aheadWasted;
+    }
     m_useOrder.erase(it->second.use);
     m_entries.erase(it);
 }
@@ -354,6 +371,11 @@ void ExtentCache::settle(long long extent, unsigned long long bytes, bool movedI
     const uint64_t e = static_cast<uint64_t>(extent);
     m_files.erase(e);  // a replaced file: readers that hold the old one keep it
     insertLocked(e, bytes);
+    Entry& entry = m_entries[e];
+    if (m_aheadComing.count(e) && !entry.unreadAhead) {
+        entry.unreadAhead = true;
+        ++m_unreadAhead;
+    }
     m_arrived.insert(e);
     m_unsynced.insert(e);
 }
@@ -412,6 +434,11 @@ size_t ExtentCache::count() {
 uint64_t ExtentCache::evictions() {
     MutexLock lock(m_mutex);
     return m_evictions;
+}
+
+uint64_t ExtentCache::unusedAhead() {
+    MutexLock lock(m_mutex);
+    return m_unreadAhead + m_aheadWasted;
 }
 
 }  // namespace zxblk

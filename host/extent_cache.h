@@ -82,10 +82,11 @@ public:
     // already under way from bringing it back.
     void forget(uint64_t extent) EXCLUDES(m_mutex);
     // Whether a recall of the extent may go ahead: not a readahead of one a
-    // reader forgot; a reader's recall clears that.
+    // reader forgot; a reader's recall clears that. A readahead allowed to
+    // go ahead marks what it moves in as read ahead and not yet used.
     bool mayRecall(uint64_t extent, bool ahead) EXCLUDES(m_mutex);
     // Whether the extent was moved in since the last call for it: a recall
-    // learns so even when the extent left again at once.
+    // learns so even when the extent left again at once. Ends the recall.
     bool takeArrival(uint64_t extent) EXCLUDES(m_mutex);
     // Puts the dirty mark down, durably, unless it is; throws StoreError.
     // Called before every recall, as a move-in may follow.
@@ -96,11 +97,15 @@ public:
     unsigned long long usedBytes() override EXCLUDES(m_mutex);
     unsigned long long capacity() override EXCLUDES(m_mutex);
     uint64_t evictions() EXCLUDES(m_mutex);
+    // Extents read ahead that no reader has used: evicted or dropped before
+    // a read came for them, or still waiting for one.
+    uint64_t unusedAhead() EXCLUDES(m_mutex);
 
 private:
     struct Entry {
         unsigned long long bytes = 0;
         std::list<uint64_t>::iterator use;  // its place in m_useOrder
+        bool unreadAhead = false;           // moved in by a readahead, not used since
     };
 
     void lockFolder();
@@ -108,6 +113,8 @@ private:
     void drop(const std::string& why) EXCLUDES(m_mutex);
     std::shared_ptr<ExtentFile> openLocked(uint64_t extent) REQUIRES(m_mutex);
     void touchLocked(Entry& entry) REQUIRES(m_mutex);
+    // A reader's use: the most recently used, and no longer unread.
+    void useLocked(Entry& entry) REQUIRES(m_mutex);
     void insertLocked(uint64_t extent, unsigned long long bytes) REQUIRES(m_mutex);
     void eraseLocked(uint64_t extent) REQUIRES(m_mutex);
     unsigned long long evictLocked(unsigned long long bytes) REQUIRES(m_mutex);
@@ -152,6 +159,11 @@ private:
     // under way for one of them must not bring it back.
     std::unordered_set<uint64_t> m_forgotten GUARDED_BY(m_mutex);
     std::deque<uint64_t> m_forgottenOrder GUARDED_BY(m_mutex);
+    // Readahead recalls under way, and the extents they brought that no
+    // reader used: still here, or gone.
+    std::unordered_set<uint64_t> m_aheadComing GUARDED_BY(m_mutex);
+    uint64_t m_unreadAhead GUARDED_BY(m_mutex) = 0;
+    uint64_t m_aheadWasted GUARDED_BY(m_mutex) = 0;
 };
 
 }  // namespace zxblk

@@ -11,10 +11,6 @@ namespace {
 const char* const kTag = "DiskHost";
 // Extents waiting for a readahead worker; older requests give way to newer.
 const size_t kQueuedAhead = 64;
-// How far a read may start from where a sequential reader would read next
-// and still count as its: the kernel hands a file's readahead to several
-// threads, which come in slightly out of order.
-const uint64_t kStreamSlack = 4ull << 20;
 const size_t kStreams = 8;
 
 }  // namespace
@@ -97,10 +93,18 @@ void Readahead::worker() {
     }
 }
 
-// Spots sequential readers and recalls ahead of them: the window starts at
-// two extents once a reader has read a whole extent in order, doubles with
-// each extent it enters, up to the largest window, and ends with the reader
-// (a read that follows no stream starts a new one, with no readahead yet).
+// Spots sequential readers and recalls ahead of them. A read continues a
+// stream when it starts where one of the stream's last few reads ended, or
+// ends where one began: the kernel hands a file's readahead to several
+// threads, whose reads come in slightly out of order but always fit end to
+// start. Reads that only land near one another, as a file system's scattered
+// metadata does, are no stream. The window opens at one extent once the
+// reader has read a whole extent in order and doubles each time it enters
+// the next extent, up to the largest window. A read that continues no stream
+// starts one, with no readahead yet, and closes the window of the stream read
+// last: its reader has most likely turned elsewhere, and what was queued for
+// it and not yet started is taken back. Extents that no snapshot holds are
+// never asked for.
 void Readahead::noteRead(uint64_t offset, uint64_t length) {
     if (!m_maxWindow || !length) return;
     const uint64_t E = m_extentSize;
@@ -111,24 +115,35 @@ void Readahead::noteRead(uint64_t offset, uint64_t length) {
         ++m_streamClock;
         Stream* s = nullptr;
         for (Stream& c : m_streams)
-            if (c.lastUse && offset + kStreamSlack >= c.next && offset <= c.next + kStreamSlack) s = &c;
+            if (c.lastUse && c.fits(offset, end)) s = &c;
         if (!s) {
+            auto last = std::max_element(m_streams.begin(), m_streams.end(),
+                                         [](const Stream& a, const Stream& b) { return a.lastUse < b.lastUse; });
+            if (last->lastUse && last->window) closeLocked(*last);
             s = &*std::min_element(m_streams.begin(), m_streams.end(),
                                    [](const Stream& a, const Stream& b) { return a.lastUse < b.lastUse; });
             *s = Stream();
             s->start = offset;
             s->next = end;
-            s->aheadUntil = (end - 1) / E + 1;
+            s->current = (end - 1) / E;
+            s->aheadUntil = s->current + 1;
+            s->remember(offset, end);
             s->lastUse = m_streamClock;
             return;
         }
         s->lastUse = m_streamClock;
+        s->remember(offset, end);
+        s->start = std::min(s->start, offset);
         s->next = std::max(s->next, end);
         // A file read in a few pieces is no stream yet: readahead starts
         // once a reader has gone through a whole extent in order.
         if (s->next - s->start < E) return;
-        uint64_t current = (end - 1) / E;
-        s->window = s->window ? std::min(s->window * 2, m_maxWindow) : std::min(2u, m_maxWindow);
+        const uint64_t current = (s->next - 1) / E;
+        if (!s->window)
+            s->window = 1;
+        else if (current > s->current)
+            s->window = std::min(s->window * 2, m_maxWindow);
+        s->current = std::max(s->current, current);
         uint64_t until = std::min(m_extentCount, current + 1 + s->window);
         if (until > s->aheadUntil) {
             from = std::max(s->aheadUntil, current + 1);
@@ -137,6 +152,19 @@ void Readahead::noteRead(uint64_t offset, uint64_t length) {
         }
     }
     if (count) request(from, count);
+}
+
+void Readahead::closeLocked(Stream& s) {
+    const uint64_t first = s.current + 1, last = s.aheadUntil;
+    s.window = 0;
+    s.aheadUntil = first;
+    std::deque<uint64_t> kept;
+    for (uint64_t e : m_queue)
+        if (e >= first && e < last)
+            m_inQueue.erase(e);
+        else
+            kept.push_back(e);
+    m_queue.swap(kept);
 }
 
 void Readahead::prefetch(std::vector<uint64_t> extents) {

@@ -11,6 +11,7 @@
 #include <deque>
 #include <thread>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "framework/ThreadAnnotations.h"
@@ -34,7 +35,8 @@ public:
     // Recalls [first, first + count) (clipped to the disk) in the background;
     // extents already local, on their way or holding no data are skipped.
     void request(uint64_t first, uint64_t count) EXCLUDES(m_mutex);
-    // A read of the disk, for the readahead of sequential readers.
+    // A read of the disk, for the readahead of sequential readers (see
+    // readahead.cpp for how the window grows and closes).
     void noteRead(uint64_t offset, uint64_t length) EXCLUDES(m_mutex);
     // Recalls these extents on a thread of its own, as a reader would.
     void prefetch(std::vector<uint64_t> extents) EXCLUDES(m_prefetchMutex);
@@ -60,11 +62,24 @@ private:
     // Sequential readers seen lately: where each would read next and its window.
     struct Stream {
         uint64_t start = 0;       // where the reader began reading in order
-        uint64_t next = 0;
+        uint64_t next = 0;        // the end of its furthest read
+        uint64_t current = 0;     // the furthest extent the reader has entered
         uint64_t aheadUntil = 0;  // first extent not yet asked for
         unsigned window = 0;
         uint64_t lastUse = 0;
+        // Its last few reads, [begin, end) each.
+        std::pair<uint64_t, uint64_t> recent[4] = {};
+        unsigned recentAt = 0;
+        bool fits(uint64_t offset, uint64_t end) const {
+            for (const auto& r : recent)
+                if (r.second && (offset == r.second || end == r.first)) return true;
+            return false;
+        }
+        void remember(uint64_t offset, uint64_t end) { recent[recentAt++ % 4] = {offset, end}; }
     };
+    // Closes the stream's window and takes back what it queued that no
+    // worker has started.
+    void closeLocked(Stream& s) REQUIRES(m_mutex);
     std::vector<Stream> m_streams GUARDED_BY(m_mutex);
     uint64_t m_streamClock GUARDED_BY(m_mutex) = 0;
 

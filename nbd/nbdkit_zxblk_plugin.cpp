@@ -2,7 +2,8 @@
 // nbdkit, read-only, one export per disk:
 //
 //     nbdkit zxblk store=S [disk=NAME[@N]]... [client=VM]... [snapshot=N]
-//                  [cache=DIR] [cache-limit=SIZE] [statsfile=FILE | statsdir=DIR]
+//                  [cache=DIR] [cache-limit=SIZE] [readahead=SIZE]
+//                  [statsfile=FILE | statsdir=DIR]
 //
 // disk= and client= name the disks served, each opened before the server
 // starts; without them every disk of the store is served by its name (the
@@ -55,6 +56,7 @@ struct Config {
     std::vector<Wanted> wanted;
     int snapshot = -1;
     uint64_t cacheLimit = 0;
+    uint64_t readahead = zxblk::DiskOptions().readahead;
 };
 Config g_config;
 
@@ -128,13 +130,13 @@ int config(const char* key, const char* value) {
             nbdkit_error("snapshot=%s: not a snapshot number (0 is the oldest)", value);
             return -1;
         }
-    } else if (k == "cache-limit") {
+    } else if (k == "cache-limit" || k == "readahead") {
         int64_t n = nbdkit_parse_size(value);
         if (n < 0) return -1;
-        g_config.cacheLimit = static_cast<uint64_t>(n);
+        (k == "readahead" ? g_config.readahead : g_config.cacheLimit) = static_cast<uint64_t>(n);
     } else {
         nbdkit_error("unknown parameter '%s' (the zxblk plugin takes store, disk, client, snapshot, cache, "
-                     "cache-limit, statsfile and statsdir)",
+                     "cache-limit, readahead, statsfile and statsdir)",
                      key);
         return -1;
     }
@@ -223,6 +225,7 @@ std::shared_ptr<zxblk::Disk> openLocked(const Export& e) {
     zxblk::DiskOptions options;
     options.snapshot = e.snapshot;
     options.cacheLimit = g_config.cacheLimit;
+    options.readahead = g_config.readahead;
     if (!g_config.cache.empty())
         options.cacheDir = g_oneCache ? g_config.cache : g_config.cache + "/" + e.disk + "-snap" + std::to_string(e.snapshot);
     try {
@@ -528,6 +531,8 @@ nbdkit_plugin makePlugin() {
         "cache=DIR         the extent cache of the one disk served, or with several a folder\n"
         "                  of caches DIR/NAME-snapN (default: under ~/.cache/zxblk)\n"
         "cache-limit=SIZE  bytes each disk's cache may hold (default: a quarter of its free space)\n"
+        "readahead=SIZE    largest window recalled ahead of a reader that reads in order (default 16M,\n"
+        "                  0: none)\n"
         "statsfile=FILE    the one disk's statistics, rewritten each second\n"
         "statsdir=DIR      the statistics of each export, in DIR/EXPORT.stats";
     p.magic_config_key = "disk";

@@ -117,7 +117,7 @@ void openDisks(const MountArgs& a, Mounted& m) {
         o.cacheDir = p.cacheDir;
         o.cacheLimit = a.disks.cacheLimit;
         // A file system read in order (a copy, a scan) gets the extents ahead of it.
-        o.readaheadMax = 16;
+        o.readahead = a.disks.readahead;
         // Tracking mount and metadata extents is the point of a mount.
         o.trackExtents = true;
         o.flushThreshold = a.flushThreshold;

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <sstream>
 #include <vector>
 
@@ -38,7 +39,7 @@ Disk openDisk(const DiskArgs& a) {
     o.snapshot = a.snapshot;
     o.cacheDir = a.cache;
     // Both commands say themselves what to recall ahead, if anything.
-    o.readaheadMax = 0;
+    o.readahead = 0;
     Disk disk = Disk::open(a.store, a.disk, o);
     sayNotices(disk.notices());
     return disk;
@@ -65,6 +66,39 @@ void writeOut(const char* bytes, uint64_t length) {
     }
 }
 
+// The extents of a disk that hold data, in order, from its allocation map
+// asked a stretch at a time: a huge disk holding little costs as many
+// questions as it has stretches, and none per extent it does not hold.
+class DataExtents {
+public:
+    explicit DataExtents(Disk& disk)
+        : m_disk(disk), m_extentSize(disk.extentSize()), m_stretch(disk.allocationGranularity() * 65536) {}
+    // The next extent holding data, or extentCount() when none is left.
+    uint64_t next() {
+        for (;;) {
+            while (!m_ranges.empty()) {
+                const Range r = m_ranges.front();
+                const uint64_t last = (r.offset + r.length - 1) / m_extentSize;
+                m_candidate = std::max(m_candidate, r.offset / m_extentSize);
+                if (m_candidate <= last) return m_candidate++;
+                m_ranges.pop_front();
+            }
+            if (m_scanned >= m_disk.size()) return m_disk.extentCount();
+            const uint64_t n = std::min(m_stretch, m_disk.size() - m_scanned);
+            for (const Range& r : m_disk.allocation(m_scanned, n))
+                if (r.data) m_ranges.push_back(r);
+            m_scanned += n;
+        }
+    }
+
+private:
+    Disk& m_disk;
+    const uint64_t m_extentSize, m_stretch;
+    uint64_t m_scanned = 0;    // bytes of the disk whose allocation was asked for
+    uint64_t m_candidate = 0;  // no extent before it is left to give
+    std::deque<Range> m_ranges;
+};
+
 }  // namespace
 
 void registerExportCommand(CLI::App& app) {
@@ -85,34 +119,37 @@ void registerExportCommand(CLI::App& app) {
         ExportSink sink(out, total);
         Progress progress("export " + args.disk, total);
         auto start = std::chrono::steady_clock::now();
-        // Recalls run this many extents ahead of the one being written, so
-        // that recalling and writing overlap.
+        // Recalls run this many extents holding data ahead of the one being
+        // written, so that recalling and writing overlap.
         const uint64_t window = 8;
-        auto ahead = [&](uint64_t first, uint64_t n) {
-            if (first < count) disk.prefetch(first * E, std::min(n * E, total - first * E));
-        };
-        {
-            ahead(1, window);
-            for (uint64_t e = 0; e < count; ++e) {
-                // The window moves on by one: only the extent entering it is new.
-                ahead(e + window, 1);
-                uint64_t n = std::min(E, total - e * E);
-                // What no snapshot holds is zeros: nothing to recall.
-                std::vector<Range> held = disk.allocation(e * E, n);
-                if (held.size() == 1 && !held[0].data) {
-                    sink.zeros(e * E, n);
-                } else {
-                    {
-                        LocalExtent extent = disk.extent(e);
-                        sink.copyFrom(extent.fd(), 0, e * E, n);
-                    }
-                    // A recalled extent is not kept: an export reads each once.
-                    disk.dropExtent(e);
-                }
-                progress.update(e * E + n);
+        DataExtents toWrite(disk), toRecall(disk);
+        std::deque<uint64_t> ahead;
+        for (uint64_t written = 0;;) {
+            while (ahead.size() < window) {
+                uint64_t e = toRecall.next();
+                if (e >= count) break;
+                disk.prefetch(e * E, std::min(E, total - e * E));
+                ahead.push_back(e);
             }
-            sink.commit();
+            const uint64_t e = toWrite.next();
+            if (!ahead.empty() && ahead.front() == e) ahead.pop_front();
+            // What no snapshot holds is zeros, a hole where the output can
+            // hold one: nothing to recall.
+            const uint64_t at = std::min(e * E, total);
+            if (at > written) sink.zeros(written, at - written);
+            if (e >= count) break;
+            const uint64_t n = std::min(E, total - at);
+            {
+                LocalExtent extent = disk.extent(e);
+                sink.copyFrom(extent.fd(), 0, at, n);
+            }
+            // A recalled extent is not kept: an export reads each once.
+            disk.dropExtent(e);
+            written = at + n;
+            progress.update(written);
         }
+        progress.update(total);
+        sink.commit();
         progress.finish();
         double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         unsigned long long recalled = statValue(disk.statsText(), "extents_recalled");

@@ -76,6 +76,7 @@ std::vector<std::string> nbdkitArgs(const ServeArgs& a, const Listener& l, size_
     if (a.disks.snapshot >= 0) args.push_back("snapshot=" + std::to_string(a.disks.snapshot));
     if (!a.disks.cache.empty()) args.push_back("cache=" + a.disks.cache);
     if (a.disks.cacheLimit) args.push_back("cache-limit=" + std::to_string(a.disks.cacheLimit));
+    args.push_back("readahead=" + std::to_string(a.disks.readahead));
     if (!a.statsPath.empty()) args.push_back((exports > 1 ? "statsdir=" : "statsfile=") + a.statsPath);
     return args;
 }

@@ -108,7 +108,7 @@ void registerStatsCommand(CLI::App& app) {
         uint64_t diskBytes = take("disk_bytes"), extentSize = take("extent_size");
         uint64_t extents = extentSize ? (diskBytes + extentSize - 1) / extentSize : 0;
         uint64_t recalled = take("extents_recalled"), recalledBytes = take("bytes_recalled");
-        uint64_t ahead = take("extents_read_ahead"), errors = take("read_errors"), evictions = take("evictions");
+        uint64_t ahead = take("extents_read_ahead"), unused = take("read_ahead_unused"), errors = take("read_errors"), evictions = take("evictions");
         uint64_t cacheExtents = take("cache_extents"), cacheBytes = take("cache_bytes"), limit = take("cache_limit");
         uint64_t jobs = take("restore_jobs"), failures = take("restore_failures"), restored = take("restore_bytes");
         uint64_t partitions = take("partitions");
@@ -118,8 +118,9 @@ void registerStatsCommand(CLI::App& app) {
         std::printf("disk             %s, %s of %s\n", humanSize(diskBytes).c_str(), plural(extents, "extent").c_str(),
                     humanSize(extentSize).c_str());
         std::printf("partitions       %s\n", partitions ? std::to_string(partitions).c_str() : "none");
-        std::printf("recalled         %s (%s%s), %llu of them read ahead\n", plural(recalled, "extent").c_str(),
-                    humanSize(recalledBytes).c_str(), share, static_cast<unsigned long long>(ahead));
+        std::printf("recalled         %s (%s%s), %llu of them read ahead, %llu of those not read\n",
+                    plural(recalled, "extent").c_str(), humanSize(recalledBytes).c_str(), share,
+                    static_cast<unsigned long long>(ahead), static_cast<unsigned long long>(unused));
         std::printf("read errors      %llu\n", static_cast<unsigned long long>(errors));
         std::printf("cache            %s, %s of a %s limit; %s\n", plural(cacheExtents, "extent").c_str(),
                     humanSize(cacheBytes).c_str(), humanSize(limit).c_str(), plural(evictions, "eviction").c_str());

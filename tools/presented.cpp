@@ -20,6 +20,9 @@ void addPresentedOptions(CLI::App* cmd, PresentedOptions& o) {
                   "largest size of each disk's extent cache, e.g. 2G or 256K (default: a quarter of the space it may "
                   "use)",
                   1);
+    addSizeOption(cmd, "--readahead", o.readahead,
+                  "largest window recalled ahead of a reader that reads a disk in order, e.g. 16M (the default), 0 "
+                  "for none; it grows only while the reader stays in order");
 }
 
 void requirePresented(const PresentedOptions& o) {

@@ -18,9 +18,10 @@ struct PresentedOptions {
     int snapshot = -1;   // -1: each disk's newest
     std::string cache;   // one disk: its cache; several: the folder of their caches
     uint64_t cacheLimit = 0;
+    uint64_t readahead = DiskOptions().readahead;  // bytes; 0: none
 };
 
-// --store, --disk, --client, --snapshot, --cache and --cache-limit.
+// --store, --disk, --client, --snapshot, --cache, --cache-limit and --readahead.
 void addPresentedOptions(CLI::App* command, PresentedOptions& options);
 
 // A usage error unless the options name a disk or a client.

@@ -172,9 +172,13 @@ struct DiskOptions {
     int snapshot = -1;        // -1: the newest
     std::string cacheDir;     // empty: a folder per store, disk and snapshot under defaultCacheRoot()
     uint64_t cacheLimit = 0;  // bytes the cache may hold; 0: a quarter of the free space where it lies
-    // Extents recalled ahead of a reader that goes through the disk in order
-    // (at most a quarter of the cache); 0: none.
-    unsigned readaheadMax = 16;
+    // The largest window recalled ahead of a reader that goes through the
+    // disk in order, in bytes: whole extents, at most a quarter of the cache;
+    // 0: none. The window opens at one extent once a reader has read a whole
+    // extent in order, doubles each time it enters the next extent, and
+    // closes as soon as its reads go elsewhere; extents that no snapshot
+    // holds are never recalled ahead.
+    uint64_t readahead = 16 << 20;
     // Track the extents recalled while the disk mounts and while its
     // metadata is identified, for the index (the provider's metadata
     // restore optimization), unless the configuration says otherwise.
@@ -253,6 +257,9 @@ struct Range {
 struct DiskStats {
     uint64_t extentsRecalled = 0, bytesRecalled = 0;
     uint64_t extentsReadAhead = 0;  // of those recalled, how many ahead of a reader
+    // Of those read ahead, how many no read has used: evicted or dropped
+    // before a read came for them, or still waiting for one.
+    uint64_t readAheadUnused = 0;
     uint64_t readErrors = 0, evictions = 0;
     uint64_t cacheExtents = 0, cacheBytes = 0, cacheLimit = 0;
     uint64_t restoreJobs = 0, restoreFailures = 0, restoreBytes = 0;  // the store's restore service
@@ -287,7 +294,9 @@ public:
     std::vector<std::string> notices() const;
 
     // Reads [offset, offset + length); throws Error when the range goes past
-    // the end of the disk or a snapshot file cannot serve it.
+    // the end of the disk or a snapshot file cannot serve it. Extents that no
+    // snapshot holds (allocation() says where) read as zeros and are not
+    // recalled.
     void read(uint64_t offset, uint64_t length, void* buffer);
     // [offset, offset + length) covered exactly by ranges in order, neighbours
     // never alike. Answered from the snapshots' block tables, without
@@ -322,10 +331,11 @@ public:
 
     DiskStats stats();
     // The same as "key value" lines: disk_bytes, extent_size,
-    // extents_recalled, bytes_recalled, extents_read_ahead, read_errors,
-    // evictions, cache_extents, cache_bytes, cache_limit, restore_jobs,
-    // restore_failures, restore_bytes, mount_complete, metadata_phase, and
-    // for a store on S3 store_gets, store_get_bytes and store_retries.
+    // extents_recalled, bytes_recalled, extents_read_ahead,
+    // read_ahead_unused, read_errors, evictions, cache_extents, cache_bytes,
+    // cache_limit, restore_jobs, restore_failures, restore_bytes,
+    // mount_complete, metadata_phase, and for a store on S3 store_gets,
+    // store_get_bytes and store_retries.
     std::string statsText();
 
 private:

@@ -1,5 +1,6 @@
 // The library's calls against answers found another way: where a disk holds
-// data against qemu-img's map of each snapshot file, what a listing says of
+// data against qemu-img's map of each snapshot file (and that what it holds
+// nothing of reads as zeros without a recall), what a listing says of
 // files removed, grown or with damaged checksums, and what a program gets
 // when it asks for what is not there.
 #include <gtest/gtest.h>
@@ -110,6 +111,7 @@ TEST(Api, AllocationMatchesQemuImgMap) {
     };
     TempDir work;
     int n = 0;
+    uint64_t holes = 0;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         const uint64_t size = c.size;
@@ -130,12 +132,27 @@ TEST(Api, AllocationMatchesQemuImgMap) {
         zxblk::DiskOptions options;
         options.snapshot = c.snapshot;
         options.cacheDir = work.path + "/cache-" + disk;
+        options.readahead = 0;  // so that only the reads below can recall
         zxblk::Disk d = zxblk::Disk::open(work.path + "/store", disk, options);
         const std::pair<uint64_t, uint64_t> ranges[] = {
             {0, size}, {c.blockSize / 2 + 777, 3 * c.extentSize + 1000}, {size - 70000, 70000}, {size, 0}};
         for (auto r : ranges) EXPECT_EQ(text(d.allocation(r.first, r.second)), expected(held, r.first, r.second))
             << "range " << r.first << "+" << r.second;
+
+        // An extent that no snapshot holds a sector of reads as zeros and
+        // is not recalled.
+        for (uint64_t at = 0; at < size; at += c.extentSize) {
+            const uint64_t len = std::min(c.extentSize, size - at);
+            auto first = held.begin() + static_cast<long>(at / 512), last = first + static_cast<long>(len / 512);
+            if (std::find(first, last, true) != last) continue;
+            std::vector<char> got(len, 'x');
+            d.read(at, len, got.data());
+            EXPECT_EQ(got, std::vector<char>(len, 0)) << "extent at " << at;
+            ++holes;
+        }
+        EXPECT_EQ(d.stats().extentsRecalled, 0u);
     }
+    EXPECT_GT(holes, 0u);
 }
 
 TEST(Api, ListingAndErrors) {

@@ -47,6 +47,25 @@ assert os.fstat(fd).st_blocks * 512 <= held * E, "more allocated than the extent
 PY
 ok "zero extents of the dynamic VHD are holes in the exported image"
 
+# A huge disk that holds little: 2000 GiB with three stretches written by
+# qemu-io (one at an odd offset, one in the last MiB) exports as the same
+# image as qemu-img's, sparse, recalling only the extents of the four 2 MiB
+# blocks that qemu-io allocated: eight of 1 MiB.
+huge=$work/huge
+qemu-img create -q -f vpc -o force_size=on "$huge.vhd" 2000G
+qemu-io -f vpc -c 'write -P 0x5a 0 4M' -c 'write -P 0xa5 1099511628288 3000' \
+  -c 'write -P 0x33 2147482599424 1M' "$huge.vhd" >/dev/null
+"$zxblk" import --store "$work/store" --disk huge "$huge.vhd" >/dev/null
+qemu-img convert -q -f vpc -O raw "$huge.vhd" "$huge.ref"
+"$zxblk" export --store "$work/store" --disk huge --out "$huge.out" --cache "$work/cache-huge" --json >"$huge.json"
+qemu-img compare -q -f raw -F raw "$huge.out" "$huge.ref" || fail "the 2000 GiB disk exports other bytes than qemu-img's"
+recalled=$(python3 -c 'import json, sys; print(json.load(open(sys.argv[1]))["extentsRecalled"])' "$huge.json")
+[ "$recalled" = 8 ] || fail "the 2000 GiB disk recalled $recalled extents, not the 8 of its allocated blocks"
+[ "$(du -k "$huge.out" | cut -f1)" -le $((8 * 1024)) ] || fail "the 2000 GiB disk's image is not sparse ($(du -h "$huge.out"))"
+"$zxblk" read --store "$work/store" --disk huge --offset 1T --length 4M --cache "$work/cache-huge" |
+  cmp - <(dd if="$huge.ref" bs=1M skip=1048576 count=4 status=none) || fail "read at 1 TiB of the 2000 GiB disk differs"
+ok "a 2000 GiB disk with four allocated blocks exports sparse and identical, recalling 8 extents"
+
 # Outputs that are not plain files are written in place, never renamed over.
 ref="$work/dyn.ref"
 exp() { "$zxblk" export --store "$work/store" --disk dyn --cache "$work/cache-out" "$@"; }

@@ -413,17 +413,21 @@ TEST_F(DiskHostTest, ReadaheadFollowsSequentialReadersOnlyAndSparesExtentsInUse)
         const char* what;
         unsigned long long limit;  // in extents
         bool sequential;
-    } cases[] = {{"sequential, roomy cache", 64, true}, {"sequential, four-extent cache", 4, true}, {"random", 64, false}};
+        uint64_t share;  // percent of the disk read
+    } cases[] = {{"sequential, roomy cache", 64, true, 100},
+                 {"sequential, four-extent cache", 4, true, 100},
+                 {"sequential, then gone at a third", 64, true, 33},
+                 {"random", 64, false, 100}};
     for (const Case& c : cases) {
         zxblk::HostOptions o = options(dir + "/ra-" + std::to_string(&c - cases), c.limit * E);
-        o.readaheadMax = 16;
+        o.readahead = 16 * E;
         zxblk::DiskHost host(services(), o);
         // A reader holds extent 0 throughout: nothing may take it from the cache.
         std::unique_ptr<zxblk::ExtentHandle> held = host.acquire(0);
         std::mt19937 rng(7);
-        vhdtest::Bytes all(size());
-        for (uint64_t at = 0; at < size();) {
-            uint64_t len = std::min<uint64_t>(32768, size() - at);
+        const uint64_t upTo = size() * c.share / 100;
+        for (uint64_t at = 0; at < upTo;) {
+            uint64_t len = std::min<uint64_t>(32768, upTo - at);
             uint64_t offset = c.sequential ? at : rng() % (size() - len);
             ASSERT_TRUE(readMatches(host, merged, offset, len)) << c.what;
             at += len;
@@ -437,9 +441,17 @@ TEST_F(DiskHostTest, ReadaheadFollowsSequentialReadersOnlyAndSparesExtentsInUse)
         ASSERT_EQ(::pread(held->fd(), first.data(), E, 0), static_cast<ssize_t>(E));
         EXPECT_TRUE(std::equal(first.begin(), first.end(), merged.begin())) << c.what;
         if (c.sequential)
-            EXPECT_GT(st.readaheads, n / 4) << c.what;
+            EXPECT_GT(st.readaheads, n * c.share / 400) << c.what;
         else
             EXPECT_EQ(st.readaheads, 0u) << c.what;
+        // Read ahead and never read: in a roomy cache, exactly the extents
+        // past the last one the reader entered.
+        if (c.limit > n) {
+            uint64_t past = 0;
+            for (long long e : cached(host)) past += static_cast<uint64_t>(e) > (upTo - 1) / E;
+            EXPECT_EQ(st.readaheadUnused, past) << c.what;
+            EXPECT_EQ(past > 0, c.share < 100) << c.what;
+        }
         EXPECT_LE(host.cache().usedBytes(), c.limit * E) << c.what;
     }
 }
