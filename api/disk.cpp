@@ -40,6 +40,9 @@ Disk Store::openDisk(const std::string& name, const DiskOptions& options) const 
                                                                : options.snapshot);
         HostOptions o;
         o.disk = name;
+        // A recall from a store a network away mostly waits for it: more of
+        // them at once keep its link busy.
+        if (impl->services->storage().remote()) o.diskObjects = 16;
         o.snapshot = options.snapshot;
         o.cacheDir = options.cacheDir;
         o.cacheLimit = options.cacheLimit;

@@ -120,8 +120,9 @@ void registerExportCommand(CLI::App& app) {
         Progress progress("export " + args.disk, total);
         auto start = std::chrono::steady_clock::now();
         // Recalls run this many extents holding data ahead of the one being
-        // written, so that recalling and writing overlap.
-        const uint64_t window = 8;
+        // written, so that recalling and writing overlap, and a store a
+        // network away has as many recalls at once as a disk of it runs.
+        const uint64_t window = 32;
         DataExtents toWrite(disk), toRecall(disk);
         std::deque<uint64_t> ahead;
         for (uint64_t written = 0;;) {
