@@ -59,6 +59,9 @@ const size_t kRunCapacity = 1 << 20;
 // A stretch of zeros this short between data is cheaper written as bytes
 // than punched out between two writes.
 const off_t kAbsorbZeros = 64 * 1024;
+// A write this large goes to the kernel at once, with the run before it, in
+// one call: copying it into the run first would only add a copy.
+const size_t kWriteThrough = 256 * 1024;
 
 // One open handle: its position and the run not yet written. The run is
 // `data` from runStart, then `zeros` zero bytes that are never held in
@@ -274,7 +277,7 @@ CUxError FXFile::ZXWriteFile(auto_handle& handle, const void* buffer, DWORD leng
             err = commitRun(handle.get(), f);
             f.runStart = f.pos;
         }
-        if (!err && f.data.size() + length > kRunCapacity) {
+        if (!err && (f.data.size() + length > kRunCapacity || length >= kWriteThrough)) {
             err = commitRun(handle.get(), f, buffer, length);  // the full run and this write in one call
         } else if (!err) {
             if (f.data.capacity() < kRunCapacity) f.data.reserve(kRunCapacity);

@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <map>
 
 #include "framework/ZeroBytes.h"
 #include "platform/DMRService/RestoreTarget.h"
@@ -13,7 +15,6 @@ namespace zxblk {
 namespace {
 
 void setBitMsbFirst(std::vector<uint8_t>& bitmap, uint64_t bit) { bitmap[bit / 8] |= static_cast<uint8_t>(0x80u >> (bit % 8)); }
-bool bitMsbFirst(const std::vector<uint8_t>& bitmap, uint64_t bit) { return bitmap[bit / 8] & (0x80u >> (bit % 8)); }
 
 bool parseExtentNumber(const std::string& text, unsigned long long& out) {
     if (text.empty() || text.size() > 20 || text.find_first_not_of("0123456789") != std::string::npos) return false;
@@ -51,31 +52,46 @@ std::string StoreServices::stream(const RecallJob& job, uint64_t& bytes) {
         return "recall metadata position " + std::to_string(meta.position) + " does not match extent " + std::to_string(k) +
                " of " + copy->browsePath;
 
-    // The extent's bytes, zero where the copy holds nothing. Each worker
-    // keeps its buffer from one extent to the next and clears only what no
-    // piece of the file fills.
-    thread_local std::vector<uint8_t> data;
-    if (data.size() < C) data.resize(C);
-    uint64_t filled = offset;
-    auto clear = [&](uint64_t from, uint64_t to) {
-        if (to > from) std::memset(data.data() + (from - offset), 0, to - from);
+    // The extent as stretches, each with its bytes, or none where the copy
+    // holds nothing. A block is read whole once (its checksum checked on
+    // that read) and the stretches point into it: no byte is copied before
+    // it goes to the target. Blocks too large for that are read piece by
+    // piece into a buffer each worker keeps from one extent to the next.
+    struct Stretch {
+        uint64_t at, length;
+        const uint8_t* bytes;
     };
+    std::vector<Stretch> stretches;
+    std::vector<std::shared_ptr<const UnitBytes>> units;
+    std::map<uint64_t, const uint8_t*> blockBitmaps;
+    std::deque<std::vector<uint8_t>> bitmapsRead;
+    const bool whole = img->unitsFitInMemory();
+    const uint64_t unitBytes = img->sumUnitBytes();
+    thread_local std::vector<uint8_t> data;
     for (const Piece& p : pieces) {
-        clear(filled, p.virtualOffset);
-        // Nothing is streamed from a block whose bytes differ from those imported.
-        if (p.fileOffset >= 0)
-            img->readVerified(p, data.data() + (p.virtualOffset - offset));
-        else
-            clear(p.virtualOffset, p.virtualOffset + p.length);
-        filled = p.virtualOffset + p.length;
+        if (p.fileOffset < 0) {
+            stretches.push_back({p.virtualOffset, p.length, nullptr});
+        } else if (!whole) {
+            if (data.size() < C) data.resize(C);
+            uint8_t* into = data.data() + (p.virtualOffset - offset);
+            // Nothing is streamed from a block whose bytes differ from those imported.
+            img->readVerified(p, into);
+            stretches.push_back({p.virtualOffset, p.length, into});
+        } else {
+            for (uint64_t at = p.virtualOffset, end = p.virtualOffset + p.length; at < end;) {
+                uint64_t unit = at / unitBytes, within = at % unitBytes, n = std::min(end - at, unitBytes - within);
+                units.push_back(m_units.get(img, unit));
+                if (units.back()->bitmap) blockBitmaps[unit] = units.back()->bytes.get();
+                stretches.push_back({at, n, units.back()->data() + within});
+                at += n;
+            }
+        }
     }
-    clear(filled, offset + C);
     bool vhd = copy->type == kTypeDynamic || copy->type == kTypeDifferencing;
     std::vector<uint8_t> bitmap(512, 0);
     bool allPresent = true;
     if (vhd) {
         uint64_t perBlock = img->blockSize() / 512;
-        std::map<uint64_t, std::vector<uint8_t>> blockBitmaps;
         for (uint64_t s = 0; s < C / 512; ++s) {
             uint64_t sector = offset / 512 + s;
             bool present = false;
@@ -83,15 +99,23 @@ std::string StoreServices::stream(const RecallJob& job, uint64_t& bytes) {
                 uint64_t block = sector / perBlock;
                 if (img->isBlockAllocated(block)) {
                     auto it = blockBitmaps.find(block);
-                    if (it == blockBitmaps.end()) it = blockBitmaps.emplace(block, img->readBlockBitmap(block)).first;
-                    present = bitMsbFirst(it->second, sector % perBlock);
+                    if (it == blockBitmaps.end()) {
+                        bitmapsRead.push_back(img->readBlockBitmap(block));
+                        it = blockBitmaps.emplace(block, bitmapsRead.back().data()).first;
+                    }
+                    present = it->second[(sector % perBlock) / 8] & (0x80u >> (sector % perBlock % 8));
                 }
             }
             if (present) setBitMsbFirst(bitmap, s);
             allPresent = allPresent && present;
         }
     }
-    bool allZero = IsAllZeroBytes(data.data(), C);
+    bool allZero = true;
+    for (const Stretch& st : stretches)
+        if (st.bytes && !IsAllZeroBytes(st.bytes, st.length)) {
+            allZero = false;
+            break;
+        }
 
     CRestoreTarget* target = job.target.get();
     CUxError status = target->Open(nullptr);
@@ -107,29 +131,31 @@ std::string StoreServices::stream(const RecallJob& job, uint64_t& bytes) {
         status = target->WriteHole(static_cast<unsigned>(C));
     } else {
         uint64_t at = offset;
-        auto writeRange = [&](uint64_t from, uint64_t length) {
+        auto writeRange = [&](const uint8_t* from, uint64_t length) {
             for (uint64_t done = 0; done < length && !status.IsError();) {
                 unsigned n = static_cast<unsigned>(std::min<uint64_t>(m_options.writeSize, length - done));
-                status = target->Write(data.data() + (from - offset) + done, n);
+                status = target->Write(from + done, n);
                 bytes += n;
                 done += n;
             }
         };
-        for (const Piece& p : pieces) {
+        for (const Stretch& st : stretches) {
             if (status.IsError()) break;
-            if (p.fileOffset >= 0 || !vhd)
-                writeRange(p.virtualOffset, p.length);
-            else
-                status = target->WriteHole(static_cast<unsigned>(p.length));
-            at = p.virtualOffset + p.length;
+            if (st.bytes)
+                writeRange(st.bytes, st.length);
+            else if (vhd)
+                status = target->WriteHole(static_cast<unsigned>(st.length));
+            at = st.at + st.length;
         }
         // Past the end of the disk: zeros for flat images, nothing for VHDs.
         uint64_t rest = offset + C - at;
         if (!status.IsError() && rest) {
-            if (vhd)
+            if (vhd) {
                 status = target->WriteHole(static_cast<unsigned>(rest));
-            else
-                writeRange(at, rest);
+            } else {
+                std::vector<uint8_t> zeros(rest, 0);
+                writeRange(zeros.data(), rest);
+            }
         }
     }
     CUxError flushed = status.IsError() ? status : target->Flush();

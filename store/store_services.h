@@ -33,7 +33,9 @@ class StoreServices : public ExtentLookupService, public RestoreService, public 
 public:
     struct Options {
         unsigned workers = 4;
-        unsigned writeSize = 64 * 1024;  // bytes per Write call
+        // Bytes per Write call: a piece of a block goes whole, so the file
+        // layer hands it to the kernel without copying it first.
+        unsigned writeSize = 1 << 20;
     };
     // Loads and checks the catalog and attaches the services to the
     // platform's router; throws StoreError.
@@ -126,6 +128,9 @@ private:
     std::shared_ptr<SqliteIndexService> m_index;
     std::mutex m_imagesMutex;
     std::map<uint64_t, std::shared_ptr<VhdImage>> m_images;
+    // Blocks read last, for the other extents that lie in them: a few
+    // blocks of the usual 2 MiB, whatever the number of disks open.
+    UnitCache m_units{16u << 20};
     std::mutex m_queueMutex;
     std::condition_variable m_queueCond;
     std::deque<RecallJob> m_queue;

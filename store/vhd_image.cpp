@@ -509,13 +509,15 @@ UnitSum VhdImage::sumOf(uint64_t unit, uint64_t copyFrom, uint64_t copyLength, u
 bool VhdImage::checkUnit(const BlockSums& sums, uint64_t unit, std::string& why, uint64_t copyFrom,
                          uint64_t copyLength, uint8_t* copyTo) const {
     const BlockSums::Entry* entry = sums.entry(unit);
-    const UnitSum* recorded = entry ? &entry->sum : nullptr;
-    if (!recorded) return why = "checksum mismatch (the block holds data, but none was recorded for it)", false;
-    UnitSum found = sumOf(unit, copyFrom, copyLength, copyTo);
-    if (found.data != recorded->data)
-        why = "checksum mismatch in its data (recorded " + sumText(recorded->data) + ", read " + sumText(found.data) + ")";
-    else if (found.bitmap != recorded->bitmap)
-        why = "checksum mismatch in its sector bitmap (recorded " + sumText(recorded->bitmap) + ", read " +
+    if (!entry) return why = "checksum mismatch (the block holds data, but none was recorded for it)", false;
+    return matchesRecorded(entry->sum, sumOf(unit, copyFrom, copyLength, copyTo), why);
+}
+
+bool VhdImage::matchesRecorded(const UnitSum& recorded, const UnitSum& found, std::string& why) {
+    if (found.data != recorded.data)
+        why = "checksum mismatch in its data (recorded " + sumText(recorded.data) + ", read " + sumText(found.data) + ")";
+    else if (found.bitmap != recorded.bitmap)
+        why = "checksum mismatch in its sector bitmap (recorded " + sumText(recorded.bitmap) + ", read " +
               sumText(found.bitmap) + ")";
     else
         return true;

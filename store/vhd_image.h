@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -67,6 +68,14 @@ struct BlockSums {
 // XXH3 (64 bits) of a byte range; also what the catalog keeps of a side file.
 uint64_t xxh3(const void* data, size_t length);
 std::string sumText(uint64_t sum);  // 16 hex digits
+
+// One unit of a snapshot file as read whole: a VHD block's sector bitmap
+// (none for raw and fixed) followed by its data.
+struct UnitBytes {
+    std::unique_ptr<uint8_t[]> bytes;
+    uint64_t size = 0, bitmap = 0;
+    const uint8_t* data() const { return bytes.get() + bitmap; }
+};
 
 class VhdImage {
 public:
@@ -146,11 +155,21 @@ public:
     // throws StoreError naming the file and the block.
     void readVerified(const Piece& piece, uint8_t* into) const;
 
+    // Whether units are small enough to be read whole (readUnit()).
+    bool unitsFitInMemory() const;
+    // The unit `unit` (held by the file) read whole in one pass and, with
+    // sums attached, checked the first time it is read since the file was
+    // opened: the stream of an extent and the checksum share that one read.
+    // Throws StoreError.
+    std::shared_ptr<const UnitBytes> readUnit(uint64_t unit) const;
+
 private:
     struct Footer;
     using Allocation = std::pair<uint32_t, uint32_t>;  // (block, its first sector in the file)
     VhdImage() = default;
     [[noreturn]] void fail(const std::string& field, const std::string& why) const;
+    // False, with the reason, when a unit's sums differ from those recorded.
+    static bool matchesRecorded(const UnitSum& recorded, const UnitSum& found, std::string& why);
     Footer chooseFooter(std::string& note) const;
     void readDynamic(uint64_t headerOffset);
     void readTable(uint64_t tableOffset, uint64_t tableBytes, uint64_t headerOffset,
@@ -190,6 +209,32 @@ private:
     mutable std::unique_ptr<std::atomic<uint64_t>[]> m_verified;
     static constexpr size_t kVerifyStripes = 16;
     mutable std::unique_ptr<std::mutex[]> m_verifyLocks;
+};
+
+// The units read last, of any image of a store, within a budget of bytes:
+// the extents of one block are usually recalled one after the other, or at
+// once on two workers, and the second then takes what the first read (a
+// second reader of a unit waits for the first one's read). An entry keeps
+// its image, so an image that goes and another that takes its address
+// never share one.
+class UnitCache {
+public:
+    explicit UnitCache(uint64_t budget) : m_budget(budget) {}
+    // The unit, from the cache or read (readUnit); throws StoreError.
+    std::shared_ptr<const UnitBytes> get(const std::shared_ptr<const VhdImage>& image, uint64_t unit);
+
+private:
+    struct Entry {
+        std::shared_ptr<const VhdImage> image;
+        uint64_t unit;
+        std::shared_ptr<const UnitBytes> bytes;
+    };
+    std::shared_ptr<const UnitBytes> find(const VhdImage* image, uint64_t unit);
+    const uint64_t m_budget;
+    std::mutex m_mutex;
+    std::deque<Entry> m_entries;  // the most recent first
+    uint64_t m_bytes = 0;
+    std::mutex m_reading[16];
 };
 
 }  // namespace zxblk

@@ -1,5 +1,6 @@
 #include "BlockLevel/Utilities/Windows/ZXVirtualDiskLibrary/ExtentRestoreTarget.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "framework/WinTypes.h"
@@ -29,7 +30,7 @@ CExtentRestoreTarget::CExtentRestoreTarget(const std::string& targetPath, unsign
       m_bSkipBitmapInExtent(false),
       m_bBitmapGathered(false),
       m_nBitmapBytesGathered(0),
-      m_holeBitmap(sectorSize),
+      m_holeBitmap(8ull * sectorSize, 0),
       m_bUpdateExistingFile(bUpdateExistingFile),
       m_nExtentSize(extentSize),
       m_nSectorSize(sectorSize),
@@ -44,6 +45,7 @@ CExtentRestoreTarget::CExtentRestoreTarget(const std::string& targetPath, unsign
 CExtentRestoreTarget::~CExtentRestoreTarget() {}
 
 CUxError CExtentRestoreTarget::Open(void*) {
+    m_wantedSectors.clear();
     DWORD disposition = CREATE_ALWAYS;
     if ((m_bUpdateExistingFile && m_ptrSectorsToWrite) || m_bRestoreToExistingFile) disposition = OPEN_EXISTING;
     CUxError status = FXFile::ZXCreateFile(m_hFile, m_strTargetPath, GENERIC_READ | GENERIC_WRITE,
@@ -89,8 +91,22 @@ bool CExtentRestoreTarget::IsSectorWanted(unsigned int sector) {
            m_ptrSectorsToWrite->IsBitSet(sector);
 }
 
-unsigned int CExtentRestoreTarget::GetRemainderSectorBytes() {
-    return m_nSectorSize - (m_nCurrentOffset % m_nSectorSize);
+unsigned int CExtentRestoreTarget::RunOf(const std::vector<unsigned char>& flags, unsigned int length, bool& set) const {
+    // A sector past the flags reads as clear, as a bitmap's bits past its end do.
+    auto flag = [&](unsigned long long sector) { return sector < flags.size() && flags[sector]; };
+    unsigned long long sector = m_nCurrentOffset / m_nSectorSize, end = static_cast<unsigned long long>(m_nCurrentOffset) + length;
+    set = flag(sector);
+    unsigned long long at = (sector + 1) * m_nSectorSize;
+    while (at < end && flag(at / m_nSectorSize) == set) at += m_nSectorSize;
+    return static_cast<unsigned int>(std::min(at, end) - m_nCurrentOffset);
+}
+
+const std::vector<unsigned char>& CExtentRestoreTarget::WantedSectors() {
+    if (m_wantedSectors.empty() && m_nSectorSize) {
+        m_wantedSectors.resize(m_nExtentSize / m_nSectorSize, 0);
+        for (unsigned int s = 0; s < m_wantedSectors.size(); ++s) m_wantedSectors[s] = IsSectorWanted(s);
+    }
+    return m_wantedSectors;
 }
 
 // A stream that would run past the extent is refused before a byte is
@@ -129,9 +145,9 @@ CUxError CExtentRestoreTarget::Write(const void* data, unsigned int length) {
                                        8ull * m_nSectorSize, m_nExtentSize, m_nCurrentOffset);
     const unsigned char* bytes = static_cast<const unsigned char*>(data);
     for (unsigned int done = 0; done < length;) {
-        unsigned int chunk = std::min(length - done, GetRemainderSectorBytes());
-        unsigned int sector = m_nCurrentOffset / m_nSectorSize;
-        status = m_holeBitmap.IsBitSet(sector) ? WriteInternal(bytes + done, chunk) : WriteHole(chunk);
+        bool present;
+        unsigned int chunk = RunOf(m_holeBitmap, length - done, present);
+        status = present ? WriteInternal(bytes + done, chunk) : WriteHoleOf(chunk, false);
         if (status.IsError()) {
             status.Push(ERT_LOCATION(kWrite));
             return status;
@@ -149,11 +165,8 @@ CUxError CExtentRestoreTarget::GatherHoleBitmap(const void*& data, unsigned int&
     // the least significant first, so bits are moved one at a time.
     for (unsigned int i = 0; i < take; ++i) {
         for (unsigned int j = 0; j < 8; ++j) {
-            ULONGLONG sector = (static_cast<ULONGLONG>(m_nBitmapBytesGathered) + i) * 8 + j;
-            if (bytes[i] & (0x80u >> j))
-                m_holeBitmap.SetBit(sector);
-            else
-                m_holeBitmap.UnsetBit(sector);
+            size_t sector = (static_cast<size_t>(m_nBitmapBytesGathered) + i) * 8 + j;
+            m_holeBitmap[sector] = (bytes[i] & (0x80u >> j)) != 0;
         }
     }
     m_nBitmapBytesGathered += take;
@@ -170,9 +183,9 @@ CUxError CExtentRestoreTarget::WriteInternal(const void* data, unsigned int leng
     } else {
         const unsigned char* bytes = static_cast<const unsigned char*>(data);
         for (unsigned int done = 0; done < length && !status.IsError();) {
-            unsigned int chunk = std::min(length - done, GetRemainderSectorBytes());
-            unsigned int sector = m_nCurrentOffset / m_nSectorSize;
-            status = IsSectorWanted(sector) ? WriteData(bytes + done, chunk) : SeekData(chunk);
+            bool wanted;
+            unsigned int chunk = RunOf(WantedSectors(), length - done, wanted);
+            status = wanted ? WriteData(bytes + done, chunk) : SeekData(chunk);
             done += chunk;
         }
     }
@@ -183,14 +196,20 @@ CUxError CExtentRestoreTarget::WriteInternal(const void* data, unsigned int leng
 CUxError CExtentRestoreTarget::WriteHole(unsigned int length) {
     CUxError status = CheckRange(ERT_LOCATION(kWriteHole), length);
     if (status.IsError()) return status;
-    bool full = length == m_nExtentSize;
+    return WriteHoleOf(length, length == m_nExtentSize);
+}
+
+// A hole of the whole extent is zeros; a hole within it (also one that the
+// stream's sector bitmap makes of every sector) leaves its sectors to the parent.
+CUxError CExtentRestoreTarget::WriteHoleOf(unsigned int length, bool full) {
+    CUxError status;
     if (!m_ptrSectorsToWrite) {
         status = full ? WriteZeroes(length) : SetMissingSectorBits(length);
     } else {
         for (unsigned int done = 0; done < length && !status.IsError();) {
-            unsigned int chunk = std::min(length - done, GetRemainderSectorBytes());
-            unsigned int sector = m_nCurrentOffset / m_nSectorSize;
-            if (IsSectorWanted(sector))
+            bool wanted;
+            unsigned int chunk = RunOf(WantedSectors(), length - done, wanted);
+            if (wanted)
                 status = full ? WriteZeroes(chunk) : SetMissingSectorBits(chunk);
             else
                 status = SeekData(chunk);

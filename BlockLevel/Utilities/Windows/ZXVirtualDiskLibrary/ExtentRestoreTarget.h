@@ -3,6 +3,7 @@
 #pragma once
 #include <boost/shared_ptr.hpp>
 #include <string>
+#include <vector>
 
 #include "bitmap/BitmapInfo.h"
 #include "framework/AutoHandles.h"
@@ -51,12 +52,19 @@ public:
 private:
     CUxError WriteInternal(const void* data, unsigned int length);
     CUxError WriteData(const void* data, unsigned int length);
+    CUxError WriteHoleOf(unsigned int length, bool full);
     CUxError WriteZeroes(unsigned int length);
     CUxError SeekData(unsigned int length);
     CUxError SetMissingSectorBits(unsigned int length);
     CUxError GatherHoleBitmap(const void*& data, unsigned int& length);
-    unsigned int GetRemainderSectorBytes();
     bool IsSectorWanted(unsigned int sector);
+    // The sectors to write, taken once per stream (Open starts a new one).
+    const std::vector<unsigned char>& WantedSectors();
+    // Bytes from the current offset, at most `length`, up to where the
+    // sector flag in `flags` (one byte per sector) changes; `set` is the
+    // flag of the run. Data and holes are laid run by run, not sector by
+    // sector: one file call per run.
+    unsigned int RunOf(const std::vector<unsigned char>& flags, unsigned int length, bool& set) const;
     CUxError CheckRange(const FXCodeLocation& location, unsigned int length);
     void AccumulateLog(LOG_MSG_ENTRY kind, int bytes);
     void AccumulateExtentDataSummary(LOG_MSG_ENTRY kind);
@@ -67,7 +75,11 @@ private:
     bool m_bSkipBitmapInExtent;
     bool m_bBitmapGathered;
     unsigned int m_nBitmapBytesGathered;
-    CBitmapInfo m_holeBitmap;
+    // The stream's sector bitmap and the sectors to write, one byte per
+    // sector, taken once per stream rather than asked of a locked bitmap
+    // for every sector.
+    std::vector<unsigned char> m_holeBitmap;
+    std::vector<unsigned char> m_wantedSectors;
     bool m_bUpdateExistingFile;
     unsigned int m_nExtentSize;
     unsigned int m_nSectorSize;
