@@ -147,3 +147,127 @@ rounds_note() {
 budget_note() { if [ "$budget" -gt 0 ]; then echo ", within $budget s in all"; fi; }
 # step TEXT: a progress line with the seconds since the script started.
 step() { printf '[%6.1f s] %s\n' "$(secs "${script_start:?}" "$EPOCHREALTIME")" "$*"; }
+
+# write_vhd_child PARENT_VHD OLDER_RAW NEWER_RAW CHILD_VHD: a differencing VHD
+# (2 MiB blocks) that turns the disk of PARENT_VHD, whose bytes are
+# OLDER_RAW, into NEWER_RAW: the blocks where the two differ, with a sector
+# bitmap naming the sectors that changed. Only the ranges where either raw
+# file holds data are compared, so sparse disks of many GiB take seconds.
+write_vhd_child() {
+    python3 - "$@" <<'PY'
+import os, struct, sys, time, uuid
+parent, older, newer, child = sys.argv[1:5]
+BLOCK, SECTOR = 2 << 20, 512
+
+def checksum(b):
+    return (~sum(b)) & 0xFFFFFFFF
+
+with open(parent, "rb") as f:
+    pfooter = f.read(512)
+if pfooter[:8] != b"conectix":
+    sys.exit(f"write_vhd_child: {parent} is not a VHD")
+size = struct.unpack(">Q", pfooter[48:56])[0]
+fo, fn = os.open(older, os.O_RDONLY), os.open(newer, os.O_RDONLY)
+if os.fstat(fo).st_size != size or os.fstat(fn).st_size != size:
+    sys.exit(f"write_vhd_child: {older} and {newer} must both be {size} bytes, as {parent}")
+
+def data_blocks(fd):
+    out, pos = set(), 0
+    while pos < size:
+        try:
+            start = os.lseek(fd, pos, os.SEEK_DATA)
+        except OSError:
+            break
+        end = os.lseek(fd, start, os.SEEK_HOLE)
+        out.update(range(start // BLOCK, (end + BLOCK - 1) // BLOCK))
+        pos = end
+    return out
+
+blocks = (size + BLOCK - 1) // BLOCK
+bitmap_bytes = ((BLOCK // SECTOR + 7) // 8 + 511) // 512 * 512
+bat_bytes = (blocks * 4 + 511) // 512 * 512
+name = os.path.basename(parent)
+locator = (".\\" + name).encode("utf-16-le")
+now = int(time.time()) - 946684800  # VHD times count from 2000
+footer = bytearray(512)
+footer[0:8] = b"conectix"
+struct.pack_into(">IIQI4sI4sQQIII", footer, 8, 2, 0x00010000, 512, now, b"zxbk", 0x00010000, b"Wi2k", size, size,
+                 0, 4, 0)
+footer[68:84] = uuid.uuid4().bytes
+struct.pack_into(">I", footer, 64, checksum(footer))
+header = bytearray(1024)
+header[0:8] = b"cxsparse"
+struct.pack_into(">QQIII", header, 8, 0xFFFFFFFFFFFFFFFF, 1536, 0x00010000, blocks, BLOCK)
+header[40:56] = pfooter[68:84]                   # the parent's unique id
+header[56:60] = pfooter[24:28]                   # and its time stamp
+header[64:64 + min(510, 2 * len(name))] = name.encode("utf-16-be")[:510]
+next_at = 1536 + bat_bytes
+struct.pack_into(">4sIIIQ", header, 576, b"W2ru", 512, len(locator), 0, next_at)
+struct.pack_into(">I", header, 36, checksum(header))
+bat = bytearray(b"\xff" * bat_bytes)
+tmp = child + ".partial"
+with open(tmp, "wb") as out:
+    out.seek(next_at)
+    out.write(locator.ljust(512, b"\0"))
+    next_at += 512
+    changed = 0
+    for b in sorted(data_blocks(fo) | data_blocks(fn)):
+        start = b * BLOCK
+        n = min(BLOCK, size - start)
+        x, y = os.pread(fo, n, start), os.pread(fn, n, start)
+        if x == y:
+            continue
+        bitmap, data = bytearray(bitmap_bytes), bytearray(BLOCK)
+        for s in range(0, n, SECTOR):
+            if x[s:s + SECTOR] != y[s:s + SECTOR]:
+                bitmap[s // SECTOR // 8] |= 0x80 >> (s // SECTOR % 8)
+                data[s:s + SECTOR] = y[s:s + SECTOR]
+        struct.pack_into(">I", bat, b * 4, next_at // SECTOR)
+        out.seek(next_at)
+        out.write(bitmap)
+        out.write(data)
+        next_at += bitmap_bytes + BLOCK
+        changed += 1
+    out.seek(0)
+    out.write(footer)
+    out.write(header)
+    out.write(bat)
+    out.seek(next_at)
+    out.write(footer)
+os.replace(tmp, child)
+print(f"{changed} blocks of {BLOCK >> 20} MiB changed")
+PY
+}
+
+# apply_vhd_child RAW CHILD_VHD: lays the sectors a differencing VHD holds
+# over RAW, the disk of its parent, as restoring the chain does.
+apply_vhd_child() {
+    python3 - "$@" <<'PY'
+import os, struct, sys
+raw, child = sys.argv[1:3]
+fd, out = os.open(child, os.O_RDONLY), os.open(raw, os.O_WRONLY)
+footer, header = os.pread(fd, 512, 0), os.pread(fd, 1024, 512)
+if footer[:8] != b"conectix" or header[:8] != b"cxsparse" or struct.unpack(">I", footer[60:64])[0] != 4:
+    sys.exit(f"apply_vhd_child: {child} is not a differencing VHD")
+table = struct.unpack(">Q", header[16:24])[0]
+blocks, block = struct.unpack(">II", header[28:36])
+sectors = block // 512
+bitmap_bytes = ((sectors + 7) // 8 + 511) // 512 * 512
+bat = struct.unpack(f">{blocks}I", os.pread(fd, blocks * 4, table))
+for b, at in enumerate(bat):
+    if at == 0xFFFFFFFF:
+        continue
+    bits = os.pread(fd, bitmap_bytes, at * 512)
+    data = os.pread(fd, block, at * 512 + bitmap_bytes)
+    s = 0
+    while s < sectors:
+        if not bits[s // 8] & (0x80 >> (s % 8)):
+            s += 1
+            continue
+        e = s
+        while e < sectors and bits[e // 8] & (0x80 >> (e % 8)):
+            e += 1
+        os.pwrite(out, data[s * 512:e * 512], b * block + s * 512)
+        s = e
+PY
+}

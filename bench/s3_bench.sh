@@ -1,62 +1,114 @@
 #!/usr/bin/env bash
-# Reading a store kept on S3 with zxblk beside plain downloads of the same
-# objects, against a throw-away Ceph cluster of the script's own
-# (tests/s3/ceph_up.sh: one OSD keeping objects in memory, radosgw on
-# 127.0.0.1), measured in one run:
+# A store kept on S3, read and written by zxblk beside the tools a user would
+# pick otherwise, all through one shaped network link, against a throw-away
+# Ceph cluster of the script's own (tests/s3/ceph_up.sh: one OSD keeping
+# objects in memory, radosgw on 127.0.0.1).
 #
-#   job                                     peer
-#   time to the first file: zxblk mount     restore first: curl GET of the
-#   of the demo's ext4 disk (256 MiB in a   snapshot object, qemu-img convert
-#   dynamic VHD), then debugfs -R "cat      -f vpc -O raw of it, then the same
-#   FILE" on disk.raw, timed from the       debugfs cat on the raw file, timed
-#   start of the mount                      from the start of the GET
-#   zxblk export of a 1 GiB dynamic VHD     curl GET of its snapshot object to
-#   with 60% data                           a file (time and MiB/s of the
-#                                           object's bytes)
+# The link is tests/s3/net_proxy (built with the tests) between every client
+# and radosgw: a one-way delay on every segment and one bandwidth cap that
+# all connections share, each direction.
 #
-# Both sides read the very objects in the bucket, over the same local HTTP
-# connection; curl signs its requests (SigV4) with the cluster's keys. Every
-# zxblk run starts on a new, empty extent cache, so every run recalls from S3.
-# Runs are interleaved (zxblk, peer, zxblk, peer, ...) and the best of each is
-# kept. The file read back, every export and the first download of each
-# object are checked (untimed) against what was imported. Figures are
-# informational: the script fails only when a tool fails or bytes differ. It
-# exits 77, saying why, where Ceph is not installed, and skips the mount where
-# FUSE is missing.
+#   --profile  one-way delay  cap          round trip
+#   none       -              -            (the proxy only counts requests)
+#   lan        0.2 ms         10 Gbit/s    0.4 ms
+#   region     2 ms           2 Gbit/s     4 ms
+#   wan        10 ms          1 Gbit/s     20 ms
 #
-#   bench/s3_bench.sh [--rounds N] [--budget SECONDS] [BUILD_DIR]
+# The disk looks like a real one: an 8 GiB dynamic VHD holding an ext4 file
+# system (mke2fs -d) of about 2 GiB of files, small and large, and a
+# differencing VHD in which some files changed, both imported into
+# s3://bkt/bench. Jobs, each beside its peers:
 #
-# --rounds N (or S3_BENCH_ROUNDS): runs of each side per job, default 5.
+#   job                                       peers
+#   first file, cold: zxblk mount on a new    restore first: curl GET of both
+#   cache (and no metadata kept), debugfs     snapshot objects, qemu-img convert
+#   -R "cat FILE" on disk.raw                 of the base, the child's blocks
+#                                             laid over it, the same debugfs;
+#                                             qemu's HTTP block driver reading
+#                                             the base object in place
+#                                             (qemu-nbd + nbdfuse, the same
+#                                             debugfs; qemu cannot follow VHD
+#                                             parents, so the base snapshot)
+#   the same file on a second mount of a new  -
+#   cache folder (what zxblk keeps beside
+#   its caches stays)
+#   zxblk export of the whole disk            curl GET of both snapshot objects
+#                                             (restore-first's download)
+#   nbdcopy through zxblk serve               the same GET
+#   zxblk import of the base VHD              curl PUT of the same file
+#
+# and the link's own figures: the round trip it adds (curl requests on one
+# connection, through it and around it) and what a curl GET gets through it.
+# The waves of requests (requests that had to wait for others' answers,
+# counted from the proxy's log by net_proxy waves) from the start of a
+# mount until it is ready are printed for the cold and the warm mount.
+#
+# qemu's HTTP driver asks for the object's size with HEAD, which a URL
+# presigned for GET is refused: the base object is made public-read and qemu
+# is given its plain URL (a signature costs nothing on the link).
+#
+# Runs are interleaved (each job, then its peers, round after round) and the
+# best of each is kept. Every file read, export, copy and upload is checked
+# (untimed) against what was imported. Figures are informational: the script
+# fails only when a tool fails or bytes differ. It exits 77, saying why,
+# where Ceph is not installed, and skips the mounts where FUSE is missing.
+#
+#   bench/s3_bench.sh [--profile none|lan|region|wan] [--rounds N] [--budget SECONDS] [BUILD_DIR]
+#
+# --profile P (or S3_BENCH_PROFILE): the link, default none.
+# --rounds N (or S3_BENCH_ROUNDS): runs of each side per job, default 3.
 # --budget S (or S3_BENCH_BUDGET): no new round starts once the script
-#   would pass S seconds (default 240; 0: no limit); the first always runs.
+#   would pass S seconds (default 480: on wan, where a round takes over
+#   three minutes, two rounds; 0: no limit); the first always runs.
+# BUILD_DIR must hold tools/zxblk and tests/s3/net_proxy (a build with the
+# tests, the default).
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 bench_name=s3_bench
 # shellcheck source=bench/bench_common.sh
 source "$here/bench_common.sh"
-rounds=${S3_BENCH_ROUNDS:-5} budget=${S3_BENCH_BUDGET:-240}
-parse_common_args "$@"
+rounds=${S3_BENCH_ROUNDS:-3} budget=${S3_BENCH_BUDGET:-480} profile=${S3_BENCH_PROFILE:-none}
+args=()
+while [ $# -gt 0 ]; do
+    case $1 in
+        --profile) profile=${2:?--profile needs none, lan, region or wan}; shift 2 ;;
+        --profile=*) profile=${1#*=}; shift ;;
+        *) args+=("$1"); shift ;;
+    esac
+done
+parse_common_args ${args[@]+"${args[@]}"}
+case $profile in
+    none) delay_ms=0 cap_bits=0 ;;
+    lan) delay_ms=0.2 cap_bits=10000000000 ;;
+    region) delay_ms=2 cap_bits=2000000000 ;;
+    wan) delay_ms=10 cap_bits=1000000000 ;;
+    *) die "--profile is one of none, lan, region, wan, not '$profile'" ;;
+esac
 script_start=$EPOCHREALTIME
-# The file read off the demo's disk, as in mount_bench.sh: 4 MiB and a bit.
-file=/data/file8.bin
 bucket=bkt prefix=bench
 store=s3://$bucket/$prefix
 MiB=$((1 << 20))
+# The file read: 6 MiB and a bit, one the child leaves as it was, so that the
+# base snapshot qemu reads holds it too.
+file=/data/m3/f7.bin
 
-zxblk=$build/tools/zxblk
+zxblk=$build/tools/zxblk proxy_bin=$build/tests/s3/net_proxy
 [ -x "$zxblk" ] || die "no $zxblk: build first (./run.sh, or cmake --build $build)"
-for t in curl qemu-img mke2fs debugfs timeout python3 awk; do
+[ -x "$proxy_bin" ] || die "no $proxy_bin: build with the tests (cmake -DZXBLK_TESTS=ON, the default)"
+for t in curl qemu-img qemu-nbd nbdcopy mke2fs debugfs timeout python3 awk; do
     command -v "$t" >/dev/null || die "$t is missing (scripts/setup.sh installs it)"
 done
 ceph_up=$here/../tests/s3/ceph_up.sh ceph_down=$here/../tests/s3/ceph_down.sh
 { [ -x "$ceph_up" ] && [ -x "$ceph_down" ]; } || die "no $ceph_up or $ceph_down"
 have_fuse=1
-{ [ -c /dev/fuse ] && command -v fusermount3 >/dev/null; } || have_fuse=0
+{ [ -c /dev/fuse ] && command -v fusermount3 >/dev/null && command -v nbdfuse >/dev/null; } || have_fuse=0
+have_http=1
+qemu-img --help 2>/dev/null | grep -qw http || have_http=0
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/s3_bench.XXXXXX")
-mnt=$work/mnt out=$work/out
-mkdir -p "$mnt" "$out"
-daemon=''
+mnt=$work/mnt pmnt=$work/pmnt out=$work/out sock=$work/qemu.sock
+mkdir -p "$mnt" "$pmnt" "$out"
+daemon='' proxy='' qnbd='' nbdf=''
 
 # wait_gone PID SECONDS: whether PID is gone within SECONDS.
 wait_gone() {
@@ -65,17 +117,29 @@ wait_gone() {
     for ((i = 0; i < $2 * 50; i++)); do kill -0 "$1" 2>/dev/null || return 0; sleep 0.02; done
     return 1
 }
+stop_pid() {
+    [ -n "$1" ] || return 0
+    kill -TERM "$1" 2>/dev/null || return 0
+    wait_gone "$1" 5 || kill -KILL "$1" 2>/dev/null
+    wait "$1" 2>/dev/null || true
+}
 cleanup() {
     set +e
-    if grep -qsF " $mnt " /proc/mounts; then
-        timeout --foreground 10 fusermount3 -u "$mnt" 2>/dev/null || fusermount3 -uz "$mnt" 2>/dev/null
-    fi
+    local m
+    for m in "$mnt" "$pmnt"; do
+        if grep -qsF " $m " /proc/mounts; then
+            timeout --foreground 10 fusermount3 -u "$m" 2>/dev/null || fusermount3 -uz "$m" 2>/dev/null
+        fi
+    done
     # The zxblk daemon writes its last log line after the unmount; let it end
     # before its cache folder goes away, and before the cluster does.
     if [ -n "$daemon" ] && ! wait_gone "$daemon" 5; then
         kill -TERM "$daemon" 2>/dev/null
         wait_gone "$daemon" 5 || kill -KILL "$daemon" 2>/dev/null
     fi
+    stop_pid "$nbdf"
+    stop_pid "$qnbd"
+    stop_pid "$proxy"
     # ceph_down.sh stops only the daemons of this folder's cluster.
     [ -e "$work/ceph/.zxblk-ceph" ] && "$ceph_down" "$work/ceph" >/dev/null 2>&1
     rm -rf "$work"
@@ -83,10 +147,12 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
-# --- the cluster -------------------------------------------------------------
+# --- the cluster and the link ---------------------------------------------------
 step "starting a throw-away Ceph cluster in $work/ceph ..."
 rc=0
-"$ceph_up" "$work/ceph" >"$work/ceph_up.log" 2>&1 || rc=$?
+# The OSD keeps objects in memory and counts itself full past a size of its
+# configuration (2 GiB in ceph_up.sh's); this bench stores several GiB.
+CEPH_ARGS="--memstore_device_bytes=$((24 << 30))" "$ceph_up" "$work/ceph" >"$work/ceph_up.log" 2>&1 || rc=$?
 if [ "$rc" = 77 ]; then
     say "$bench_name: $(grep -m1 '^skipped' "$work/ceph_up.log" || echo "skipped: Ceph is not installed")"
     exit 77
@@ -100,189 +166,444 @@ set +a
 # the user's may change what zxblk or curl sends.
 unset AWS_PROFILE AWS_SESSION_TOKEN AWS_DEFAULT_REGION
 export AWS_SHARED_CREDENTIALS_FILE=$work/none AWS_CONFIG_FILE=$work/none XDG_CACHE_HOME=$work/xdg
+direct=$AWS_ENDPOINT_URL
 curl_s3() {
     curl -sS --fail-with-body --aws-sigv4 "aws:amz:$AWS_REGION:s3" --user "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY" \
         -H "x-amz-content-sha256: UNSIGNED-PAYLOAD" "$@"
 }
-curl_s3 -X PUT "$AWS_ENDPOINT_URL/$bucket" >"$work/bucket.log" 2>&1 || { cat "$work/bucket.log" >&2; die "cannot make bucket $bucket"; }
+curl_s3 -X PUT "$direct/$bucket" >"$work/bucket.log" 2>&1 || { cat "$work/bucket.log" >&2; die "cannot make bucket $bucket"; }
 
-# --- the disks ---------------------------------------------------------------
-step "making the demo's disk and a 1 GiB dynamic VHD with 60% data in $work ..."
-# The demo's files (tools/cmd_demo.cpp): 36 files of 1 to 5 MiB of random
-# bytes and 20 short notes, in an ext4 file system of 256 MiB made by
-# mke2fs -d, turned into a dynamic VHD.
+step "starting the link: net_proxy --profile $profile ..."
+"$proxy_bin" "${direct#http://}" "$work/proxy.port" --profile "$profile" --log "$work/proxy.log" 2>"$work/proxy.err" &
+proxy=$!
+for _ in $(seq 200); do [ -s "$work/proxy.port" ] && break; sleep 0.02; done
+[ -s "$work/proxy.port" ] || { cat "$work/proxy.err" >&2; die "net_proxy did not start"; }
+link=http://127.0.0.1:$(cat "$work/proxy.port")
+
+# rtt URL: the median and least time of 30 requests on one connection, after
+# the first (which also pays for the connection), in ms.
+rtt() {
+    local a=() i
+    for i in $(seq 31); do a+=(-o /dev/null -w '%{time_pretransfer} %{time_starttransfer}\n' "$1/" --next); done
+    curl -sS "${a[@]}" "$1/" -o /dev/null | tail -n +2 |
+        awk '{ print ($2 - $1) * 1000 }' | sort -g | awk '{ v[NR] = $1 } END { printf "%.3f %.3f\n", v[int((NR + 1) / 2)], v[1] }'
+}
+
+# --- the disk ------------------------------------------------------------------
+step "generating about 2 GiB of files, small and large, in $work/files ..."
 python3 - "$work/files" <<'PY'
 import os, random, sys
 top = sys.argv[1]
-os.makedirs(top + "/data"), os.makedirs(top + "/docs")
-for i in range(36):
-    with open(f"{top}/data/file{i}.bin", "wb") as f:
-        f.write(random.Random(i).randbytes((1 + i % 5) * (1 << 20) + i * 4096))
-for i in range(20):
-    with open(f"{top}/docs/note{i}.txt", "w") as f:
-        f.write(f"note {i}: backed-up disks are readable before they are restored.\n")
+rng = random.Random(7)
+def put(path, size):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "wb") as f:
+        left = size
+        while left:
+            n = min(left, 8 << 20)
+            f.write(os.urandom(n))
+            left -= n
+for d in range(20):                       # 2000 notes of 1-16 KiB
+    for i in range(100):
+        put(f"{top}/docs/d{d}/note{i}.txt", rng.randint(1, 16) << 10)
+for d in range(10):                       # 300 files of 256 KiB to 5 MiB
+    for i in range(30):
+        put(f"{top}/data/m{d}/f{i}.bin", rng.randint(1, 20) << 18)
+put(f"{top}/data/m3/f7.bin", (6 << 20) + 12288)
+for i in range(10):                       # 10 files of 128 MiB
+    put(f"{top}/data/large/big{i}.bin", 128 << 20)
 PY
-original=$work/files$file
-mke2fs -q -F -t ext4 -L zxblk-demo -d "$work/files" "$work/demo.img" 256M >"$work/mke2fs.log" 2>&1 ||
+original=$work/original.bin
+cp "$work/files$file" "$original"
+files_mib=$(du -sm "$work/files" | cut -f1)
+
+step "making an ext4 file system of 8 GiB from them (mke2fs -d), and its dynamic VHD ..."
+mke2fs -q -F -t ext4 -L zxblk-bench -d "$work/files" "$work/base.img" 8G >"$work/mke2fs.log" 2>&1 ||
     { cat "$work/mke2fs.log" >&2; die "mke2fs failed"; }
-qemu-img convert -q -f raw -O vpc -o force_size=on "$work/demo.img" "$work/demo.vhd"
-rm "$work/demo.img"
-# A raw disk with 60% of its 2 MiB blocks holding random data, as
-# export_bench.sh's dyn1g; every export must read it back.
-make_data_raw "$work/d1g.raw" $((1024 * MiB)) 0.6 1
-qemu-img convert -q -f raw -O vpc -o force_size=on "$work/d1g.raw" "$work/big.vhd"
-big_data=$(data_bytes "$work/big.vhd" vpc)
+qemu-img convert -q -f raw -O vpc -o subformat=dynamic,force_size=on "$work/base.img" "$work/base.vhd"
 
-step "importing them into $store ..."
-imp() {
-    timeout --foreground 600 "$zxblk" import --store "$store" --disk "$1" "$2" >"$work/import.log" 2>&1 ||
-        { cat "$work/import.log" >&2; die "zxblk import --disk $1 into $store failed"; }
-}
-imp demo "$work/demo.vhd"
-imp big "$work/big.vhd"
-# object_of DISK: the key and size of the newest snapshot object of DISK, as
-# zxblk list --json names it (relative to the store's prefix).
-"$zxblk" list --store "$store" --json >"$work/list.json" || die "zxblk list --store $store failed"
-object_of() {
-    python3 - "$work/list.json" "$1" "$prefix" <<'PY'
+step "changing files for a second snapshot, a differencing VHD ..."
+cp --sparse=always "$work/base.img" "$work/changed.img"
+python3 - "$work" >"$work/debugfs.cmds" <<'PY'
+import os, sys
+work = sys.argv[1]
+os.makedirs(work + "/new", exist_ok=True)
+def new(name, size):
+    with open(f"{work}/new/{name}", "wb") as f:
+        f.write(os.urandom(size))
+    return f"{work}/new/{name}"
+for i in range(4):                        # four files of the middle size rewritten
+    print(f"rm /data/m5/f{i}.bin")
+    print(f"write {new(f'f{i}.bin', (3 << 20) + i * 4096)} /data/m5/f{i}.bin")
+for i in range(50):                       # fifty notes rewritten
+    print(f"rm /docs/d3/note{i}.txt")
+    print(f"write {new(f'note{i}.txt', 5000 + i)} /docs/d3/note{i}.txt")
+print(f"write {new('added.bin', 48 << 20)} /data/large/added.bin")
+PY
+debugfs -w -f "$work/debugfs.cmds" "$work/changed.img" >"$work/debugfs.log" 2>&1 ||
+    { cat "$work/debugfs.log" >&2; die "debugfs -w failed"; }
+rm -rf "$work/files" "$work/new"
+write_vhd_child "$work/base.vhd" "$work/base.img" "$work/changed.img" "$work/child.vhd" >"$work/child.log" ||
+    { cat "$work/child.log" >&2; die "writing the differencing VHD failed"; }
+rm "$work/base.img"
+base_vhd_bytes=$(stat -c %s "$work/base.vhd") child_vhd_bytes=$(stat -c %s "$work/child.vhd")
+disk_data=$(data_bytes "$work/changed.img" raw)
+
+step "importing both into $store (directly, not through the link) ..."
+AWS_ENDPOINT_URL=$direct timeout --foreground 900 "$zxblk" import --store "$store" --disk fs "$work/base.vhd" "$work/child.vhd" \
+    >"$work/import.log" 2>&1 || { cat "$work/import.log" >&2; die "zxblk import --disk fs into $store failed"; }
+AWS_ENDPOINT_URL=$direct "$zxblk" list --store "$store" --disk fs --json >"$work/list.json" || die "zxblk list --store $store failed"
+read -r base_key child_key < <(python3 - "$work/list.json" "$prefix" <<'PY'
 import json, sys
-disks = json.load(open(sys.argv[1]))["disks"]
-snap = next(d for d in disks if d["name"] == sys.argv[2])["snapshots"][-1]
-print(sys.argv[3] + "/" + snap["file"], snap["fileSize"])
+snaps = next(d for d in json.load(open(sys.argv[1]))["disks"] if d["name"] == "fs")["snapshots"]
+print(" ".join(sys.argv[2] + "/" + s["file"] for s in snaps))
+PY
+) || die "zxblk list --json names no snapshots of disk fs"
+for k in "$base_key" "$child_key"; do
+    case $k in "$prefix"/snapshots/*.vhd) ;; *) die "unexpected snapshot object '$k'" ;; esac
+done
+# For qemu's HTTP driver, which cannot sign (see above).
+curl_s3 -X PUT -H 'x-amz-acl: public-read' -H 'Content-Length: 0' "$direct/$bucket/$base_key?acl=" >"$work/acl.log" 2>&1 ||
+    { cat "$work/acl.log" >&2; die "cannot make $base_key public-read"; }
+export AWS_ENDPOINT_URL=$link
+
+# --- the proxy's log -------------------------------------------------------------
+# waves T0 T1: the waves of the requests begun between two $EPOCHREALTIME stamps.
+waves() { "$proxy_bin" waves "$work/proxy.log" --epoch --since "$1" --until "$2"; }
+# traffic T0 T1: requests, GETs, MiB answered, MiB per GET, the most
+# requests in flight at once and how many on average, of the requests begun
+# between two stamps.
+traffic() {
+    python3 - "$work/proxy.log" "$1" "$2" <<'PY'
+import json, sys
+rows, off = [], 0.0
+for line in open(sys.argv[1]):
+    r = json.loads(line)
+    if "clock" in r:
+        off = r["epoch"] - r["mono"]
+    else:
+        rows.append(r)
+t0, t1 = float(sys.argv[2]) - off, float(sys.argv[3]) - off
+rows = [r for r in rows if t0 <= r["t_req"] <= t1]
+gets = [r for r in rows if r["method"] == "GET"]
+mib = sum(r["bytes"] for r in rows) / 1048576
+edges = sorted([(r["t_req"], 1) for r in rows] + [(r["t_last"] if r["t_last"] is not None else 1e18, -1) for r in rows],
+               key=lambda e: (e[0], e[1]))
+now = most = 0
+for _, d in edges:
+    now += d
+    most = max(most, now)
+busy = sum(min(r["t_last"] if r["t_last"] is not None else t1, t1) - r["t_req"] for r in rows)
+mean = busy / (t1 - t0) if t1 > t0 else 0
+print(len(rows), len(gets), f"{mib:.1f}", f"{mib / len(gets):.2f}" if gets else "-", most, f"{mean:.1f}")
 PY
 }
-read -r demo_key demo_obj < <(object_of demo) || die "zxblk list --json names no snapshot of disk demo"
-read -r big_key big_obj < <(object_of big) || die "zxblk list --json names no snapshot of disk big"
-for k in "$demo_key" "$big_key"; do
-    case $k in "$prefix"/snapshots/*.vhd) ;; *) die "unexpected snapshot object $k" ;; esac
-done
 
-# --- one run of each side; each sets the figures it names ------------------
+# --- one run of each side; each sets the figures it names -------------------------
 n=0
-# zx_first CACHE -> ready total (seconds), and the mount's .stats in $work/stats
-zx_first() {
-    local cache=$1 t0 t1 t2
-    rm -f "$out/ttf"; sync
-    t0=$EPOCHREALTIME
-    timeout --foreground 60 "$zxblk" mount --store "$store" --disk demo --cache "$cache" "$mnt" >"$work/mount.msg" 2>&1 || {
-        cat "$work/mount.msg" >&2; [ -f "$cache/mount.log" ] && tail -5 "$cache/mount.log" >&2
-        die "zxblk mount of demo from $store failed"
-    }
-    t1=$EPOCHREALTIME
-    daemon=$(head -n 1 "$cache/lock" 2>/dev/null | cut -d" " -f1 || true)
-    timeout --foreground 120 debugfs -R "cat $file" "$mnt/disk.raw" >"$out/ttf" 2>"$work/debugfs.err" || true
-    t2=$EPOCHREALTIME
-    timeout --foreground 10 cat "$mnt/.stats" >"$work/stats" || die "cannot read $mnt/.stats"
+umount_zx() {
     timeout --foreground 30 fusermount3 -u "$mnt" || die "fusermount3 -u $mnt failed"
     wait_gone "$daemon" 10 || die "the zxblk daemon $daemon did not end after the unmount"
     daemon=
+}
+# zx_first CACHE -> ready total (seconds), t0 t_ready (stamps); the mount's
+# .stats in $work/stats
+zx_first() {
+    local cache=$1 t2
+    rm -f "$out/ttf"; sync
+    t0=$EPOCHREALTIME
+    timeout --foreground 120 "$zxblk" mount --store "$store" --disk fs --cache "$cache" "$mnt" >"$work/mount.msg" 2>&1 || {
+        cat "$work/mount.msg" >&2; [ -f "$cache/mount.log" ] && tail -5 "$cache/mount.log" >&2
+        die "zxblk mount of fs from $store failed"
+    }
+    t_ready=$EPOCHREALTIME
+    daemon=$(head -n 1 "$cache/lock" 2>/dev/null | cut -d" " -f1 || true)
+    timeout --foreground 300 debugfs -R "cat $file" "$mnt/disk.raw" >"$out/ttf" 2>"$work/debugfs.err" || true
+    t2=$EPOCHREALTIME
+    timeout --foreground 10 cat "$mnt/.stats" >"$work/stats" || die "cannot read $mnt/.stats"
+    umount_zx
     cmp -s "$out/ttf" "$original" || { cat "$work/debugfs.err" >&2; die "through zxblk mount: $file differs from the original"; }
     rm -rf "$cache" "$out/ttf"
-    ready=$(secs "$t0" "$t1") total=$(secs "$t0" "$t2")
+    ready=$(secs "$t0" "$t_ready") total=$(secs "$t0" "$t2")
 }
 stat_of() { awk -v k="$1" '$1 == k { print $2 }' "$work/stats"; }
+# get_both DEST_BASE DEST_CHILD: both snapshot objects through the link, one
+# after the other on one connection.
+get_both() {
+    curl_s3 -o "$1" "$link/$bucket/$base_key" -o "$2" "$link/$bucket/$child_key" 2>"$work/curl.err" ||
+        { cat "$work/curl.err" >&2; die "curl GET of $base_key and $child_key failed"; }
+}
 # restore_first CHECK -> got ready total (seconds)
 restore_first() {
     local t0 t1 t2 t3
-    rm -f "$out/dl.vhd" "$out/q.raw" "$out/ttf"; sync
+    rm -f "$out/dl.vhd" "$out/dl-child.vhd" "$out/q.raw" "$out/ttf"; sync
     t0=$EPOCHREALTIME
-    curl_s3 -o "$out/dl.vhd" "$AWS_ENDPOINT_URL/$bucket/$demo_key" 2>"$work/curl.err" ||
-        { cat "$work/curl.err" >&2; die "curl GET of $demo_key failed"; }
+    get_both "$out/dl.vhd" "$out/dl-child.vhd"
     t1=$EPOCHREALTIME
     qemu-img convert -f vpc -O raw "$out/dl.vhd" "$out/q.raw" 2>"$work/convert.log" ||
-        { cat "$work/convert.log" >&2; die "qemu-img convert of $demo_key failed"; }
+        { cat "$work/convert.log" >&2; die "qemu-img convert of $base_key failed"; }
+    apply_vhd_child "$out/q.raw" "$out/dl-child.vhd" || die "laying $child_key over the base failed"
     t2=$EPOCHREALTIME
-    timeout --foreground 120 debugfs -R "cat $file" "$out/q.raw" >"$out/ttf" 2>"$work/debugfs.err" || true
+    timeout --foreground 300 debugfs -R "cat $file" "$out/q.raw" >"$out/ttf" 2>"$work/debugfs.err" || true
     t3=$EPOCHREALTIME
     cmp -s "$out/ttf" "$original" || { cat "$work/debugfs.err" >&2; die "restored first: $file differs from the original"; }
-    if [ "$1" = 1 ]; then cmp -s "$out/dl.vhd" "$work/demo.vhd" || die "the object $demo_key differs from the VHD imported"; fi
-    rm -f "$out/dl.vhd" "$out/q.raw" "$out/ttf"
+    if [ "$1" = 1 ]; then
+        cmp -s "$out/dl.vhd" "$work/base.vhd" || die "the object $base_key differs from the VHD imported"
+        cmp -s "$out/dl-child.vhd" "$work/child.vhd" || die "the object $child_key differs from the VHD imported"
+        same_bytes "$out/q.raw" "$work/changed.img" || die "restored first: the disk differs from the one imported"
+    fi
+    rm -f "$out/dl.vhd" "$out/dl-child.vhd" "$out/q.raw" "$out/ttf"
     got=$(secs "$t0" "$t1") ready=$(secs "$t0" "$t2") total=$(secs "$t0" "$t3")
 }
-# zx_export -> last (seconds); the output is checked every time
+# qemu_http -> ready total (seconds): qemu's HTTP driver on the base object,
+# served by qemu-nbd and mounted by nbdfuse.
+qemu_http() {
+    local t0 t1 t2 i
+    rm -f "$sock" "$work/qemu-nbd.pid" "$work/nbdfuse.pid" "$out/ttf"
+    t0=$EPOCHREALTIME
+    # --fork returns once the image is open and the socket listens.
+    qemu-nbd --fork --persistent --read-only --shared=8 --pid-file="$work/qemu-nbd.pid" -k "$sock" \
+        "json:{\"driver\":\"vpc\",\"file\":{\"driver\":\"http\",\"url\":\"$link/$bucket/$base_key\"}}" \
+        2>"$work/qemu-nbd.log" || { cat "$work/qemu-nbd.log" >&2; die "qemu-nbd of the base object over HTTP failed"; }
+    qnbd=$(cat "$work/qemu-nbd.pid")
+    nbdfuse -r -P "$work/nbdfuse.pid" "$pmnt/disk.raw" --unix "$sock" >"$work/nbdfuse.log" 2>&1 &
+    nbdf=$!
+    for ((i = 0; i < 2000; i++)); do
+        [ -s "$work/nbdfuse.pid" ] && break
+        kill -0 "$nbdf" 2>/dev/null || { cat "$work/nbdfuse.log" >&2; die "nbdfuse failed"; }
+        sleep 0.005
+    done
+    [ -s "$work/nbdfuse.pid" ] || die "nbdfuse did not start serving within 10 s"
+    t1=$EPOCHREALTIME
+    timeout --foreground 300 debugfs -R "cat $file" "$pmnt/disk.raw" >"$out/ttf" 2>"$work/debugfs.err" || true
+    t2=$EPOCHREALTIME
+    timeout --foreground 30 fusermount3 -u "$pmnt" || die "fusermount3 -u $pmnt failed"
+    wait_gone "$nbdf" 10 || die "nbdfuse did not end after the unmount"
+    wait "$nbdf" 2>/dev/null || true
+    nbdf=
+    stop_pid "$qnbd"
+    qnbd=
+    cmp -s "$out/ttf" "$original" || { cat "$work/debugfs.err" >&2; die "through qemu's HTTP driver: $file differs from the original"; }
+    rm -f "$out/ttf"
+    ready=$(secs "$t0" "$t1") total=$(secs "$t0" "$t2")
+}
+# zx_export -> last (seconds), t0 t1 (stamps); the output is checked every time
 zx_export() {
-    local cache=$work/cache.$((n += 1)) t0 t1
+    local cache=$work/cache.$((n += 1))
     rm -f "$out/z.raw"; sync
     t0=$EPOCHREALTIME
-    timeout --foreground 600 "$zxblk" export --store "$store" --disk big --cache "$cache" --out "$out/z.raw" -q >"$work/export.log" 2>&1 ||
-        { cat "$work/export.log" >&2; die "zxblk export --disk big from $store failed"; }
+    timeout --foreground 1200 "$zxblk" export --store "$store" --disk fs --cache "$cache" --out "$out/z.raw" -q >"$work/export.log" 2>&1 ||
+        { cat "$work/export.log" >&2; die "zxblk export --disk fs from $store failed"; }
     t1=$EPOCHREALTIME
     rm -rf "$cache"
-    same_bytes "$out/z.raw" "$work/d1g.raw" || die "zxblk export of big from $store differs from the disk it must hold"
+    same_bytes "$out/z.raw" "$work/changed.img" || die "zxblk export of fs from $store differs from the disk it must hold"
     rm -f "$out/z.raw"
     last=$(secs "$t0" "$t1")
 }
-# curl_get CHECK -> last (seconds); the object is checked with CHECK=1
-curl_get() {
-    local t0 t1 size
-    rm -f "$out/big.vhd"; sync
+# zx_nbdcopy -> last (seconds), t0 t1 (stamps); the copy is checked every time
+zx_nbdcopy() {
+    local cache=$work/cache.$((n += 1))
+    rm -f "$out/c.raw"; sync
     t0=$EPOCHREALTIME
-    curl_s3 -o "$out/big.vhd" "$AWS_ENDPOINT_URL/$bucket/$big_key" 2>"$work/curl.err" ||
-        { cat "$work/curl.err" >&2; die "curl GET of $big_key failed"; }
+    timeout --foreground 1200 "$zxblk" serve --store "$store" --disk fs --cache "$cache" -q \
+        --run "nbdcopy \"\$uri\" $out/c.raw" >"$work/serve.log" 2>&1 ||
+        { cat "$work/serve.log" >&2; die "nbdcopy through zxblk serve of fs failed"; }
     t1=$EPOCHREALTIME
-    size=$(stat -c %s "$out/big.vhd")
-    [ "$size" = "$big_obj" ] || die "curl GET of $big_key gave $size bytes; zxblk list says $big_obj"
-    if [ "$1" = 1 ]; then same_bytes "$out/big.vhd" "$work/big.vhd" || die "the object $big_key differs from the VHD imported"; fi
-    rm -f "$out/big.vhd"
+    rm -rf "$cache"
+    same_bytes "$out/c.raw" "$work/changed.img" || die "nbdcopy through zxblk serve: the copy differs from the disk"
+    rm -f "$out/c.raw"
+    last=$(secs "$t0" "$t1")
+}
+# drop PREFIX: removes every object under PREFIX, and has radosgw free their
+# space now rather than hours later.
+drop() {
+    local k keys
+    # The query percent-encoded, as curl's signing wants it.
+    keys=$(curl_s3 "$direct/$bucket?list-type=2&prefix=${1//\//%2F}") || die "cannot list the objects under $1"
+    for k in $(grep -o '<Key>[^<]*</Key>' <<<"$keys" | sed 's/<[^>]*>//g'); do
+        curl_s3 -X DELETE "$direct/$bucket/$k" >/dev/null || die "cannot delete $k"
+    done
+    radosgw-admin gc process --include-all >/dev/null 2>&1 || true
+}
+# zx_import -> last (seconds); what was stored is checked with CHECK=1
+zx_import() {
+    local p=imp$((n += 1)) t0 t1 key
+    t0=$EPOCHREALTIME
+    timeout --foreground 1200 "$zxblk" import --store "s3://$bucket/$p" --disk fs -q "$work/base.vhd" >"$work/imp.log" 2>&1 ||
+        { cat "$work/imp.log" >&2; die "zxblk import of base.vhd through the link failed"; }
+    t1=$EPOCHREALTIME
+    if [ "$1" = 1 ]; then
+        key=$(AWS_ENDPOINT_URL=$direct "$zxblk" list --store "s3://$bucket/$p" --disk fs | grep -o 'snapshots/[^ ]*\.vhd' | head -1)
+        [ -n "$key" ] || die "zxblk list names no snapshot of the disk imported through the link"
+        curl_s3 -o "$out/back.vhd" "$direct/$bucket/$p/$key" || die "cannot read back $p/$key"
+        cmp -s "$out/back.vhd" "$work/base.vhd" || die "zxblk import through the link stored other bytes than base.vhd"
+        rm -f "$out/back.vhd"
+    fi
+    drop "$p/"
+    last=$(secs "$t0" "$t1")
+}
+# curl_put CHECK -> last (seconds)
+curl_put() {
+    local p=put$((n += 1)) t0 t1
+    t0=$EPOCHREALTIME
+    curl_s3 -o /dev/null -T "$work/base.vhd" "$link/$bucket/$p/base.vhd" 2>"$work/curl.err" ||
+        { cat "$work/curl.err" >&2; die "curl PUT of base.vhd failed"; }
+    t1=$EPOCHREALTIME
+    if [ "$1" = 1 ]; then
+        curl_s3 -o "$out/back.vhd" "$direct/$bucket/$p/base.vhd" || die "cannot read back $p/base.vhd"
+        cmp -s "$out/back.vhd" "$work/base.vhd" || die "curl PUT through the link stored other bytes than base.vhd"
+        rm -f "$out/back.vhd"
+    fi
+    drop "$p/"
     last=$(secs "$t0" "$t1")
 }
 
-# --- rounds ------------------------------------------------------------------
+# --- rounds ------------------------------------------------------------------------
 declare -A best
 keep_min() { best[$1]=$(min_of "${best[$1]:-}" "$2"); }
 b() { echo "${best[$1]:-}"; }
-step "timing: best of up to $rounds rounds, each job zxblk then peer$(budget_note) ..."
-done_rounds=0 last_round=0 ext='' rec='' gets='' get_bytes=''
+step "the link: round trips and a GET, through it and around it ..."
+# radosgw's own answer time drifts from one moment to the next: the two
+# sides take turns, and the middle of each side's medians is kept.
+through=() around=()
+for _ in 1 2 3; do
+    through+=("$(rtt "$link" | cut -d' ' -f1)") around+=("$(rtt "$direct" | cut -d' ' -f1)")
+done
+mid() { printf '%s\n' "$@" | sort -g | sed -n 2p; }
+rtt_link=$(mid "${through[@]}") rtt_direct=$(mid "${around[@]}")
+# The link's throughput: the base object to /dev/null, so that only the
+# link and radosgw count.
+link_get=$(curl_s3 -o /dev/null -w '%{speed_download}' "$link/$bucket/$base_key") || die "curl GET through the link failed"
+direct_get=$(curl_s3 -o /dev/null -w '%{speed_download}' "$direct/$bucket/$base_key") || die "curl GET around the link failed"
+step "timing: best of up to $rounds rounds, each job then its peers$(budget_note) ..."
+done_rounds=0 last_round=0 ext='' rec='' fetched='' waves_cold='' waves_warm='' t_export='' t_copy=''
 for ((r = 1; r <= rounds; r++)); do
     if [ "$r" -gt 1 ] && ! more_rounds "$script_start" "$last_round"; then break; fi
     round_start=$EPOCHREALTIME
     check=0; [ "$r" = 1 ] && check=1
     if [ "$have_fuse" = 1 ]; then
+        # Cold: nothing kept from before, not even what zxblk keeps beside
+        # its caches; warm: the same, on a new cache folder.
+        export XDG_CACHE_HOME=$work/xdg.$r
         zx_first "$work/ttf-cache.$r"
         keep_min z_ready "$ready"; keep_min z_total "$total"
+        waves_cold+="${waves_cold:+ }$(waves "$t0" "$t_ready")"
         [ "$(stat_of read_errors)" = 0 ] || echo "note: the mount counted $(stat_of read_errors) read errors" >&2
-        # Every run starts empty and reads the same; keep the last run's counts.
-        ext=$(stat_of extents_recalled) rec=$(stat_of bytes_recalled) gets=$(stat_of store_gets) get_bytes=$(stat_of store_get_bytes)
+        ext=$(stat_of extents_recalled) rec=$(stat_of bytes_recalled) fetched=$(stat_of store_get_bytes)
+        read -r cold_reqs _ _ _ cold_most _ < <(traffic "$t0" "$t_ready")
+        zx_first "$work/ttf-cache.$r.warm"
+        keep_min w_ready "$ready"; keep_min w_total "$total"
+        waves_warm+="${waves_warm:+ }$(waves "$t0" "$t_ready")"
+        read -r warm_reqs _ _ _ _ _ < <(traffic "$t0" "$t_ready")
+        rm -rf "$XDG_CACHE_HOME"
+        export XDG_CACHE_HOME=$work/xdg
+        if [ "$have_http" = 1 ]; then
+            qemu_http
+            keep_min h_ready "$ready"; keep_min h_total "$total"
+        fi
     fi
     restore_first "$check"
-    keep_min q_got "$got"; keep_min q_ready "$ready"; keep_min q_total "$total"
+    # Its download is the GET the exports are compared with.
+    keep_min c_get "$got"; keep_min q_ready "$ready"; keep_min q_total "$total"
     zx_export; keep_min z_export "$last"
-    curl_get "$check"; keep_min c_get "$last"
+    t_export=$(traffic "$t0" "$t1")
+    zx_nbdcopy; keep_min z_copy "$last"
+    t_copy=$(traffic "$t0" "$t1")
+    zx_import "$check"; keep_min z_import "$last"
+    curl_put "$check"; keep_min c_put "$last"
     done_rounds=$r
     last_round=$(secs "$round_start" "$EPOCHREALTIME")
     step "round $r done in $last_round s"
 done
 
-# --- report ------------------------------------------------------------------
+# --- report ------------------------------------------------------------------------
 mib() { awk -v b="$1" 'BEGIN { if (b == "") print "-"; else printf "%.1f", b / 1048576 }'; }
 mibs() { awk -v b="$1" -v t="$2" 'BEGIN { if (t == "" || t + 0 == 0) print "-"; else printf "%.1f", b / 1048576 / t }'; }
+target() { printf '  %-58s %9s  %-10s %s\n' "$1" "$2" "$3" "$(verdict "${2%x}" "$4" "$5")"; }
 note=$(rounds_note "$done_rounds")
+objects=$((base_vhd_bytes + child_vhd_bytes))
+echo
+echo "link: --profile $profile (one way ${delay_ms} ms, cap $(awk -v c="$cap_bits" 'BEGIN { print c ? c / 1e9 " Gbit/s" : "none" }')), measured:"
+added=$(awk -v a="$rtt_link" -v b="$rtt_direct" 'BEGIN { printf "%.3f", a - b }')
+printf '  round trip: %s ms through the link, %s ms around it (medians of 30 requests on one connection): the link adds %s ms\n' \
+    "$rtt_link" "$rtt_direct" "$added"
+mbit() { awk -v s="$1" 'BEGIN { printf "%.0f", s * 8 / 1e6 }'; }
+get_mbit=$(mbit "$link_get")
+printf '  a curl GET of the base object to /dev/null: %s Mbit/s (%s MiB/s) through the link, %s Mbit/s around it\n' \
+    "$get_mbit" "$(mibs "$link_get" 1)" "$(mbit "$direct_get")"
+if [ "$profile" != none ]; then
+    want=$(awk -v d="$delay_ms" 'BEGIN { print 2 * d }')
+    off=$(awk -v a="$added" -v w="$want" 'BEGIN { printf "%.1f", (a > w ? a - w : w - a) / w * 100 }')
+    target "added round trip off the profile's $want ms by (%)" "$off" "<= 10" "<=" 10
+    share=$(awk -v m="$get_mbit" -v c="$cap_bits" 'BEGIN { printf "%.1f", m * 1e6 / c * 100 }')
+    target "GET throughput, share of the cap (%)" "$share" ">= 90" ">=" 90
+    if awk -v d="$direct_get" -v c="$cap_bits" 'BEGIN { exit !(d * 8 < 0.9 * c) }'; then
+        echo "  (radosgw alone, around the link, gives less than 90% of this cap on this machine)"
+    fi
+fi
 
 echo
-echo "1. time to the first file: the demo's ext4 disk (256 MiB; a dynamic VHD object of $(mib "$demo_obj") MiB on S3), $file ($(($(stat -c %s "$original") >> 10)) KiB); $note"
-row() { printf '%-38s %9s %9s %8s %13s %12s %6s\n' "$@"; }
-row "" "ready s" "file s" "extents" "MiB recalled" "MiB fetched" "GETs"
+echo "1. time to one file: $file ($(($(stat -c %s "$original") >> 10)) KiB) of an 8 GiB disk, ext4 with $files_mib MiB of files;"
+echo "   snapshot objects: base $(mib "$base_vhd_bytes") MiB + child $(mib "$child_vhd_bytes") MiB; $note"
+row() { printf '  %-50s %9s %9s\n' "$@"; }
+row "" "ready s" "file s"
 if [ "$have_fuse" = 1 ]; then
-    row "zxblk mount (new cache) + debugfs" "$(b z_ready)" "$(b z_total)" "$ext" "$(mib "$rec")" "$(mib "$get_bytes")" "$gets"
+    row "zxblk mount (new cache, cold) + debugfs" "$(b z_ready)" "$(b z_total)"
+    row "zxblk mount (new cache, warm) + debugfs" "$(b w_ready)" "$(b w_total)"
+    [ "$have_http" = 1 ] && row "qemu-nbd (HTTP driver, base) + nbdfuse + debugfs" "$(b h_ready)" "$(b h_total)"
 fi
-row "curl GET + qemu-img convert + debugfs" "$(b q_ready)" "$(b q_total)" "-" "-" "$(mib "$demo_obj")" "1"
-echo "(ready: mounted, or downloaded ($(b q_got) s) and converted; file: the file read by debugfs, from the start;"
-echo " fetched: bytes of GET replies, the mount's last run; the byte checks are not timed)"
+row "curl GET + qemu-img convert + child + debugfs" "$(b q_ready)" "$(b q_total)"
+echo "  (ready: mounted, or served, or downloaded ($(b c_get) s) and restored; file: the file read, from the start)"
 if [ "$have_fuse" = 1 ]; then
+    echo "  cold mount: $ext extents, $(mib "$rec") MiB recalled, $(mib "$fetched") MiB fetched; until ready: $cold_reqs requests, at most $cold_most at once; warm: $warm_reqs requests"
+    echo "  request waves until the mount was ready, each round: cold $waves_cold, warm $waves_warm"
+    wc_=$(echo "$waves_cold" | tr ' ' '\n' | sort -n | tail -1) ww_=$(echo "$waves_warm" | tr ' ' '\n' | sort -n | tail -1)
+    echo "  (cold: $wc_ waves of a $rtt_link ms round trip are $(awk -v w="$wc_" -v r="$rtt_link" 'BEGIN { printf "%.2f", w * r / 1000 }') s of the $(b z_ready) s to ready)"
     rt=$(ratio "$(b q_total)" "$(b z_total)")
-    printf '%-52s %8s   %-9s %s\n' "ratio restore-first / zxblk (file s)" "$rt" ">= 10x" "$(verdict "${rt%x}" ">=" 10)"
+    if [ "$profile" = wan ]; then
+        target "restore-first / zxblk cold (file s)" "$rt" ">= 30x" ">=" 30
+        rt=$(ratio "$(b h_total)" "$(b z_total)")
+        target "qemu HTTP driver / zxblk cold (file s)" "$rt" "> 1x" ">" 1
+        target "request waves until ready, cold (most of the rounds)" "$wc_" "<= 3" "<=" 3
+        target "request waves until ready, warm (most of the rounds)" "$ww_" "<= 1" "<=" 1
+    else
+        printf '  %-58s %9s\n' "restore-first / zxblk cold (file s)" "$rt"
+    fi
 else
-    echo "no FUSE here (/dev/fuse or fusermount3 missing): zxblk mount not measured"
+    echo "  no FUSE here (/dev/fuse, fusermount3 or nbdfuse missing): mounts not measured"
 fi
 
 echo
-pct() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.0f%%", 100 * a / b }'; }
-echo "2. the whole 1 GiB dynamic VHD ($(pct "$big_data" $((1024 * MiB))) data; an object of $(mib "$big_obj") MiB on S3); $note"
-row2() { printf '%-38s %9s %14s %9s\n' "$@"; }
-row2 "" "seconds" "MiB" "MiB/s"
-row2 "zxblk export (new cache)" "$(b z_export)" "$(mib "$big_data") data" "$(mibs "$big_data" "$(b z_export)")"
-row2 "curl GET of the object" "$(b c_get)" "$(mib "$big_obj") object" "$(mibs "$big_obj" "$(b c_get)")"
-rt=$(ratio "$(b z_export)" "$(b c_get)")
-printf '%-52s %8s   %-9s %s\n' "ratio zxblk / curl (seconds)" "$rt" "<= 1.5x" "$(verdict "${rt%x}" "<=" 1.5)"
-echo "(seconds: wall time of the whole command; MiB/s of the disk's data for zxblk, of the object's bytes for curl;"
-echo " every export is checked byte for byte against the raw disk, untimed)"
+echo "2. the whole disk ($(mib "$disk_data") MiB of data in 8 GiB); $note"
+row2() { printf '  %-50s %9s %10s\n' "$@"; }
+row2 "" "seconds" "MiB/s"
+row2 "zxblk export (new cache)" "$(b z_export)" "$(mibs "$disk_data" "$(b z_export)")"
+row2 "nbdcopy through zxblk serve (new cache)" "$(b z_copy)" "$(mibs "$disk_data" "$(b z_copy)")"
+row2 "curl GET of both snapshot objects" "$(b c_get)" "$(mibs "$objects" "$(b c_get)")"
+read -r _ e_gets e_mib e_per e_most e_mean <<<"$t_export"
+read -r _ c_gets c_mib c_per c_most c_mean <<<"$t_copy"
+echo "  (MiB/s of the disk's data for zxblk, of the objects' bytes for curl; the last run of each:"
+echo "   export $e_gets GETs of $e_per MiB on average, $e_mean in flight on average (at most $e_most), $e_mib MiB in all;"
+echo "   nbdcopy $c_gets GETs of $c_per MiB on average, $c_mean in flight on average (at most $c_most), $c_mib MiB in all)"
+rt_e=$(ratio "$(b z_export)" "$(b c_get)") rt_c=$(ratio "$(b z_copy)" "$(b c_get)")
+case $profile in
+    wan)
+        target "export / GET (seconds)" "$rt_e" "<= 1.1x" "<=" 1.1
+        target "nbdcopy / GET (seconds)" "$rt_c" "<= 1.1x" "<=" 1.1 ;;
+    lan) target "export / GET (seconds)" "$rt_e" "<= 1.3x" "<=" 1.3
+        printf '  %-58s %9s\n' "nbdcopy / GET (seconds)" "$rt_c" ;;
+    *) printf '  %-58s %9s\n' "export / GET (seconds)" "$rt_e" "nbdcopy / GET (seconds)" "$rt_c" ;;
+esac
+
+echo
+echo "3. import of the base VHD ($(mib "$base_vhd_bytes") MiB); $note"
+row2 "" "seconds" "MiB/s"
+row2 "zxblk import onto s3://" "$(b z_import)" "$(mibs "$base_vhd_bytes" "$(b z_import)")"
+row2 "curl PUT of the file" "$(b c_put)" "$(mibs "$base_vhd_bytes" "$(b c_put)")"
+rt=$(ratio "$(b z_import)" "$(b c_put)")
+if [ "$profile" = wan ]; then target "import / PUT (seconds)" "$rt" "<= 1.2x" "<=" 1.2
+else printf '  %-58s %9s\n' "import / PUT (seconds)" "$rt"; fi
+stop_pid "$proxy"
+proxy=
+echo
+echo "$(cat "$work/proxy.err")"

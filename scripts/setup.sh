@@ -15,7 +15,7 @@ PACKAGES=(
   libfuse3-dev fuse3 nbdkit nbdkit-plugin-dev libnbd-bin libxxhash-dev
   qemu-utils libvhdi-utils e2fsprogs python3 strace cryptsetup-bin
   libblkid-dev fdisk gdisk python3-libnbd
-  ceph radosgw libcurl4-openssl-dev uuid-runtime libpugixml-dev
+  ceph radosgw libcurl4-openssl-dev uuid-runtime libpugixml-dev qemu-block-extra
 )
 
 say() { printf '==> %s\n' "$*"; }

@@ -131,7 +131,7 @@ ok "wrong keys and a missing bucket are one-line errors, without the secret"
 
 # Through a proxy that refuses, stalls and cuts connections: retries, and
 # the right bytes.
-python3 "$s3/fault_proxy.py" "${AWS_ENDPOINT_URL#http://}" proxy.port 2>proxy.log &
+"$(dirname "$chain")/../s3/net_proxy" "${AWS_ENDPOINT_URL#http://}" proxy.port --faults 2>proxy.log &
 proxy=$!
 for _ in $(seq 100); do [ -s proxy.port ] && break; sleep 0.05; done
 AWS_ENDPOINT_URL=http://127.0.0.1:$(cat proxy.port) t "$zxblk" serve --store s3://bkt/backups/site1 --disk fs --cache c6 \

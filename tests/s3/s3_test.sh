@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # s3_test.sh CLIENT_TEST: runs CLIENT_TEST (the S3 client's gtest program)
-# against a Ceph cluster of its own, directly and through fault_proxy.py, and
+# against a Ceph cluster of its own, directly and through net_proxy --faults, and
 # reads its multipart upload back with curl's own S3 signing. The cluster
 # and the proxy are stopped and every file removed however it ends.
 # Skipped (77) where Ceph is not installed.
@@ -39,10 +39,10 @@ set +a
 unset AWS_PROFILE AWS_DEFAULT_PROFILE AWS_SESSION_TOKEN AWS_DEFAULT_REGION AWS_ENDPOINT_URL_S3
 export AWS_SHARED_CREDENTIALS_FILE=$work/no-credentials AWS_CONFIG_FILE=$work/no-config
 
-python3 "$here/fault_proxy.py" "${AWS_ENDPOINT_URL#http://}" "$work/proxy.port" 2>"$work/proxy.log" &
+"$(dirname "$client_test")/net_proxy" "${AWS_ENDPOINT_URL#http://}" "$work/proxy.port" --faults 2>"$work/proxy.log" &
 proxy=$!
 for _ in $(seq 100); do [ -s "$work/proxy.port" ] && break; sleep 0.05; done
-[ -s "$work/proxy.port" ] || fail "fault_proxy.py did not start"
+[ -s "$work/proxy.port" ] || fail "net_proxy did not start"
 
 # Another S3 client, curl with its own signing: it makes the bucket and
 # begins an upload that it leaves open, for the test to find and abort.
