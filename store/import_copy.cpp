@@ -80,14 +80,12 @@ const uint64_t kCopyStep = 8 << 20;
 // order, so each block is read from the source once and then copied from the
 // page cache; holes hash as zeros without a read, and runs of zeros the
 // hashing reads are left as holes too.
-std::string copyWithSums(const VhdImage& img, const std::string& name, const std::string& to,
+std::string copyWithSums(const VhdImage& img, const std::string& name, Storage::Staging::Sink& sink,
                          const std::function<void(uint64_t)>& advanced) {
     ScopedFd in(::open(img.path().c_str(), O_RDONLY | O_CLOEXEC));
     if (in.fd < 0) throw StoreError(img.path() + ": " + std::strerror(errno));
     struct stat st;
     if (::fstat(in.fd, &st) != 0 || FileStamp::of(st) != img.stamp()) throw changedDuringImport(img);
-    ScopedFd out(::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (out.fd < 0) throw StoreError(to + ": " + std::strerror(errno));
     const uint64_t size = img.fileSize();
     const Ranges data = dataRanges(in.fd, size, img.path());
 
@@ -169,34 +167,6 @@ std::string copyWithSums(const VhdImage& img, const std::string& name, const std
         }
     };
 
-    bool kernelCopy = true;
-    std::vector<char> buffer;
-    auto transfer = [&](uint64_t at, uint64_t length) {
-        while (length > 0) {
-            ssize_t n;
-            if (kernelCopy) {
-                loff_t from = static_cast<loff_t>(at), into = static_cast<loff_t>(at);
-                n = ::copy_file_range(in.fd, &from, out.fd, &into, static_cast<size_t>(length), 0);
-                if (n < 0 && errno == EINTR) continue;
-                // Not between these two files (or nothing copied, which a
-                // read then explains): through memory from here on.
-                if ((n < 0 && (errno == EXDEV || errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL)) || n == 0) {
-                    kernelCopy = false;
-                    continue;
-                }
-                if (n < 0) throw StoreError(to + ": copying " + img.path() + ": " + std::strerror(errno));
-            } else {
-                buffer.resize(1u << 20);
-                n = ::pread(in.fd, buffer.data(), static_cast<size_t>(std::min<uint64_t>(length, buffer.size())),
-                            static_cast<off_t>(at));
-                if (n < 0 && errno == EINTR) continue;
-                if (n < 0) throw StoreError(img.path() + ": " + std::strerror(errno));
-                writeFully(out.fd, buffer.data(), static_cast<size_t>(n), static_cast<int64_t>(at), to);
-            }
-            if (n == 0) throw changedDuringImport(img);  // it ends before the size it had when checked
-            at += static_cast<uint64_t>(n), length -= static_cast<uint64_t>(n);
-        }
-    };
     for (const auto& range : data) {
         for (uint64_t at = range.first; at < range.second;) {
             const uint64_t stop = std::min(range.second, at + kCopyStep);
@@ -208,15 +178,15 @@ std::string copyWithSums(const VhdImage& img, const std::string& name, const std
                     continue;
                 }
                 const uint64_t until = zeros.empty() ? stop : std::min(stop, zeros.front().first);
-                transfer(at, until - at);
+                // A source that ends before the size it had when it was checked.
+                if (!sink.copy(in.fd, at, until - at)) throw changedDuringImport(img);
                 at = until;
             }
             advanced(at);
         }
     }
     sumUnitsBefore(UINT64_MAX);
-    if (::ftruncate(out.fd, static_cast<off_t>(size)) != 0 || ::fsync(out.fd) != 0)
-        throw StoreError(to + ": " + std::strerror(errno));
+    sink.finish(size);
     // A source written to while it was read would otherwise go in with sums
     // that do not match it.
     if (::fstat(in.fd, &st) != 0 || FileStamp::of(st) != img.stamp()) throw changedDuringImport(img);
@@ -224,6 +194,61 @@ std::string copyWithSums(const VhdImage& img, const std::string& name, const std
     std::sort(sums.entries.begin(), sums.entries.end(),
               [](const BlockSums::Entry& a, const BlockSums::Entry& b) { return a.unit < b.unit; });
     return sums.serialize();
+}
+
+namespace {
+
+// The copy into a local file: the kernel copies (or shares the blocks,
+// where the file system can) without a round trip through memory.
+class FileSink : public Storage::Staging::Sink {
+public:
+    explicit FileSink(std::string path)
+        : m_path(std::move(path)), m_out(::open(m_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)) {
+        if (m_out.fd < 0) throw StoreError(m_path + ": " + std::strerror(errno));
+    }
+    bool copy(int fd, uint64_t at, uint64_t length) override {
+        while (length > 0) {
+            ssize_t n;
+            if (m_kernelCopy) {
+                loff_t from = static_cast<loff_t>(at), into = static_cast<loff_t>(at);
+                n = ::copy_file_range(fd, &from, m_out.fd, &into, static_cast<size_t>(length), 0);
+                if (n < 0 && errno == EINTR) continue;
+                // Not between these two files (or nothing copied, which a
+                // read then explains): through memory from here on.
+                if ((n < 0 && (errno == EXDEV || errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL)) || n == 0) {
+                    m_kernelCopy = false;
+                    continue;
+                }
+                if (n < 0) throw StoreError(m_path + ": " + std::strerror(errno));
+            } else {
+                m_buffer.resize(1u << 20);
+                n = ::pread(fd, m_buffer.data(), static_cast<size_t>(std::min<uint64_t>(length, m_buffer.size())),
+                            static_cast<off_t>(at));
+                if (n < 0 && errno == EINTR) continue;
+                if (n < 0) throw StoreError(m_path + ": reading its source: " + std::strerror(errno));
+                writeFully(m_out.fd, m_buffer.data(), static_cast<size_t>(n), static_cast<int64_t>(at), m_path);
+            }
+            if (n == 0) return false;
+            at += static_cast<uint64_t>(n), length -= static_cast<uint64_t>(n);
+        }
+        return true;
+    }
+    void finish(uint64_t size) override {
+        if (::ftruncate(m_out.fd, static_cast<off_t>(size)) != 0 || ::fsync(m_out.fd) != 0)
+            throw StoreError(m_path + ": " + std::strerror(errno));
+    }
+
+private:
+    std::string m_path;
+    ScopedFd m_out;
+    bool m_kernelCopy = true;
+    std::vector<char> m_buffer;
+};
+
+}  // namespace
+
+std::unique_ptr<Storage::Staging::Sink> fileSink(const std::string& path) {
+    return std::unique_ptr<Storage::Staging::Sink>(new FileSink(path));
 }
 
 void writeWhole(const std::string& path, const std::string& bytes) {

@@ -9,12 +9,14 @@
 
 namespace zxblk {
 
-// Copies `img` to the local file `to` and returns its side file of
-// checksums (for the store object `name`). `advanced` gets the bytes of the
-// image dealt with so far. Throws StoreError, also when the image changes
-// while it is read.
-std::string copyWithSums(const VhdImage& img, const std::string& name, const std::string& to,
+// Copies `img` into `sink` and returns its side file of checksums (for the
+// store object `name`). `advanced` gets the bytes of the image dealt with so
+// far. Throws StoreError, also when the image changes while it is read.
+std::string copyWithSums(const VhdImage& img, const std::string& name, Storage::Staging::Sink& sink,
                          const std::function<void(uint64_t)>& advanced);
+// A sink that writes the local file `path` (sparse where the image holds
+// nothing), synced when finished.
+std::unique_ptr<Storage::Staging::Sink> fileSink(const std::string& path);
 // Writes `bytes` as the whole of the local file `path`, synced.
 void writeWhole(const std::string& path, const std::string& bytes);
 

@@ -165,7 +165,9 @@ std::vector<std::string> importLocked(const Storage& storage, Storage::Staging& 
         for (const std::string* file : {&copy.file, &copy.sums})
             if (storage.stat(*file).exists)
                 throw StoreError(storage.describe(*file) + ": already exists, named by the catalog for another snapshot");
-        std::string sums = copyWithSums(img, name, staging.pathFor(copy.file), [&](uint64_t at) {
+        std::unique_ptr<Storage::Staging::Sink> sink = staging.sink(copy.file, img.fileSize());
+        if (!sink) sink = fileSink(staging.pathFor(copy.file));
+        std::string sums = copyWithSums(img, name, *sink, [&](uint64_t at) {
             if (options.progress) options.progress(done + at, total);
         });
         done += img.fileSize();

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <deque>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -279,71 +281,158 @@ bool S3Client::putObject(const std::string& key, const std::string& data, bool i
     return true;
 }
 
-void S3Client::uploadFile(const std::string& key, int fd, uint64_t size, uint64_t partSize, unsigned parallel) {
-    partSize = std::max(partSize, kMinPartSize);
-    if (size <= partSize) {
-        putObject(key, s_->readPart(key, fd, 0, size, size));
+// The parts of an upload on their way: a queue that the sending threads
+// take from, and what came of each.
+struct S3Client::Upload::Parts {
+    S3Client::State& s;
+    const std::string key;
+    const unsigned parallel;
+    std::string uploadId;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::deque<std::pair<uint64_t, std::string>> queue;  // (number, bytes)
+    unsigned sending = 0;
+    std::vector<std::thread> senders;
+    std::vector<std::string> etags;
+    uint64_t next = 1, total = 0;
+    uint64_t errorPart = UINT64_MAX;
+    std::string error;
+    bool closed = false;
+
+    Parts(S3Client::State& state, std::string k, unsigned p) : s(state), key(std::move(k)), parallel(std::max(1u, p)) {}
+
+    void send() {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (;;) {
+            changed.wait(lock, [&] { return !queue.empty() || closed; });
+            if (queue.empty()) return;
+            auto part = std::move(queue.front());
+            queue.pop_front();
+            ++sending;
+            const bool stopped = !error.empty();
+            lock.unlock();
+            std::string etag, why;
+            if (!stopped) {
+                try {
+                    etag = s.uploadPart(key, uploadId, part.first, part.second);
+                } catch (const std::exception& e) {
+                    why = e.what();
+                }
+            }
+            lock.lock();
+            --sending;
+            if (!why.empty() && part.first < errorPart) errorPart = part.first, error = why;
+            if (etags.size() < part.first) etags.resize(part.first);
+            etags[part.first - 1] = etag;
+            changed.notify_all();
+        }
+    }
+    // Queues a full part, once fewer than `parallel` are queued or going.
+    void add(std::string bytes) {
+        if (uploadId.empty()) uploadId = s.beginUpload(key);
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, [&] { return queue.size() + sending < parallel || !error.empty(); });
+        if (!error.empty()) throw StoreError(s3::oneLine(error));
+        total += bytes.size();
+        queue.emplace_back(next++, std::move(bytes));
+        if (senders.size() < parallel) {
+            try {
+                senders.emplace_back(&Parts::send, this);
+            } catch (const std::system_error&) {
+                if (senders.empty()) throw;  // none at all: nothing would send it
+            }
+        }
+        changed.notify_all();
+    }
+    // Waits for every part; the first part's error, if any.
+    std::string drain() {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            closed = true;
+        }
+        changed.notify_all();
+        for (std::thread& t : senders) t.join();
+        senders.clear();
+        return error;
+    }
+};
+
+S3Client::Upload::Upload(S3Client& client, std::string key, uint64_t sizeHint, uint64_t partSize, unsigned parallel)
+    : m_client(client), m_key(std::move(key)) {
+    // No more than S3's 10000 parts: larger parts, in whole MiB, where needed.
+    const uint64_t least = (sizeHint + kMaxParts - 1) / kMaxParts;
+    m_partSize = std::max({partSize, kMinPartSize, (least + kMiB - 1) / kMiB * kMiB});
+    m_parts.reset(new Parts(*client.s_, m_key, parallel));
+}
+
+S3Client::Upload::~Upload() {
+    if (m_finished) return;
+    m_parts->drain();
+    // Leave no parts behind: they cost storage and no listing shows them.
+    if (!m_parts->uploadId.empty()) {
+        try {
+            m_client.abortUpload(m_key, m_parts->uploadId);
+        } catch (const std::exception&) {
+            // The service's lifecycle rules are the last resort.
+        }
+    }
+}
+
+void S3Client::Upload::partFull() {
+    std::string full;
+    full.swap(m_part);
+    m_parts->add(std::move(full));
+    m_part.reserve(static_cast<size_t>(m_partSize));
+}
+
+void S3Client::Upload::write(const void* data, size_t length) {
+    const char* from = static_cast<const char*>(data);
+    while (length) {
+        size_t n = static_cast<size_t>(std::min<uint64_t>(length, m_partSize - m_part.size()));
+        m_part.append(from, n);
+        from += n, length -= n;
+        if (m_part.size() == m_partSize) partFull();
+    }
+}
+
+void S3Client::Upload::zeros(uint64_t length) {
+    while (length) {
+        size_t n = static_cast<size_t>(std::min<uint64_t>(length, m_partSize - m_part.size()));
+        m_part.append(n, '\0');
+        length -= n;
+        if (m_part.size() == m_partSize) partFull();
+    }
+}
+
+void S3Client::Upload::finish() {
+    if (m_parts->uploadId.empty()) {
+        m_client.putObject(m_key, m_part);
+        m_finished = true;
         return;
     }
-    // No more than S3's 10000 parts: larger parts, in whole MiB, where needed.
-    const uint64_t least = (size + kMaxParts - 1) / kMaxParts;
-    partSize = std::max(partSize, (least + kMiB - 1) / kMiB * kMiB);
-    const uint64_t parts = (size + partSize - 1) / partSize;
-    const std::string uploadId = s_->beginUpload(key);
-
-    std::vector<std::string> etags(parts);
-    std::atomic<uint64_t> next{0};
-    std::atomic<bool> stop{false};
-    std::mutex errorLock;
-    std::string error;
-    uint64_t errorPart = parts;
-    auto work = [&] {
-        uint64_t i = 0;
-        try {
-            while (!stop.load()) {
-                i = next.fetch_add(1);
-                if (i >= parts) break;
-                const uint64_t offset = i * partSize, length = std::min(partSize, size - offset);
-                etags[i] = s_->uploadPart(key, uploadId, i + 1, s_->readPart(key, fd, offset, length, size));
-            }
-        } catch (const std::exception& e) {
-            // Parts fail in whatever order the threads reach them; the first
-            // part's error is the one to report, so that it reads the same
-            // every time (a short file names where it ends, not a later part).
-            std::lock_guard<std::mutex> g(errorLock);
-            if (i < errorPart) {
-                errorPart = i;
-                error = e.what();
-            }
-            stop = true;
-        }
-    };
-    {
-        std::vector<std::thread> helpers;
-        const uint64_t workers = std::min<uint64_t>(std::max(1u, parallel), parts);
-        try {
-            for (uint64_t i = 1; i < workers; ++i) helpers.emplace_back(work);
-        } catch (const std::system_error&) {
-            // No more threads to be had: those running, and this one, do the work.
-        }
-        work();
-        for (auto& t : helpers) t.join();
-    }
+    if (!m_part.empty()) partFull();
+    std::string error = m_parts->drain();
     if (error.empty()) {
         try {
-            s_->completeUpload(key, uploadId, etags, size);
+            m_client.s_->completeUpload(m_key, m_parts->uploadId, m_parts->etags, m_parts->total);
+            m_finished = true;
             return;
         } catch (const std::exception& e) {
             error = e.what();
         }
     }
-    // Leave no parts behind: they cost storage and no listing shows them.
-    try {
-        abortUpload(key, uploadId);
-    } catch (const std::exception& e) {
-        error += "; the upload " + uploadId + " was not aborted either: " + e.what();
+    throw StoreError(s3::oneLine(error));  // the destructor aborts the upload
+}
+
+void S3Client::uploadFile(const std::string& key, int fd, uint64_t size, uint64_t partSize, unsigned parallel) {
+    Upload upload(*this, key, size, partSize, parallel);
+    std::vector<char> buffer(std::min<uint64_t>(std::max<uint64_t>(size, 1), 4 * kMiB));
+    for (uint64_t at = 0; at < size;) {
+        const uint64_t n = std::min<uint64_t>(buffer.size(), size - at);
+        upload.write(s_->readPart(key, fd, at, n, size).data(), static_cast<size_t>(n));
+        at += n;
     }
-    throw StoreError(s3::oneLine(error));
+    upload.finish();
 }
 
 std::vector<S3ListEntry> S3Client::list(const std::string& prefix, unsigned pageSize) {

@@ -62,6 +62,36 @@ public:
     // upload is aborted, so no part of it stays behind, and the error told
     // is that of the lowest-numbered part that failed.
     void uploadFile(const std::string& key, int fd, uint64_t size, uint64_t partSize, unsigned parallel);
+
+    // An object written as its bytes come, in order: parts of `partSize`
+    // (at least 5 MiB; raised where `sizeHint` bytes would need more than
+    // 10000 parts) go up `parallel` at once while the next is filled, so at
+    // most parallel + 1 parts are ever held. An object of one part is one
+    // PUT. Dropped before finish(), it is aborted: no part of it stays.
+    // Errors throw from the call that meets them, the lowest-numbered
+    // failed part's first.
+    class Upload {
+    public:
+        Upload(S3Client& client, std::string key, uint64_t sizeHint, uint64_t partSize, unsigned parallel);
+        ~Upload();
+        Upload(const Upload&) = delete;
+        Upload& operator=(const Upload&) = delete;
+        void write(const void* data, size_t length);
+        void zeros(uint64_t length);
+        // Sends what is left and completes the object.
+        void finish();
+
+        struct Parts;
+
+    private:
+        void partFull();
+        S3Client& m_client;
+        std::string m_key;
+        uint64_t m_partSize;
+        std::string m_part;
+        std::unique_ptr<Parts> m_parts;
+        bool m_finished = false;
+    };
     // Every object whose key starts with `prefix`, in key order, fetched
     // `pageSize` keys per request.
     std::vector<S3ListEntry> list(const std::string& prefix, unsigned pageSize = 1000);

@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <system_error>
@@ -127,8 +128,18 @@ public:
             throw;
         }
         ::close(fd);
+        return uploaded(name, static_cast<uint64_t>(st.st_size));
+    }
+
+    // An upload of object `name` as its bytes come.
+    std::unique_ptr<S3Client::Upload> startUpload(const std::string& name, uint64_t size) const {
+        return std::unique_ptr<S3Client::Upload>(
+            new S3Client::Upload(*m_client, key(name), size, partSize(), parallelUploads()));
+    }
+    // The ETag of an object just written, checked to be there whole.
+    std::string uploaded(const std::string& name, uint64_t size) const {
         S3ObjectInfo info = m_client->head(key(name));
-        if (!info.exists || info.size != static_cast<uint64_t>(st.st_size))
+        if (!info.exists || info.size != size)
             throw StoreError(describe(name) + ": not there as uploaded (" + std::to_string(info.size) + " bytes)");
         return info.etag;
     }
@@ -291,9 +302,9 @@ private:
     std::shared_ptr<S3MetadataCache> m_cache;
 };
 
-// An import's new objects are written to a local temporary folder
-// ($TMPDIR, which needs room for them) and uploaded; a failed import
-// removes what it uploaded.
+// An import's snapshot files go up as the import reads them, in parts,
+// several in flight; its small side files are written to a local temporary
+// folder and uploaded. A failed import removes what it uploaded.
 class S3Staging : public Storage::Staging {
 public:
     explicit S3Staging(const S3Storage& storage) : m_storage(storage) {
@@ -320,7 +331,16 @@ public:
         if (ec) throw StoreError(p + ": " + ec.message());
         return p;
     }
+    std::unique_ptr<Sink> sink(const std::string& name, uint64_t size) override;
+    // An object a sink has uploaded whole: removed again unless kept.
+    void sent(const std::string& name, const std::string& etag) {
+        m_published.push_back(name);
+        m_sent[name] = etag;
+    }
+
     std::string publish(const std::string& name) override {
+        auto sent = m_sent.find(name);
+        if (sent != m_sent.end()) return sent->second;
         if (m_storage.stat(name).exists)
             throw StoreError(m_storage.describe(name) + ": already exists, named by the catalog for another snapshot");
         std::string etag = m_storage.upload(name, m_dir + "/" + name);
@@ -336,7 +356,48 @@ private:
     std::string m_dir;
     bool m_kept = false;
     std::vector<std::string> m_published;
+    std::map<std::string, std::string> m_sent;  // uploaded by a sink, with its ETag
 };
+
+// An object uploaded as an import copies it: its data read from the source
+// file (from the page cache, where the import's checksums just read it) and
+// its holes sent as zeros.
+class S3Sink : public Storage::Staging::Sink {
+public:
+    S3Sink(S3Staging& staging, const S3Storage& storage, std::string name, uint64_t size)
+        : m_staging(staging), m_storage(storage), m_name(std::move(name)), m_upload(storage.startUpload(m_name, size)) {}
+    bool copy(int fd, uint64_t at, uint64_t length) override {
+        if (at > m_written) m_upload->zeros(at - m_written);
+        m_buffer.resize(1u << 20);
+        for (m_written = at; length;) {
+            ssize_t n = ::pread(fd, m_buffer.data(), static_cast<size_t>(std::min<uint64_t>(length, m_buffer.size())),
+                                static_cast<off_t>(m_written));
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) throw StoreError(m_storage.describe(m_name) + ": reading its source: " + std::strerror(errno));
+            if (n == 0) return false;
+            m_upload->write(m_buffer.data(), static_cast<size_t>(n));
+            m_written += static_cast<uint64_t>(n), length -= static_cast<uint64_t>(n);
+        }
+        return true;
+    }
+    void finish(uint64_t size) override {
+        if (size > m_written) m_upload->zeros(size - m_written);
+        m_upload->finish();
+        m_staging.sent(m_name, m_storage.uploaded(m_name, size));
+    }
+
+private:
+    S3Staging& m_staging;
+    const S3Storage& m_storage;
+    std::string m_name;
+    std::unique_ptr<S3Client::Upload> m_upload;
+    uint64_t m_written = 0;
+    std::vector<char> m_buffer;
+};
+
+std::unique_ptr<Storage::Staging::Sink> S3Staging::sink(const std::string& name, uint64_t size) {
+    return std::unique_ptr<Sink>(new S3Sink(*this, m_storage, name, size));
+}
 
 std::unique_ptr<Storage::Staging> S3Storage::stage() const { return std::unique_ptr<Staging>(new S3Staging(*this)); }
 

@@ -124,6 +124,23 @@ public:
         virtual ~Staging() = default;
         // The local file to write object `name` into; its folder exists.
         virtual std::string pathFor(const std::string& name) = 0;
+        // Where the bytes of an object go as an import copies them, in
+        // rising order.
+        class Sink {
+        public:
+            virtual ~Sink() = default;
+            // Bytes [at, at + length) of the local file `fd`, to the same
+            // place in the object; what lies between them is zeros. False
+            // when the file ends before them.
+            virtual bool copy(int fd, uint64_t at, uint64_t length) = 0;
+            // The object ends at `size`; it can be published once this returns.
+            virtual void finish(uint64_t size) = 0;
+        };
+        // A sink of its own for object `name` of `size` bytes, or null for
+        // the file pathFor(name). On S3 the object is uploaded as its bytes
+        // come, so that an import needs no local copy of it; publish() then
+        // only says what it uploaded.
+        virtual std::unique_ptr<Sink> sink(const std::string&, uint64_t) { return nullptr; }
         // Puts the file written for `name` in place; returns its ETag ("" for
         // a file). An object of that name already there is refused.
         virtual std::string publish(const std::string& name) = 0;

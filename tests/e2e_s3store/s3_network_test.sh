@@ -1,0 +1,81 @@
+#!/usr/bin/env bash
+# A store on S3 a network away (10 ms there and back), through a proxy that
+# delays every segment and logs every request: a disk of a four-snapshot
+# chain is ready after at most three waves of requests that wait on one
+# another (the catalog, then every snapshot's metadata at once) and, opened
+# again by a new process on a new extent cache, after one (the catalog,
+# asked whether it changed); a reader in order gets several blocks per GET;
+# the bytes are the merged chain's.
+#   s3_network_test.sh ZXBLK MAKE_VHD_CHAIN NET_PROXY
+set -euo pipefail
+zxblk=$1 chain=$2 proxyb=$3
+s3=$(cd "$(dirname "$0")/../s3" && pwd)
+work=$(mktemp -d)
+proxy=
+cleanup() {
+  [ -n "$proxy" ] && kill "$proxy" 2>/dev/null
+  [ -d "$work/ceph" ] && "$s3/ceph_down.sh" "$work/ceph" >/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+fail() { echo "FAIL: $*"; exit 1; }
+ok() { echo "ok: $*"; }
+t() { timeout 120 "$@"; }
+cd "$work"
+. "$s3/ceph_env.sh"
+export XDG_CACHE_HOME=$work/xdg
+make_bucket bkt
+store=s3://bkt/net
+
+# A chain of four snapshots with blocks of 2 MiB, and a disk whose blocks
+# lie in the file in the disk's order, as qemu-img writes them.
+mkdir chain
+"$chain" chain $((64 * 1048576)) 2097152 3 7 >/dev/null
+head -c $((24 * 1048576)) /dev/urandom >seq.raw
+truncate -s 32M seq.raw
+qemu-img convert -f raw -O vpc -o subformat=dynamic,force_size=on seq.raw seq.vhd
+t "$zxblk" import --store $store --disk chain chain/snap{0,1,2,3}.vhd >/dev/null || fail "import chain"
+t "$zxblk" import --store $store --disk seq seq.vhd >/dev/null || fail "import seq"
+
+"$proxyb" "${AWS_ENDPOINT_URL#http://}" proxy.port --delay-ms 5 --log requests.log 2>proxy.err &
+proxy=$!
+for _ in $(seq 100); do [ -s proxy.port ] && break; sleep 0.05; done
+[ -s proxy.port ] || fail "the proxy did not start: $(cat proxy.err)"
+export AWS_ENDPOINT_URL=http://127.0.0.1:$(cat proxy.port)
+# waves T0: the waves of the requests sent since T0 (Unix time) to get the
+# disk ready: all but the GETs of data (more than 64 KiB), once the proxy
+# has logged them (a line is written when its answer is through).
+waves() {
+  sleep 0.3
+  grep -v -E '"range":"bytes=[0-9]+-[0-9]+"' requests.log >ready.log || true
+  grep -E '"range":"bytes=' requests.log | awk -F'"range":"bytes=' '{ split($2, r, "[-\"]");
+    if (r[2] - r[1] < 65536) print }' >>ready.log
+  "$proxyb" waves ready.log --epoch --since "$1" ${2:-}
+}
+# One sector read of the chain's disk: opening it, then one recall.
+ready() { t "$zxblk" read --store $store --disk chain --cache "$1" --offset 0 --length 512 >/dev/null || fail "read on $1"; }
+
+rm -rf xdg
+t0=$EPOCHREALTIME; ready cold; cold=$(waves "$t0")
+[ "$cold" -le 3 ] || { waves "$t0" -v; fail "ready after $cold waves, cold"; }
+t0=$EPOCHREALTIME; ready warm; warm=$(waves "$t0")
+[ "$warm" = 1 ] || { waves "$t0" -v; fail "ready after $warm waves, warm"; }
+t "$zxblk" export --store $store --disk chain --cache warm --out chain.out -q || fail "export of the chain"
+cmp chain.out chain/snap3.raw || fail "the chain's export differs from the merged chain"
+ok "a four-snapshot chain is ready after $cold waves of requests cold, $warm warm; its export is the merged chain"
+
+t "$zxblk" export --store $store --disk seq --cache seq --out seq.out -q || fail "export of seq"
+cmp seq.out seq.raw || fail "the export of seq differs"
+sleep 0.3
+# Ranged GETs of the data of seq's snapshot (its metadata is read in 64 KiB
+# and 512-byte stretches), and the bytes they asked for.
+read -r gets bytes largest < <(awk -F'"range":"bytes=' '/seq-snap0.vhd/ && NF > 1 {
+  split($2, r, "[-\"]"); n = r[2] - r[1] + 1; if (n > 65536) { gets++; bytes += n; if (n > most) most = n } }
+  END { print gets + 0, bytes + 0, most + 0 }' requests.log)
+# 24 MiB of data in blocks of 2 MiB. Many recalls run at once and their
+# first reads come in any order, so not every GET can carry on from another.
+blocks=12
+[ "$gets" -gt 0 ] && [ "$gets" -lt "$blocks" ] && [ "$largest" -ge $((3 * 2097152)) ] ||
+  fail "$gets GETs for $blocks blocks read in order: $(grep -o 'seq-snap0.vhd[^,]*,"range":"[^"]*' requests.log | tr '\n' ' ')"
+[ "$bytes" -lt $((blocks * 2 * 1048576 * 3 / 2)) ] || fail "$bytes bytes fetched for $blocks blocks"
+ok "an export in order fetched $blocks blocks in $gets GETs ($bytes bytes, at most $largest in one)"
