@@ -249,8 +249,7 @@ public:
 private:
     void accept();
     void startForwarding(Conn& c);
-    void pump(Conn& c, Pipe& p, Link& link, int64_t now);
-    void readInto(Conn& c, Pipe& p, Link& link, int64_t now);
+    bool readInto(Conn& c, Pipe& p, Link& link, int64_t now);
     void writeOut(Conn& c, Pipe& p, int64_t now);
     void parseRequests(Conn& c, const char* data, size_t n, int64_t now);
     void parseAnswers(Conn& c, const char* data, size_t n, int64_t now);
@@ -275,6 +274,7 @@ private:
     // that much early, so that a chunk leaves on time rather than tens of
     // microseconds late (a quarter of the lan profile's delay otherwise).
     int64_t m_early = 0;
+    uint64_t m_turn = 0;
     bool m_resetByBytesDone = false, m_resetAtDone = false;
     FILE* m_log = nullptr;
     std::vector<Buf> m_spare;  // read buffers to reuse
@@ -580,18 +580,21 @@ void Proxy::startForwarding(Conn& c) {
     c.up.readable = true, c.down.readable = true, c.down.writable = true, c.up.writable = true;
 }
 
-void Proxy::readInto(Conn& c, Pipe& p, Link& link, int64_t now) {
-    while (p.readable && !p.srcEof && !p.cutAfterQueue && !c.dead) {
-        if (link.full(now) || (link.rate == 0 && p.queued >= kPipeCap)) return;
+bool Proxy::readInto(Conn& c, Pipe& p, Link& link, int64_t now) {
+    // One chunk at most: the caller takes the connections in turn, so that
+    // they share the link as TCP flows share a bottleneck, rather than the
+    // first one taking every opening of the queue.
+    if (p.readable && !p.srcEof && !p.cutAfterQueue && !c.dead) {
+        if (link.full(now) || (link.rate == 0 && p.queued >= kPipeCap)) return false;
         Buf buf;
         if (!m_spare.empty()) buf = std::move(m_spare.back()), m_spare.pop_back();
         else buf.bytes.reset(new char[kReadSize]), buf.cap = kReadSize;
         ssize_t n = read(p.src, buf.data(), buf.cap);
         if (n < 0) {
-            if (errno == EAGAIN || errno == EWOULDBLOCK) { p.readable = false; m_spare.push_back(std::move(buf)); return; }
-            if (errno == EINTR) continue;
-            kill(c, true);
-            return;
+            if (errno == EAGAIN || errno == EWOULDBLOCK) p.readable = false;
+            else if (errno != EINTR) kill(c, true);
+            m_spare.push_back(std::move(buf));
+            return false;
         }
         if (n == 0) {
             p.srcEof = true;
@@ -600,7 +603,7 @@ void Proxy::readInto(Conn& c, Pipe& p, Link& link, int64_t now) {
             eof.due = std::max(p.queue.empty() ? 0 : p.queue.back().due, now + link.delay);
             p.queue.push_back(std::move(eof));
             m_spare.push_back(std::move(buf));
-            return;
+            return true;
         }
         size_t got = size_t(n);
         if (got >= c.budget) {  // this fate's bytes run out here: the rest is cut
@@ -627,9 +630,10 @@ void Proxy::readInto(Conn& c, Pipe& p, Link& link, int64_t now) {
             // The other direction shares the budget: it ends too.
             Pipe& other = &p == &c.up ? c.down : c.up;
             other.cutAfterQueue = true;
-            return;
         }
+        return true;
     }
+    return false;
 }
 
 void Proxy::writeOut(Conn& c, Pipe& p, int64_t now) {
@@ -664,11 +668,6 @@ void Proxy::writeOut(Conn& c, Pipe& p, int64_t now) {
     if (p.queue.empty() && p.cutAfterQueue) kill(c, true);
 }
 
-void Proxy::pump(Conn& c, Pipe& p, Link& link, int64_t now) {
-    writeOut(c, p, now);
-    readInto(c, p, link, now);
-    writeOut(c, p, now);  // a chunk read now with no delay is due now
-}
 
 int64_t Proxy::nextWake(int64_t now) {
     int64_t wake = now + kSecond;
@@ -803,11 +802,30 @@ int Proxy::run() {
                     startForwarding(c);
                 }
             }
-            if (!c.dead && c.started) {
-                pump(c, c.up, m_up, now);
-                if (!c.dead) pump(c, c.down, m_down, now);
-                if (!c.dead && c.up.eofSent && c.down.eofSent) kill(c, false);
+            if (!c.dead && c.started) writeOut(c, c.up, now);
+            if (!c.dead && c.started) writeOut(c, c.down, now);
+            ++it;
+        }
+        // Reads, a chunk per pipe per pass, the connections in turn from a
+        // starting point that moves on each time.
+        std::vector<Conn*> order;
+        for (auto& [id, cp] : m_conns)
+            if (!cp->dead && cp->started) order.push_back(cp.get());
+        if (!order.empty()) std::rotate(order.begin(), order.begin() + long(m_turn++ % order.size()), order.end());
+        for (int pass = 0; pass < 64; ++pass) {
+            bool moved = false;
+            for (Conn* c : order) {
+                for (Pipe* p : {&c->up, &c->down}) {
+                    if (c->dead || !readInto(*c, *p, p == &c->up ? m_up : m_down, now)) continue;
+                    moved = true;
+                    writeOut(*c, *p, now);  // a chunk read now with no delay is due now
+                }
             }
+            if (!moved) break;
+        }
+        for (auto it = m_conns.begin(); it != m_conns.end();) {
+            Conn& c = *it->second;
+            if (!c.dead && c.started && c.up.eofSent && c.down.eofSent) kill(c, false);
             if (c.dead) it = m_conns.erase(it);
             else ++it;
         }
