@@ -334,7 +334,7 @@ public:
     std::unique_ptr<Sink> sink(const std::string& name, uint64_t size) override;
     // An object a sink has uploaded whole: removed again unless kept.
     void sent(const std::string& name, const std::string& etag) {
-        m_published.push_back(name);
+        if (!m_sent.count(name)) m_published.push_back(name);
         m_sent[name] = etag;
     }
 
@@ -383,6 +383,7 @@ public:
     void finish(uint64_t size) override {
         if (size > m_written) m_upload->zeros(size - m_written);
         m_upload->finish();
+        m_staging.sent(m_name, std::string());  // there now: removed again should the import fail
         m_staging.sent(m_name, m_storage.uploaded(m_name, size));
     }
 
