@@ -42,6 +42,20 @@ std::string StoreServices::stream(const RecallJob& job, uint64_t& bytes) {
     std::shared_ptr<VhdImage> img = image(*copy);
     uint64_t offset = k * C;
     std::vector<Piece> pieces = img->pieces(offset, C);
+    // What a differencing copy leaves to its parents (where it has no
+    // block, or sectors its bitmap does not mark) is recalled from them
+    // next, one after another: their blocks are asked for now, so that a
+    // store a network away sends them while this extent is streamed. Where
+    // the copy holds every sector after all, that costs what it wrote.
+    if (copy->type == kTypeDifferencing)
+        for (size_t i = static_cast<size_t>(copy - disk->copies.data()); i-- > 0;) {
+            try {
+                image(disk->copies[i], false)->prefetch(offset, C);
+            } catch (const StoreError&) {
+                // Its own recall says why it cannot be read.
+            }
+            if (disk->copies[i].type != kTypeDifferencing) break;
+        }
     int64_t firstHeld = -1;
     for (const Piece& p : pieces)
         if (p.fileOffset >= 0) {

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <chrono>
 #include <exception>
+#include <system_error>
 
 namespace zxblk {
 
@@ -80,6 +82,17 @@ void S3Reader::readAt(uint64_t offset, void* buffer, size_t length) const {
     s->bytes.resize(static_cast<size_t>(fetchEnd(offset, length) - offset));
     m_lastEnd = offset + length;
     m_fetching.push_back(s);
+    std::exception_ptr failed;
+    try {
+        fetch(s, lock);
+    } catch (...) {
+        failed = std::current_exception();
+    }
+    if (failed) std::rethrow_exception(failed);
+    std::memcpy(buffer, s->bytes.data(), length);
+}
+
+void S3Reader::fetch(const StretchPtr& s, std::unique_lock<std::mutex>& lock) const {
     lock.unlock();
     std::exception_ptr failed;
     try {
@@ -91,7 +104,6 @@ void S3Reader::readAt(uint64_t offset, void* buffer, size_t length) const {
     m_fetching.erase(std::find(m_fetching.begin(), m_fetching.end(), s));
     s->done = true;
     if (!failed) {
-        std::memcpy(buffer, s->bytes.data(), length);
         m_kept.push_front(s);
         m_keptBytes += s->bytes.size();
         while (m_keptBytes > kKeptBytes && m_kept.size() > 1) {
@@ -101,6 +113,48 @@ void S3Reader::readAt(uint64_t offset, void* buffer, size_t length) const {
     }
     m_fetched.notify_all();
     if (failed) std::rethrow_exception(failed);
+}
+
+void S3Reader::prefetch(uint64_t offset, uint64_t length) const {
+    if (offset >= m_stamp.size || length < kSmall) return;
+    length = std::min(length, m_stamp.size - offset);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (const StretchPtr& s : m_kept)
+        if (s->holds(offset, length)) return;
+    for (const StretchPtr& s : m_fetching)
+        if (s->holds(offset, length)) return;
+    m_prefetches.erase(std::remove_if(m_prefetches.begin(), m_prefetches.end(),
+                                      [](const std::future<void>& f) {
+                                          return f.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+                                      }),
+                       m_prefetches.end());
+    if (m_prefetches.size() >= kMostPrefetches) return;
+    auto s = std::make_shared<Stretch>();
+    s->offset = offset;
+    s->bytes.resize(static_cast<size_t>(length));
+    m_fetching.push_back(s);
+    try {
+        m_prefetches.push_back(std::async(std::launch::async, [this, s] {
+            std::unique_lock<std::mutex> held(m_mutex);
+            try {
+                fetch(s, held);
+            } catch (const std::exception&) {
+                // Not kept: the read that needs the bytes asks for them itself.
+            }
+        }));
+    } catch (const std::system_error&) {
+        m_fetching.pop_back();  // no thread to be had: the read fetches it
+    }
+}
+
+S3Reader::~S3Reader() {
+    // The fetches ahead use this reader: they end first.
+    std::vector<std::future<void>> pending;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        pending.swap(m_prefetches);
+    }
+    for (std::future<void>& f : pending) f.wait();
 }
 
 void S3Reader::opened() const {

@@ -12,6 +12,7 @@
 #pragma once
 #include <condition_variable>
 #include <cstdint>
+#include <future>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -38,6 +39,10 @@ public:
     // object fails its reads rather than serving other bytes.
     bool current() const override { return true; }
     void opened() const override;
+    // Fetches the range on a thread of its own (a few at most at once),
+    // unless its bytes are here or on their way; a read of them waits.
+    void prefetch(uint64_t offset, uint64_t length) const override;
+    ~S3Reader() override;
     // The cache entry of an object's opening stretches.
     static std::string openingKey(const std::string& key) { return "opening " + key; }
 
@@ -73,6 +78,11 @@ private:
     mutable uint64_t m_keptBytes = 0;
     mutable std::vector<StretchPtr> m_fetching;
     mutable uint64_t m_lastEnd = UINT64_MAX;  // where the last large read ended
+    mutable std::vector<std::future<void>> m_prefetches;
+    static constexpr size_t kMostPrefetches = 4;
+    // Fetches `s` (registered in m_fetching) with `lock` released, and
+    // keeps it; throws what the GET threw.
+    void fetch(const StretchPtr& s, std::unique_lock<std::mutex>& lock) const;
 };
 
 }  // namespace zxblk

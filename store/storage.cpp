@@ -51,6 +51,9 @@ public:
             done += static_cast<size_t>(n);
         }
     }
+    void prefetch(uint64_t offset, uint64_t length) const override {
+        ::posix_fadvise(m_fd, static_cast<off_t>(offset), static_cast<off_t>(length), POSIX_FADV_WILLNEED);
+    }
     // A stat per call is cheap against a recall, and catches a file replaced
     // or rewritten while it is open.
     bool current() const override {

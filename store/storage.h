@@ -49,6 +49,9 @@ public:
     // disk, so that the next open of the same object reads none of them
     // again.
     virtual void opened() const {}
+    // Bytes a read is soon to ask for: a store a network away starts
+    // fetching them now, a file has the kernel read them ahead.
+    virtual void prefetch(uint64_t, uint64_t) const {}
 };
 
 // What the opener of an object knows of it before asking the store.

@@ -320,6 +320,15 @@ bool VhdImage::isBlockAllocated(uint64_t block) const {
     return sectorOf(block) != kUnallocated;
 }
 
+void VhdImage::prefetch(uint64_t offset, uint64_t length) const {
+    if (offset >= m_size) return;
+    length = std::min(length, m_size - offset);
+    if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) return m_reader->prefetch(offset, length);
+    for (uint64_t u = nextHeldUnit(offset / m_blockSize); u < sumUnits() && u * m_blockSize < offset + length;
+         u = nextHeldUnit(u + 1))
+        m_reader->prefetch(blockDataOffset(u) - m_bitmapBytes, uint64_t(m_bitmapBytes) + m_blockSize);
+}
+
 uint64_t VhdImage::blockDataOffset(uint64_t block) const {
     if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) return 0;
     uint32_t sector = sectorOf(block);

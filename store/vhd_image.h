@@ -119,6 +119,9 @@ public:
     // The pieces of [offset, offset + length) of the virtual disk, in order;
     // the range is clipped to the disk's size.
     std::vector<Piece> pieces(uint64_t offset, uint64_t length) const;
+    // The file's bytes that reads of [offset, offset + length) of the disk
+    // will need (whole blocks, with their bitmaps), asked for ahead.
+    void prefetch(uint64_t offset, uint64_t length) const;
     // Whether any byte of the range lies in the file (always for raw/fixed).
     bool holdsAny(uint64_t offset, uint64_t length) const;
 
