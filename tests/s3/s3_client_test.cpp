@@ -1,5 +1,5 @@
 // S3Client against a live radosgw, which s3_test.sh starts for it (with the
-// AWS_* variables that reach it) along with fault_proxy.py in front of it
+// AWS_* variables that reach it) along with net_proxy --faults in front of it
 // (ZXBLK_S3_FAULTY_ENDPOINT), a bucket (ZXBLK_S3_BUCKET) holding one upload
 // begun by curl and left open (abort/dangling), and a folder for files
 // (ZXBLK_S3_WORK). What is read back is compared with the bytes written.
