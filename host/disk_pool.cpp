@@ -73,9 +73,10 @@ DiskPool::~DiskPool() {
     m_services.releaseWorkers(objects());
 }
 
-DiskPool::Slot* DiskPool::take() {
+// Recalls ahead of readers leave the last free disk object to a reader.
+DiskPool::Slot* DiskPool::take(bool ahead) {
     MutexLock lock(m_mutex);
-    while (m_free.empty()) m_slotFreed.wait(m_mutex);
+    while (m_free.empty() || (ahead && m_free.size() == 1 && m_slots.size() > 1)) m_slotFreed.wait(m_mutex);
     Slot* slot = m_free.back();
     m_free.pop_back();
     return slot;
@@ -86,7 +87,7 @@ void DiskPool::giveBack(Slot* slot) {
         MutexLock lock(m_mutex);
         m_free.push_back(slot);
     }
-    m_slotFreed.notifyOne();
+    m_slotFreed.notifyAll();  // a reader may wait behind a recall ahead that cannot take it
 }
 
 // Applies a phase change to every disk object, each between its recalls;
@@ -127,18 +128,24 @@ bool DiskPool::ensure(uint64_t extent, bool ahead) {
         }
     } claim{this, extent};
     if (m_cache.local(extent, !ahead) || !m_cache.mayRecall(extent, ahead)) return false;
-    recall(extent);
+    recall(extent, ahead);
     return true;
 }
 
-void DiskPool::recall(uint64_t extent) {
+void DiskPool::recall(uint64_t extent, bool ahead) {
     const long long offset = static_cast<long long>(extent * m_extentSize);
     m_cache.markDirty();
-    Slot* slot = take();
+    Slot* slot = take(ahead);
     bool ok;
     std::string cacheError;
     {
         MutexLock lock(slot->mutex);
+        // The store runs a waiting reader's recalls before those ahead.
+        struct Urgency {
+            bool was;
+            explicit Urgency(bool ahead) : was(recallsAhead()) { recallsAhead() = ahead; }
+            ~Urgency() { recallsAhead() = was; }
+        } urgency(ahead);
         long len = 0;
         unsigned char* buf = new unsigned char(0);  // the framework hands the provider a buffer it releases
         ok = slot->disk->readData(slot->disk.get(), offset, &len, &buf);

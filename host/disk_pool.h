@@ -68,9 +68,9 @@ private:
         Mutex mutex;  // one readData or phase change at a time per disk object
         std::unique_ptr<ZxBlkVhd> disk PT_GUARDED_BY(mutex);
     };
-    Slot* take() EXCLUDES(m_mutex);
+    Slot* take(bool ahead) EXCLUDES(m_mutex);
     void giveBack(Slot* slot) EXCLUDES(m_mutex);
-    void recall(uint64_t extent) EXCLUDES(m_mutex);
+    void recall(uint64_t extent, bool ahead) EXCLUDES(m_mutex);
     template <class F>
     std::string eachDisk(F apply);
 

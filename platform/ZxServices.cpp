@@ -58,6 +58,11 @@ uint32_t ServiceRoute::appId(uint32_t localAppId) {
     return 0;
 }
 
+bool& recallsAhead() {
+    thread_local bool ahead = false;
+    return ahead;
+}
+
 ServiceRouter& ServiceRouter::instance() {
     // Never destroyed: a store's workers may still call back while the
     // process exits.

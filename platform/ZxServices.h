@@ -71,6 +71,12 @@ public:
     virtual bool submit(const RecallJob& job, std::string& whyNot) = 0;
 };
 
+// Whether the recalls this thread submits are ahead of any reader
+// (readahead, prefetch) rather than for a reader waiting on them; the host
+// sets it around its read, and a restore service runs a waiting reader's
+// recalls first.
+bool& recallsAhead();
+
 class ExtentLookupService {
 public:
     virtual ~ExtentLookupService() {}

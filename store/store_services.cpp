@@ -79,14 +79,15 @@ void StoreServices::forget(const void* context) {
     std::vector<RecallJob> dropped;
     {
         std::unique_lock<std::mutex> lock(m_queueMutex);
-        for (auto it = m_queue.begin(); it != m_queue.end();) {
-            if (it->context == context) {
-                dropped.push_back(std::move(*it));
-                it = m_queue.erase(it);
-            } else {
-                ++it;
+        for (std::deque<RecallJob>* queue : {&m_urgent, &m_queue})
+            for (auto it = queue->begin(); it != queue->end();) {
+                if (it->context == context) {
+                    dropped.push_back(std::move(*it));
+                    it = queue->erase(it);
+                } else {
+                    ++it;
+                }
             }
-        }
         m_queueCond.wait(lock, [&] { return !m_running.count(context); });
     }
     for (RecallJob& job : dropped) cancel(job, "the recall was cancelled: its disk was closed");
@@ -258,7 +259,7 @@ bool StoreServices::submit(const RecallJob& job, std::string& whyNot) {
     {
         std::lock_guard<std::mutex> lock(m_queueMutex);
         if (m_stopping) return whyNot = "the restore service of " + location() + " is shutting down", false;
-        m_queue.push_back(job);
+        (recallsAhead() ? m_queue : m_urgent).push_back(job);
     }
     m_queueCond.notify_one();
     return true;
@@ -269,10 +270,11 @@ void StoreServices::work() {
         RecallJob job;
         {
             std::unique_lock<std::mutex> lock(m_queueMutex);
-            m_queueCond.wait(lock, [this] { return m_stopping || !m_queue.empty(); });
-            if (m_queue.empty()) return;
-            job = std::move(m_queue.front());
-            m_queue.pop_front();
+            m_queueCond.wait(lock, [this] { return m_stopping || !m_urgent.empty() || !m_queue.empty(); });
+            std::deque<RecallJob>& queue = m_urgent.empty() ? m_queue : m_urgent;
+            if (queue.empty()) return;
+            job = std::move(queue.front());
+            queue.pop_front();
             if (m_stopping) {
                 lock.unlock();
                 cancel(job, "the restore service stopped before the recall ran");

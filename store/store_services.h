@@ -133,7 +133,8 @@ private:
     UnitCache m_units{16u << 20};
     std::mutex m_queueMutex;
     std::condition_variable m_queueCond;
-    std::deque<RecallJob> m_queue;
+    std::deque<RecallJob> m_queue;   // recalls ahead of readers
+    std::deque<RecallJob> m_urgent;  // recalls a reader waits on: run first
     std::map<const void*, unsigned> m_running;  // recalls running, by callback context
     bool m_stopping = false;
     unsigned m_reserved = 0;

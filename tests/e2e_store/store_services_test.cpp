@@ -144,4 +144,57 @@ TEST_F(StoreServicesTest, DifferencingStreamCarriesAnMsbFirstBitmap) {
     EXPECT_FALSE(services->open(SCParams(), "/no/such/copy", why));
 }
 
+// One worker: a recall ahead of readers is running (held at its target's
+// Open), two more ahead and then one a reader waits on are queued; the
+// reader's runs next.
+TEST_F(StoreServicesTest, AReadersRecallRunsBeforeThoseQueuedAhead) {
+    struct HeldTarget : RecordingTarget {
+        std::mutex m;
+        std::condition_variable c;
+        bool entered = false, released = false;
+        CUxError Open(void* p) override {
+            std::unique_lock<std::mutex> lock(m);
+            entered = true;
+            c.notify_all();
+            c.wait(lock, [&] { return released; });
+            return RecordingTarget::Open(p);
+        }
+    };
+    zxblk::StoreServices::Options one;
+    one.workers = 1;
+    auto single = zxblk::StoreServices::open(zxblk::openFolderStorage(dir + "/store"), one);
+    auto meta = [&](unsigned long long k) {
+        unsigned long long first = 0, second = 0;
+        EXPECT_EQ(single->lookup(SCParams(), "/localhost/default/d/snap0", k, first, second), 0);
+        std::string path = "/localhost/default/d/snap0/Extent" + std::to_string(k);
+        return "1:2:0:" + std::to_string(first) + ":" + std::to_string(second) + ":1:" + std::to_string(path.size()) +
+               ":" + path;
+    };
+    auto held = boost::shared_ptr<HeldTarget>(new HeldTarget());
+    std::string why;
+    zxblk::recallsAhead() = true;
+    ASSERT_TRUE(single->submit(job(meta(0), held, 1), why));
+    {
+        std::unique_lock<std::mutex> lock(held->m);
+        held->c.wait(lock, [&] { return held->entered; });
+    }
+    for (unsigned long long id : {2, 3})
+        ASSERT_TRUE(single->submit(job(meta(id - 1), boost::shared_ptr<RecordingTarget>(new RecordingTarget()), id), why));
+    zxblk::recallsAhead() = false;
+    ASSERT_TRUE(single->submit(job(meta(3), boost::shared_ptr<RecordingTarget>(new RecordingTarget()), 4), why));
+    {
+        std::lock_guard<std::mutex> lock(held->m);
+        held->released = true;
+    }
+    held->c.notify_all();
+    completions.waitFor(4);
+    std::vector<unsigned long long> order;
+    for (const auto& d : completions.done) {
+        order.push_back(d.requestId);
+        EXPECT_EQ(d.status, 0) << d.error;
+    }
+    EXPECT_EQ(order, (std::vector<unsigned long long>{1, 4, 2, 3}));
+    single->shutdown();
+}
+
 }  // namespace
