@@ -262,8 +262,13 @@ void closeAll() {
 // it. Started by socket activation (as zxblk serve starts it), nbdkit does
 // not fork: those opened in get_ready are the ones served.
 bool willFork() {
+    const std::string self = std::to_string(::getpid());
     const char* pid = std::getenv("LISTEN_PID");
-    return !(pid && std::getenv("LISTEN_FDS") && std::to_string(::getpid()) == pid);
+    if (pid && std::getenv("LISTEN_FDS") && self == pid) return false;
+    // Set by zxblk serve, whose nbdkit has taken LISTEN_* out of its
+    // environment by now.
+    const char* activated = std::getenv("ZXBLK_SOCKET_ACTIVATED");
+    return !(activated && self == activated);
 }
 
 int getReady() {
