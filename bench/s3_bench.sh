@@ -392,9 +392,14 @@ zx_export() {
     local cache=$work/cache.$((n += 1))
     rm -f "$out/z.raw"; sync
     t0=$EPOCHREALTIME
-    timeout --foreground 1200 "$zxblk" export --store "$store" --disk fs --cache "$cache" --out "$out/z.raw" -q >"$work/export.log" 2>&1 ||
-        { cat "$work/export.log" >&2; die "zxblk export --disk fs from $store failed"; }
+    # Run under a parent that reports the largest resident size it reached (KiB).
+    timeout --foreground 1200 python3 -c 'import resource, subprocess, sys
+rc = subprocess.call(sys.argv[2:])
+open(sys.argv[1], "w").write(str(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss))
+sys.exit(rc)' "$work/export.rss" "$zxblk" export --store "$store" --disk fs --cache "$cache" --out "$out/z.raw" -q \
+        >"$work/export.log" 2>&1 || { cat "$work/export.log" >&2; die "zxblk export --disk fs from $store failed"; }
     t1=$EPOCHREALTIME
+    export_rss=$(( $(cat "$work/export.rss") > ${export_rss:-0} ? $(cat "$work/export.rss") : ${export_rss:-0} ))
     rm -rf "$cache"
     same_bytes "$out/z.raw" "$work/changed.img" || die "zxblk export of fs from $store differs from the disk it must hold"
     rm -f "$out/z.raw"
@@ -586,8 +591,10 @@ echo "  (MiB/s of the disk's data for zxblk, of the objects' bytes for curl; the
 echo "   export $e_gets GETs of $e_per MiB on average, $e_mean in flight on average (at most $e_most), $e_mib MiB in all;"
 echo "   nbdcopy $c_gets GETs of $c_per MiB on average, $c_mean in flight on average (at most $c_most), $c_mib MiB in all)"
 rt_e=$(ratio "$(b z_export)" "$(b c_get)") rt_c=$(ratio "$(b z_copy)" "$(b c_get)")
+rss_mb=$(awk -v k="$export_rss" 'BEGIN { printf "%.1f", k / 1024 }')
 case $profile in
     wan)
+        target "export: largest resident size of any run (MiB)" "$rss_mb" "< 64" "<" 64
         target "export / GET (seconds)" "$rt_e" "<= 1.1x" "<=" 1.1
         target "nbdcopy / GET (seconds)" "$rt_c" "<= 1.1x" "<=" 1.1 ;;
     lan) target "export / GET (seconds)" "$rt_e" "<= 1.3x" "<=" 1.3

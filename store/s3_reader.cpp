@@ -45,7 +45,11 @@ uint64_t S3Reader::fetchEnd(uint64_t offset, uint64_t length) const {
     // Reads of one object are mostly of one size (a block and its bitmap):
     // whole multiples of it, so that the next read finds all its bytes in
     // one stretch rather than half of them.
-    if (inOrder) end = std::min(m_stamp.size, offset + std::max<uint64_t>(1, kFollowOn / length) * length);
+    // Memory stays bounded: no more than kKeptBytes on their way at once.
+    uint64_t coming = 0;
+    for (const StretchPtr& s : m_fetching) coming += s->bytes.size();
+    if (inOrder && coming + kFollowOn <= kKeptBytes)
+        end = std::min(m_stamp.size, offset + std::max<uint64_t>(1, kFollowOn / length) * length);
     // ...but not what is on its way already.
     for (const StretchPtr& s : m_fetching)
         if (s->offset >= offset + length && s->offset < end) end = s->offset;

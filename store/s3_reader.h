@@ -49,8 +49,9 @@ public:
     // Reads below this are not kept (but for the opener's); a stretch
     // fetched for a reader in order is at most kFollowOn long.
     static constexpr uint64_t kSmall = 64 << 10, kFollowOn = 8 << 20;
-    // What the fetched stretches of one object may hold at once.
-    static constexpr uint64_t kKeptBytes = 24 << 20;
+    // What the fetched stretches of one object may hold at once, kept and,
+    // for those fetched ahead of a reader, on their way.
+    static constexpr uint64_t kKeptBytes = 16 << 20;
 
 private:
     struct Stretch {

@@ -130,7 +130,7 @@ private:
     std::map<uint64_t, std::shared_ptr<VhdImage>> m_images;
     // Blocks read last, for the other extents that lie in them: a few
     // blocks of the usual 2 MiB, whatever the number of disks open.
-    UnitCache m_units{16u << 20};
+    UnitCache m_units{8u << 20};
     std::mutex m_queueMutex;
     std::condition_variable m_queueCond;
     std::deque<RecallJob> m_queue;   // recalls ahead of readers
