@@ -39,7 +39,10 @@ std::shared_ptr<StoreServices> StoreServices::open(std::shared_ptr<const Storage
 }
 
 StoreServices::StoreServices(std::shared_ptr<const Storage> storage, Catalog catalog, Options options)
-    : m_storage(std::move(storage)), m_catalog(std::move(catalog)), m_options(options) {
+    : m_storage(std::move(storage)),
+      m_catalog(std::move(catalog)),
+      m_options(options),
+      m_units(m_storage->remote() ? 4u << 20 : 8u << 20) {
     try {
         m_index = std::make_shared<SqliteIndexService>(*m_storage);
     } catch (const StoreError& e) {

@@ -129,8 +129,9 @@ private:
     std::mutex m_imagesMutex;
     std::map<uint64_t, std::shared_ptr<VhdImage>> m_images;
     // Blocks read last, for the other extents that lie in them: a few
-    // blocks of the usual 2 MiB, whatever the number of disks open.
-    UnitCache m_units{8u << 20};
+    // blocks of the usual 2 MiB, whatever the number of disks open (fewer
+    // on S3, whose readers keep what they fetched as well).
+    UnitCache m_units;
     std::mutex m_queueMutex;
     std::condition_variable m_queueCond;
     std::deque<RecallJob> m_queue;   // recalls ahead of readers
