@@ -45,11 +45,12 @@ uint64_t S3Reader::fetchEnd(uint64_t offset, uint64_t length) const {
     // Reads of one object are mostly of one size (a block and its bitmap):
     // whole multiples of it, so that the next read finds all its bytes in
     // one stretch rather than half of them.
-    // Memory stays bounded: no more than kKeptBytes on their way at once.
+    // Memory stays bounded: what follows is fetched only as far as what is
+    // on its way leaves room in kKeptBytes.
     uint64_t coming = 0;
     for (const StretchPtr& s : m_fetching) coming += s->bytes.size();
-    if (inOrder && coming + kFollowOn <= kKeptBytes)
-        end = std::min(m_stamp.size, offset + std::max<uint64_t>(1, kFollowOn / length) * length);
+    const uint64_t room = coming < kKeptBytes ? std::min(kFollowOn, kKeptBytes - coming) : 0;
+    if (inOrder && room >= 2 * length) end = std::min(m_stamp.size, offset + room / length * length);
     // ...but not what is on its way already.
     for (const StretchPtr& s : m_fetching)
         if (s->offset >= offset + length && s->offset < end) end = s->offset;

@@ -51,7 +51,7 @@ public:
     static constexpr uint64_t kSmall = 64 << 10, kFollowOn = 8 << 20;
     // What the fetched stretches of one object may hold at once, kept and,
     // for those fetched ahead of a reader, on their way.
-    static constexpr uint64_t kKeptBytes = 8 << 20;
+    static constexpr uint64_t kKeptBytes = 16 << 20;
 
 private:
     struct Stretch {
