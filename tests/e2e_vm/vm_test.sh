@@ -87,9 +87,9 @@ running=0
 for d in "${!ref[@]}"; do
   nbdcopy --connections=4 "nbd+unix:///$d?socket=$work/${sock[$d]}" "copy-$d.raw" &
   running=$((running + 1))
-  [ $running -lt 4 ] || { wait -n || fail "an nbdcopy failed"; running=$((running - 1)); }
+  [ $running -lt 4 ] || { wait -n || fail "an nbdcopy failed: $(tail -n 20 web.err db.err)"; running=$((running - 1)); }
 done
-while [ $running -gt 0 ]; do wait -n || fail "an nbdcopy failed"; running=$((running - 1)); done
+while [ $running -gt 0 ]; do wait -n || fail "an nbdcopy failed: $(tail -n 20 web.err db.err)"; running=$((running - 1)); done
 for d in "${!ref[@]}"; do cmp "copy-$d.raw" "${ref[$d]}" || fail "nbdcopy of $d differs from its image"; done
 ok "four nbdcopy at once copied all five disks byte-identical"
 for p in "${pids[@]}"; do kill -TERM "$p"; done
