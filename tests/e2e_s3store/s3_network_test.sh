@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# A store on S3 a network away (10 ms there and back), through a proxy that
+# A store on S3 a network away (100 ms there and back), through a proxy that
 # delays every segment and logs every request: a disk of a four-snapshot
 # chain is ready after at most three waves of requests that wait on one
 # another (the catalog, then every snapshot's metadata at once) and, opened
@@ -10,20 +10,7 @@
 #   s3_network_test.sh ZXBLK MAKE_VHD_CHAIN NET_PROXY
 set -euo pipefail
 zxblk=$1 chain=$2 proxyb=$3
-s3=$(cd "$(dirname "$0")/../s3" && pwd)
-work=$(mktemp -d)
-proxy= restarting=
-cleanup() {
-  [ -n "$proxy" ] && kill "$proxy" 2>/dev/null
-  [ -n "$restarting" ] && kill "$restarting" 2>/dev/null
-  [ -d "$work/ceph" ] && "$s3/ceph_down.sh" "$work/ceph" >/dev/null
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() { echo "FAIL: $*"; exit 1; }
-ok() { echo "ok: $*"; }
-t() { timeout 120 "$@"; }
-cd "$work"
+. "$(dirname "$0")/../s3/e2e_scratch.sh"
 . "$s3/ceph_env.sh"
 export XDG_CACHE_HOME=$work/xdg
 make_bucket bkt
@@ -39,11 +26,10 @@ qemu-img convert -f raw -O vpc -o subformat=dynamic,force_size=on seq.raw seq.vh
 t "$zxblk" import --store $store --disk chain chain/snap{0,1,2,3}.vhd >/dev/null || fail "import chain"
 t "$zxblk" import --store $store --disk seq seq.vhd >/dev/null || fail "import seq"
 
-"$proxyb" "${AWS_ENDPOINT_URL#http://}" proxy.port --delay-ms 5 --log requests.log 2>proxy.err &
-proxy=$!
-for _ in $(seq 100); do [ -s proxy.port ] && break; sleep 0.05; done
-[ -s proxy.port ] || fail "the proxy did not start: $(cat proxy.err)"
-export AWS_ENDPOINT_URL=http://127.0.0.1:$(cat proxy.port)
+# A round trip long enough that threads started at once under a loaded
+# machine (sanitizers, other tests) still send their requests within it.
+proxy_up "$proxyb" proxy --delay-ms 50 --log requests.log
+export AWS_ENDPOINT_URL=$proxied
 # waves T0: the waves of the requests sent since T0 (Unix time) to get the
 # disk ready: all but the GETs of data (more than 64 KiB), once the proxy
 # has logged them (a line is written when its answer is through).
@@ -86,14 +72,11 @@ ok "a reader in order fetched $blocks blocks in $gets GETs ($bytes bytes, at mos
 # The service goes away in the middle of an export, as radosgw restarting
 # would: every connection reset once 20 MB have gone through, and new ones
 # refused for a second and a half. Retries carry the export over it.
-"$proxyb" "${AWS_ENDPOINT_URL#http://}" restart.port --delay-ms 5 --reset-after-bytes 20000000 --down-for 1.5 \
-  2>restart.err &
-restarting=$!
-for _ in $(seq 100); do [ -s restart.port ] && break; sleep 0.05; done
-AWS_ENDPOINT_URL=http://127.0.0.1:$(cat restart.port) t "$zxblk" export --store $store --disk chain --cache restart \
-  --out restart.out -q 2>restart.log || { cat restart.log; fail "export across a restart"; }
-kill "$restarting" && wait "$restarting" 2>/dev/null || true
-restarting=
+proxy_up "$proxyb" restart --delay-ms 5 --reset-after-bytes 20000000 --down-for 1.5
+AWS_ENDPOINT_URL=$proxied t "$zxblk" export --store $store --disk chain --cache restart --out restart.out -q \
+  2>restart.log || { cat restart.log; fail "export across a restart"; }
+# Its counters, which it prints as it ends.
+kill "${pids[-1]}" && wait "${pids[-1]}" 2>/dev/null || true
 cmp restart.out chain/snap3.raw || fail "wrong bytes across a restart"
 grep -q "resets=[1-9]" restart.err || { cat restart.err; fail "the proxy reset nothing"; }
 ok "an export across the service's restart: retried, the merged chain ($(grep -o 'resets=[0-9]*' restart.err))"

@@ -9,20 +9,7 @@
 #   s3_store_test.sh ZXBLK MAKE_VHD_CHAIN
 set -euo pipefail
 zxblk=$1 chain=$2
-s3=$(cd "$(dirname "$0")/../s3" && pwd)
-work=$(mktemp -d)
-mounts=() proxy=
-cleanup() {
-  for m in "${mounts[@]}"; do fusermount3 -u "$m" 2>/dev/null || true; done
-  [ -n "$proxy" ] && kill "$proxy" 2>/dev/null
-  [ -d "$work/ceph" ] && "$s3/ceph_down.sh" "$work/ceph" >/dev/null
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() { echo "FAIL: $*"; exit 1; }
-ok() { echo "ok: $*"; }
-t() { timeout 120 "$@"; }
-cd "$work"
+. "$(dirname "$0")/../s3/e2e_scratch.sh"
 . "$s3/ceph_env.sh"
 export XDG_CACHE_HOME=$work/xdg
 make_bucket bkt
@@ -131,10 +118,8 @@ ok "wrong keys and a missing bucket are one-line errors, without the secret"
 
 # Through a proxy that refuses, stalls and cuts connections: retries, and
 # the right bytes.
-"$(dirname "$chain")/../s3/net_proxy" "${AWS_ENDPOINT_URL#http://}" proxy.port --faults 2>proxy.log &
-proxy=$!
-for _ in $(seq 100); do [ -s proxy.port ] && break; sleep 0.05; done
-AWS_ENDPOINT_URL=http://127.0.0.1:$(cat proxy.port) t "$zxblk" serve --store s3://bkt/backups/site1 --disk fs --cache c6 \
+proxy_up "$(dirname "$chain")/../s3/net_proxy" proxy --faults
+AWS_ENDPOINT_URL=$proxied t "$zxblk" serve --store s3://bkt/backups/site1 --disk fs --cache c6 \
   --stats proxy.stats --run 'nbdcopy "$uri" proxy.out' >/dev/null 2>&1 || fail "copy through the faulty proxy"
 cmp proxy.out <(head -c $(stat -c %s fs.raw) fs.raw) || fail "wrong bytes through the faulty proxy"
 [ "$(stat_of proxy.stats store_retries)" -gt 0 ] || fail "no retries counted through the faulty proxy"

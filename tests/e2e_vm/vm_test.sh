@@ -11,24 +11,11 @@
 #   vm_test.sh ZXBLK MAKE_VHD_CHAIN READ_DISKS
 set -euo pipefail
 zxblk=$1 chain=$2 read_disks=$3
-s3=$(cd "$(dirname "$0")/../s3" && pwd)
 for tool in nbdinfo nbdcopy qemu-img sgdisk mke2fs debugfs; do
   command -v $tool >/dev/null || { echo "skipped: $tool is not installed"; exit 77; }
 done
-work=$(mktemp -d)
-pids=() mounted=
-cleanup() {
-  [ -n "$mounted" ] && { fusermount3 -u "$mounted" 2>/dev/null || fusermount3 -uz "$mounted" 2>/dev/null || true; }
-  for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-  [ -d "$work/ceph" ] && "$s3/ceph_down.sh" "$work/ceph" >/dev/null
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() { echo "FAIL: $*"; exit 1; }
-ok() { echo "ok: $*"; }
-t() { timeout 300 "$@"; }
-cd "$work"
+step_timeout=300
+. "$(dirname "$0")/../s3/e2e_scratch.sh"
 export XDG_CACHE_HOME=$work/xdg XDG_RUNTIME_DIR=$work/run
 mkdir -p run
 
@@ -99,7 +86,7 @@ pids=()
 # One mount shows every disk of web01, each with its partitions.
 mkdir mnt
 t "$zxblk" mount --store "$store" --client web01 "$work/mnt" >mount.out 2>mount.err || { cat mount.err; fail "mount --client"; }
-mounted=$work/mnt
+mounts=("$work/mnt")
 for d in sys data logs; do cmp "mnt/$d/disk.raw" "${ref[$d]}" || fail "mnt/$d/disk.raw differs"; done
 [ -e mnt/sys/part1 ] || fail "no mnt/sys/part1: $(ls mnt/sys)"
 # The partition runs to the GPT's end; the file system made for it fills its start.
@@ -109,7 +96,7 @@ for i in 1 2 3; do
   cmp "got$i.bin" "files/f$i.bin" || fail "debugfs: /f$i.bin differs"
 done
 fusermount3 -u "$work/mnt"
-mounted=
+mounts=()
 ok "mount --client: sys, data and logs, sys/part1's files read byte-exact with debugfs"
 
 # Eight disks of both stores open at once in one program, read from eight threads.
