@@ -18,19 +18,19 @@
 namespace zxblk {
 namespace {
 
-// A folder with a catalog. Catalog::load takes a folder without one for an
-// empty store, as import needs; a reader has nothing to read there.
-void checkIsStore(const std::string& path, const Storage& storage) {
-    auto notAStore = [&](const std::string& why) { return Error(path + " is not a zxblk store (" + why + ")", ErrorKind::notFound); };
-    if (storage.remote()) {
-        if (!storage.stat(kCatalogName).exists) throw notAStore("no catalog.json");
-        return;
-    }
+Error notAStore(const std::string& path, const std::string& why) {
+    return Error(path + " is not a zxblk store (" + why + ")", ErrorKind::notFound);
+}
+
+// A folder with a catalog, said of the folder before its catalog is read
+// (Catalog::load takes a folder without one for an empty store, as import
+// needs; a reader has nothing to read there).
+void checkIsFolderStore(const std::string& path, const Storage& storage) {
     struct stat st;
     if (::stat(path.c_str(), &st) != 0) throw Error(path + ": " + std::strerror(errno), ErrorKind::notFound);
-    if (!S_ISDIR(st.st_mode)) throw notAStore("not a folder");
+    if (!S_ISDIR(st.st_mode)) throw notAStore(path, "not a folder");
     if (::stat(storage.describe(kCatalogName).c_str(), &st) != 0) {
-        if (errno == ENOENT) throw notAStore("no catalog.json");
+        if (errno == ENOENT) throw notAStore(path, "no catalog.json");
         throw Error(storage.describe(kCatalogName) + ": " + std::strerror(errno), ErrorKind::io);
     }
 }
@@ -184,13 +184,12 @@ Store Store::open(const std::string& location) {
         impl->path = location;
         // A server or a mount serves from "/": a folder is named by its real path.
         impl->storage = openStorage(canonicalLocation(location), connections(), metadataRoot());
-        // A folder is looked at first, to say what it is when it is no
-        // store; on S3 that costs a round trip, and the catalog's absence
+        // On S3 a look first would cost a round trip: the catalog's absence
         // says the same.
-        if (!impl->storage->remote()) checkIsStore(location, *impl->storage);
+        if (!impl->storage->remote()) checkIsFolderStore(location, *impl->storage);
         bool found = false;
         impl->catalog = Catalog::load(*impl->storage, &found);
-        if (!found) checkIsStore(location, *impl->storage);
+        if (!found) throw notAStore(location, "no catalog.json");
         return Store(std::move(impl));
     });
 }

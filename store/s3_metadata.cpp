@@ -2,14 +2,13 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <xxhash.h>
 
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
 #include "store/fd_io.h"
 #include "store/store_error.h"
+#include "store/vhd_image.h"
 
 namespace zxblk {
 namespace {
@@ -18,12 +17,6 @@ const char kMagic[] = "zxblk-s3-metadata 1\n";
 // Memory is spent on the entries of the disks a program has open; past
 // this it starts again from nothing rather than grow.
 const uint64_t kMostInMemory = 256ull << 20;
-
-std::string hex64(uint64_t v) {
-    char text[17];
-    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(v));
-    return text;
-}
 
 bool takeLine(const std::string& text, size_t& at, std::string& line) {
     size_t end = text.find('\n', at);
@@ -54,7 +47,7 @@ bool readFile(const std::string& path, std::string& out) {
 S3MetadataCache::S3MetadataCache(std::string dir) : m_dir(std::move(dir)) {}
 
 std::string S3MetadataCache::fileOf(const std::string& key) const {
-    return m_dir + "/" + hex64(XXH3_64bits(key.data(), key.size()));
+    return m_dir + "/" + sumText(xxh3(key.data(), key.size()));
 }
 
 std::optional<S3MetadataCache::Entry> S3MetadataCache::get(const std::string& key) {
@@ -71,7 +64,7 @@ std::optional<S3MetadataCache::Entry> S3MetadataCache::get(const std::string& ke
     size_t at = 0;
     bool sound = text.compare(0, sizeof kMagic - 1, kMagic) == 0 && (at = sizeof kMagic - 1, true) &&
                  takeLine(text, at, storedKey) && storedKey == key && takeLine(text, at, e.version) &&
-                 takeLine(text, at, sum) && sum == hex64(XXH3_64bits(text.data() + at, text.size() - at));
+                 takeLine(text, at, sum) && sum == sumText(xxh3(text.data() + at, text.size() - at));
     if (!sound) {
         // Torn, damaged, or another key's file under the same name: gone,
         // and read from the store again.
@@ -106,7 +99,7 @@ void S3MetadataCache::put(const std::string& key, const std::string& version, co
     int fd = ::mkstemp(&temp[0]);
     if (fd < 0) return;
     const std::string head = std::string(kMagic) + key + "\n" + version + "\n" +
-                             hex64(XXH3_64bits(bytes.data(), bytes.size())) + "\n";
+                             sumText(xxh3(bytes.data(), bytes.size())) + "\n";
     bool written = true;
     try {
         writeFully(fd, head.data(), head.size(), 0, temp);

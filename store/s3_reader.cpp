@@ -36,25 +36,25 @@ bool S3Reader::fromKept(uint64_t offset, void* buffer, size_t length) const {
 }
 
 uint64_t S3Reader::fetchEnd(uint64_t offset, uint64_t length) const {
-    uint64_t end = offset + length;
     // A read that begins where another ended is a reader going through the
     // object in order: what follows is fetched with it, in one GET.
     bool inOrder = offset == m_lastEnd;
-    for (const StretchPtr& s : m_fetching) inOrder = inOrder || s->end() == offset;
+    uint64_t coming = 0, nextComing = UINT64_MAX;
+    for (const StretchPtr& s : m_fetching) {
+        inOrder = inOrder || s->end() == offset;
+        coming += s->bytes.size();
+        if (s->offset >= offset + length) nextComing = std::min(nextComing, s->offset);
+    }
     for (const StretchPtr& s : m_kept) inOrder = inOrder || s->end() == offset;
     // Reads of one object are mostly of one size (a block and its bitmap):
     // whole multiples of it, so that the next read finds all its bytes in
-    // one stretch rather than half of them.
-    // Memory stays bounded: what follows is fetched only as far as what is
-    // on its way leaves room in kKeptBytes.
-    uint64_t coming = 0;
-    for (const StretchPtr& s : m_fetching) coming += s->bytes.size();
+    // one stretch rather than half of them; and only as far as what is on
+    // its way leaves room in kKeptBytes, so that memory stays bounded.
+    uint64_t end = offset + length;
     const uint64_t room = coming < kKeptBytes ? std::min(kFollowOn, kKeptBytes - coming) : 0;
     if (inOrder && room >= 2 * length) end = std::min(m_stamp.size, offset + room / length * length);
     // ...but not what is on its way already.
-    for (const StretchPtr& s : m_fetching)
-        if (s->offset >= offset + length && s->offset < end) end = s->offset;
-    return end;
+    return std::min(end, std::max(offset + length, nextComing));
 }
 
 void S3Reader::readAt(uint64_t offset, void* buffer, size_t length) const {

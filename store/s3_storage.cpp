@@ -23,6 +23,7 @@
 #include <thread>
 
 #include "store/at_once.h"
+#include "store/fd_io.h"
 #include "store/s3_client.h"
 #include "store/s3_metadata.h"
 #include "store/s3_reader.h"
@@ -114,20 +115,10 @@ public:
     // Stores the local file `path` under `name`, in parts, several in flight,
     // with nothing left behind when it fails; returns its ETag.
     std::string upload(const std::string& name, const std::string& path) const {
-        int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) throw StoreError(path + ": " + std::strerror(errno));
+        ScopedFd in(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
         struct stat st;
-        if (::fstat(fd, &st) != 0) {
-            ::close(fd);
-            throw StoreError(path + ": " + std::strerror(errno));
-        }
-        try {
-            m_client->uploadFile(key(name), fd, static_cast<uint64_t>(st.st_size), partSize(), parallelUploads());
-        } catch (...) {
-            ::close(fd);
-            throw;
-        }
-        ::close(fd);
+        if (in.fd < 0 || ::fstat(in.fd, &st) != 0) throw StoreError(path + ": " + std::strerror(errno));
+        m_client->uploadFile(key(name), in.fd, static_cast<uint64_t>(st.st_size), partSize(), parallelUploads());
         return uploaded(name, static_cast<uint64_t>(st.st_size));
     }
 

@@ -88,11 +88,25 @@ void checkAgainstRecord(const VhdImage& img, const DiskRecord& disk, size_t inde
 
 namespace {
 
+// A side file is never more than a header and one entry per unit.
+uint64_t sumsAtMost(uint64_t units) { return 4096 + 64 + 24 * units; }
+
+// The side file's bytes as the catalog records them. A copy on S3 read
+// before is taken from what was kept, since the catalog's checksum tells it
+// is the same.
+std::string fetchBlockSums(const Storage& storage, const CopyRecord& copy, uint64_t units) {
+    std::string bytes;
+    auto recorded = [&copy](const std::string& b) { return sumText(xxh3(b.data(), b.size())) == copy.sumsChecksum; };
+    if (!storage.readWhole(copy.sums, sumsAtMost(units), bytes, recorded))
+        throw StoreError(ErrorKind::notFound, storage.describe(copy.sums) + ": " + std::strerror(ENOENT));
+    return bytes;
+}
+
 std::shared_ptr<const BlockSums> checkBlockSums(const std::string& bytes, const std::string& path, const CopyRecord& copy,
                                                 const VhdImage& img) {
-    if (bytes.size() > 4096 + 64 + 24 * img.sumUnits())
+    if (bytes.size() > sumsAtMost(img.sumUnits()))
         throw StoreError(ErrorKind::corruption, path + ": size: larger than the " +
-                                                    std::to_string(4096 + 64 + 24 * img.sumUnits()) + " bytes it can be");
+                                                    std::to_string(sumsAtMost(img.sumUnits())) + " bytes it can be");
     std::string found = sumText(xxh3(bytes.data(), bytes.size()));
     if (found != copy.sumsChecksum)
         throw StoreError(ErrorKind::corruption,
@@ -135,13 +149,7 @@ OpenHints openHints(const DiskRecord& disk, const CopyRecord& copy) {
 
 std::shared_ptr<const BlockSums> loadBlockSums(const Storage& storage, const CopyRecord& copy, const VhdImage& img) {
     if (copy.sums.empty()) return nullptr;
-    std::string path = storage.describe(copy.sums), bytes;
-    // Never more than a header and one entry per block of the image.
-    uint64_t most = 4096 + 64 + 24 * img.sumUnits();
-    auto recorded = [&copy](const std::string& b) { return sumText(xxh3(b.data(), b.size())) == copy.sumsChecksum; };
-    if (!storage.readWhole(copy.sums, most, bytes, recorded))
-        throw StoreError(ErrorKind::notFound, path + ": " + std::strerror(ENOENT));
-    return checkBlockSums(bytes, path, copy, img);
+    return checkBlockSums(fetchBlockSums(storage, copy, img.sumUnits()), storage.describe(copy.sums), copy, img);
 }
 
 std::shared_ptr<VhdImage> openCopyImage(const Storage& storage, const DiskRecord& disk, size_t index) {
@@ -151,16 +159,9 @@ std::shared_ptr<VhdImage> openCopyImage(const Storage& storage, const DiskRecord
     // of this file, not the lookups that tell which copy holds an extent.
     std::shared_future<std::string> sumsBytes;
     if (!copy.sums.empty())
+        // The image is not open yet: a unit per sector of the file bounds it.
         sumsBytes = std::async(std::launch::async, [&storage, copy] {
-                        std::string bytes;
-                        // Never more than a header and one entry per block.
-                        uint64_t most = 4096 + 64 + 24 * (copy.fileSize / 512 + 1);
-                        auto recorded = [&copy](const std::string& b) {
-                            return sumText(xxh3(b.data(), b.size())) == copy.sumsChecksum;
-                        };
-                        if (!storage.readWhole(copy.sums, most, bytes, recorded))
-                            throw StoreError(ErrorKind::notFound, storage.describe(copy.sums) + ": " + std::strerror(ENOENT));
-                        return bytes;
+                        return fetchBlockSums(storage, copy, copy.fileSize / 512 + 1);
                     }).share();
     auto img = std::make_shared<VhdImage>(VhdImage::open(storage.openReader(copy.file, openHints(disk, copy)),
                                                          copy.type == kTypeRaw, disk.size));

@@ -10,13 +10,11 @@
 #include <filesystem>
 #include <algorithm>
 #include <cstdlib>
-#include <cstdio>
 #include <set>
-
-#include <xxhash.h>
 
 #include "store/fd_io.h"
 #include "store/s3_storage.h"
+#include "store/vhd_image.h"
 
 namespace zxblk {
 namespace {
@@ -269,12 +267,9 @@ std::shared_ptr<Storage> openFolderStorage(const std::string& dir) { return std:
 std::shared_ptr<Storage> openStorage(const std::string& location, const std::shared_ptr<S3Connections>& connections,
                                      const std::string& metadataRoot) {
     if (!Storage::isRemote(location)) return openFolderStorage(location);
-    std::string dir;
-    if (!metadataRoot.empty()) {
-        char name[17];
-        std::snprintf(name, sizeof name, "%016llx", static_cast<unsigned long long>(XXH3_64bits(location.data(), location.size())));
-        dir = metadataRoot + "/" + name;
-    }
+    // A folder per store, named for its URL.
+    const std::string dir =
+        metadataRoot.empty() ? std::string() : metadataRoot + "/" + sumText(xxh3(location.data(), location.size()));
     return openS3Storage(location, connections, dir);
 }
 
