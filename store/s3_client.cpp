@@ -52,6 +52,13 @@ struct S3Client::State {
     std::string name(const std::string& key) const { return "s3://" + bucket + "/" + key; }
     std::string bucketName() const { return "s3://" + bucket; }
 
+    // Counts a failure of an upload that is not the service's and throws.
+    [[noreturn]] void failUpload(const std::string& key, const std::string& why) {
+        S3Request c = request(S3Kind::put, "PUT", "upload");
+        c.name = name(key);
+        s3Fail(c, why);
+    }
+
     S3Request request(S3Kind kind, const char* method, std::string op) {
         S3Request c;
         c.kind = kind;
@@ -132,23 +139,6 @@ struct S3Client::State {
         s3Fail(c, r.describe());
     }
 
-    // pread until `length` bytes are in; a file that ends sooner is an error.
-    std::string readPart(const std::string& key, int fd, uint64_t offset, uint64_t length, uint64_t total) {
-        std::string buf(length, '\0');
-        uint64_t done = 0;
-        S3Request c = request(S3Kind::put, "PUT", "upload");
-        c.name = name(key);
-        while (done < length) {
-            ssize_t n = ::pread(fd, &buf[done], length - done, static_cast<off_t>(offset + done));
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) s3Fail(c, "reading the file at byte " + std::to_string(offset + done) + ": " + std::strerror(errno));
-            if (n == 0)
-                s3Fail(c, "the file ends at byte " + std::to_string(offset + done) + ", short of the " +
-                              std::to_string(total) + " bytes to upload");
-            done += static_cast<uint64_t>(n);
-        }
-        return buf;
-    }
 };
 
 S3Client::S3Client(S3Config config, std::string bucket)
@@ -424,14 +414,32 @@ void S3Client::Upload::finish() {
     throw StoreError(s3::oneLine(error));  // the destructor aborts the upload
 }
 
+uint64_t S3Client::Upload::copyFrom(int fd, uint64_t at, uint64_t length) {
+    uint64_t done = 0;
+    while (done < length) {
+        // Read straight into the part being filled.
+        const size_t before = m_part.size();
+        m_part.resize(before + static_cast<size_t>(std::min<uint64_t>(length - done, m_partSize - before)));
+        ssize_t n = ::pread(fd, &m_part[before], m_part.size() - before, static_cast<off_t>(at + done));
+        const int err = errno;
+        m_part.resize(before + static_cast<size_t>(std::max<ssize_t>(n, 0)));
+        if (n < 0 && err == EINTR) continue;
+        if (n < 0)
+            m_client.s_->failUpload(m_key, "reading the file at byte " + std::to_string(at + done) + ": " +
+                                               std::strerror(err));
+        if (n == 0) break;
+        done += static_cast<uint64_t>(n);
+        if (m_part.size() == m_partSize) partFull();
+    }
+    return done;
+}
+
 void S3Client::uploadFile(const std::string& key, int fd, uint64_t size, uint64_t partSize, unsigned parallel) {
     Upload upload(*this, key, size, partSize, parallel);
-    std::vector<char> buffer(std::min<uint64_t>(std::max<uint64_t>(size, 1), 4 * kMiB));
-    for (uint64_t at = 0; at < size;) {
-        const uint64_t n = std::min<uint64_t>(buffer.size(), size - at);
-        upload.write(s_->readPart(key, fd, at, n, size).data(), static_cast<size_t>(n));
-        at += n;
-    }
+    const uint64_t got = upload.copyFrom(fd, 0, size);
+    if (got < size)
+        s_->failUpload(key, "the file ends at byte " + std::to_string(got) + ", short of the " + std::to_string(size) +
+                                " bytes to upload");
     upload.finish();
 }
 

@@ -78,6 +78,9 @@ public:
         Upload& operator=(const Upload&) = delete;
         void write(const void* data, size_t length);
         void zeros(uint64_t length);
+        // Bytes [at, at + length) of the file `fd`, read into the parts;
+        // returns how many there were (fewer where the file ends sooner).
+        uint64_t copyFrom(int fd, uint64_t at, uint64_t length);
         // Sends what is left and completes the object.
         void finish();
 

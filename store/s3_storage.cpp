@@ -359,17 +359,9 @@ public:
         : m_staging(staging), m_storage(storage), m_name(std::move(name)), m_upload(storage.startUpload(m_name, size)) {}
     bool copy(int fd, uint64_t at, uint64_t length) override {
         if (at > m_written) m_upload->zeros(at - m_written);
-        m_buffer.resize(1u << 20);
-        for (m_written = at; length;) {
-            ssize_t n = ::pread(fd, m_buffer.data(), static_cast<size_t>(std::min<uint64_t>(length, m_buffer.size())),
-                                static_cast<off_t>(m_written));
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) throw StoreError(m_storage.describe(m_name) + ": reading its source: " + std::strerror(errno));
-            if (n == 0) return false;
-            m_upload->write(m_buffer.data(), static_cast<size_t>(n));
-            m_written += static_cast<uint64_t>(n), length -= static_cast<uint64_t>(n);
-        }
-        return true;
+        const uint64_t got = m_upload->copyFrom(fd, at, length);
+        m_written = at + got;
+        return got == length;
     }
     void finish(uint64_t size) override {
         if (size > m_written) m_upload->zeros(size - m_written);
@@ -384,7 +376,6 @@ private:
     std::string m_name;
     std::unique_ptr<S3Client::Upload> m_upload;
     uint64_t m_written = 0;
-    std::vector<char> m_buffer;
 };
 
 std::unique_ptr<Storage::Staging::Sink> S3Staging::sink(const std::string& name, uint64_t size) {
