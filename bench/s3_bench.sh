@@ -67,6 +67,10 @@ here=$(cd "$(dirname "$0")" && pwd)
 bench_name=s3_bench
 # shellcheck source=bench/bench_common.sh
 source "$here/bench_common.sh"
+# shellcheck source=bench/s3_bench_disk.sh
+source "$here/s3_bench_disk.sh"
+# shellcheck source=bench/s3_bench_peers.sh
+source "$here/s3_bench_peers.sh"
 rounds=${S3_BENCH_ROUNDS:-3} budget=${S3_BENCH_BUDGET:-480} profile=${S3_BENCH_PROFILE:-none}
 args=()
 while [ $# -gt 0 ]; do
@@ -189,82 +193,9 @@ rtt() {
         awk '{ print ($2 - $1) * 1000 }' | sort -g | awk '{ v[NR] = $1 } END { printf "%.3f %.3f\n", v[int((NR + 1) / 2)], v[1] }'
 }
 
-# --- the disk ------------------------------------------------------------------
-step "generating about 2 GiB of files, small and large, in $work/files ..."
-python3 - "$work/files" <<'PY'
-import os, random, sys
-top = sys.argv[1]
-rng = random.Random(7)
-def put(path, size):
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "wb") as f:
-        left = size
-        while left:
-            n = min(left, 8 << 20)
-            f.write(os.urandom(n))
-            left -= n
-for d in range(20):                       # 2000 notes of 1-16 KiB
-    for i in range(100):
-        put(f"{top}/docs/d{d}/note{i}.txt", rng.randint(1, 16) << 10)
-for d in range(10):                       # 300 files of 256 KiB to 5 MiB
-    for i in range(30):
-        put(f"{top}/data/m{d}/f{i}.bin", rng.randint(1, 20) << 18)
-put(f"{top}/data/m3/f7.bin", (6 << 20) + 12288)
-for i in range(10):                       # 10 files of 128 MiB
-    put(f"{top}/data/large/big{i}.bin", 128 << 20)
-PY
-original=$work/original.bin
-cp "$work/files$file" "$original"
-files_mib=$(du -sm "$work/files" | cut -f1)
-
-step "making an ext4 file system of 8 GiB from them (mke2fs -d), and its dynamic VHD ..."
-mke2fs -q -F -t ext4 -L zxblk-bench -d "$work/files" "$work/base.img" 8G >"$work/mke2fs.log" 2>&1 ||
-    { cat "$work/mke2fs.log" >&2; die "mke2fs failed"; }
-qemu-img convert -q -f raw -O vpc -o subformat=dynamic,force_size=on "$work/base.img" "$work/base.vhd"
-
-step "changing files for a second snapshot, a differencing VHD ..."
-cp --sparse=always "$work/base.img" "$work/changed.img"
-python3 - "$work" >"$work/debugfs.cmds" <<'PY'
-import os, sys
-work = sys.argv[1]
-os.makedirs(work + "/new", exist_ok=True)
-def new(name, size):
-    with open(f"{work}/new/{name}", "wb") as f:
-        f.write(os.urandom(size))
-    return f"{work}/new/{name}"
-for i in range(4):                        # four files of the middle size rewritten
-    print(f"rm /data/m5/f{i}.bin")
-    print(f"write {new(f'f{i}.bin', (3 << 20) + i * 4096)} /data/m5/f{i}.bin")
-for i in range(50):                       # fifty notes rewritten
-    print(f"rm /docs/d3/note{i}.txt")
-    print(f"write {new(f'note{i}.txt', 5000 + i)} /docs/d3/note{i}.txt")
-print(f"write {new('added.bin', 48 << 20)} /data/large/added.bin")
-PY
-debugfs -w -f "$work/debugfs.cmds" "$work/changed.img" >"$work/debugfs.log" 2>&1 ||
-    { cat "$work/debugfs.log" >&2; die "debugfs -w failed"; }
-rm -rf "$work/files" "$work/new"
-write_vhd_child "$work/base.vhd" "$work/base.img" "$work/changed.img" "$work/child.vhd" >"$work/child.log" ||
-    { cat "$work/child.log" >&2; die "writing the differencing VHD failed"; }
-rm "$work/base.img"
-base_vhd_bytes=$(stat -c %s "$work/base.vhd") child_vhd_bytes=$(stat -c %s "$work/child.vhd")
-disk_data=$(data_bytes "$work/changed.img" raw)
-
-step "importing both into $store (directly, not through the link) ..."
-AWS_ENDPOINT_URL=$direct timeout --foreground 900 "$zxblk" import --store "$store" --disk fs "$work/base.vhd" "$work/child.vhd" \
-    >"$work/import.log" 2>&1 || { cat "$work/import.log" >&2; die "zxblk import --disk fs into $store failed"; }
-AWS_ENDPOINT_URL=$direct "$zxblk" list --store "$store" --disk fs --json >"$work/list.json" || die "zxblk list --store $store failed"
-read -r base_key child_key < <(python3 - "$work/list.json" "$prefix" <<'PY'
-import json, sys
-snaps = next(d for d in json.load(open(sys.argv[1]))["disks"] if d["name"] == "fs")["snapshots"]
-print(" ".join(sys.argv[2] + "/" + s["file"] for s in snaps))
-PY
-) || die "zxblk list --json names no snapshots of disk fs"
-for k in "$base_key" "$child_key"; do
-    case $k in "$prefix"/snapshots/*.vhd) ;; *) die "unexpected snapshot object '$k'" ;; esac
-done
-# For qemu's HTTP driver, which cannot sign (see above).
-curl_s3 -X PUT -H 'x-amz-acl: public-read' -H 'Content-Length: 0' "$direct/$bucket/$base_key?acl=" >"$work/acl.log" 2>&1 ||
-    { cat "$work/acl.log" >&2; die "cannot make $base_key public-read"; }
+# --- the disk (s3_bench_disk.sh) ------------------------------------------------
+make_disk
+import_disk
 export AWS_ENDPOINT_URL=$link
 
 # --- the proxy's log -------------------------------------------------------------
@@ -300,6 +231,7 @@ PY
 }
 
 # --- one run of each side; each sets the figures it names -------------------------
+# (zxblk's here, its peers' in s3_bench_peers.sh)
 n=0
 umount_zx() {
     timeout --foreground 30 fusermount3 -u "$mnt" || die "fusermount3 -u $mnt failed"
@@ -327,66 +259,6 @@ zx_first() {
     ready=$(secs "$t0" "$t_ready") total=$(secs "$t0" "$t2")
 }
 stat_of() { awk -v k="$1" '$1 == k { print $2 }' "$work/stats"; }
-# get_both DEST_BASE DEST_CHILD: both snapshot objects through the link, one
-# after the other on one connection.
-get_both() {
-    curl_s3 -o "$1" "$link/$bucket/$base_key" -o "$2" "$link/$bucket/$child_key" 2>"$work/curl.err" ||
-        { cat "$work/curl.err" >&2; die "curl GET of $base_key and $child_key failed"; }
-}
-# restore_first CHECK -> got ready total (seconds)
-restore_first() {
-    local t0 t1 t2 t3
-    rm -f "$out/dl.vhd" "$out/dl-child.vhd" "$out/q.raw" "$out/ttf"; sync
-    t0=$EPOCHREALTIME
-    get_both "$out/dl.vhd" "$out/dl-child.vhd"
-    t1=$EPOCHREALTIME
-    qemu-img convert -f vpc -O raw "$out/dl.vhd" "$out/q.raw" 2>"$work/convert.log" ||
-        { cat "$work/convert.log" >&2; die "qemu-img convert of $base_key failed"; }
-    apply_vhd_child "$out/q.raw" "$out/dl-child.vhd" || die "laying $child_key over the base failed"
-    t2=$EPOCHREALTIME
-    timeout --foreground 300 debugfs -R "cat $file" "$out/q.raw" >"$out/ttf" 2>"$work/debugfs.err" || true
-    t3=$EPOCHREALTIME
-    cmp -s "$out/ttf" "$original" || { cat "$work/debugfs.err" >&2; die "restored first: $file differs from the original"; }
-    if [ "$1" = 1 ]; then
-        cmp -s "$out/dl.vhd" "$work/base.vhd" || die "the object $base_key differs from the VHD imported"
-        cmp -s "$out/dl-child.vhd" "$work/child.vhd" || die "the object $child_key differs from the VHD imported"
-        same_bytes "$out/q.raw" "$work/changed.img" || die "restored first: the disk differs from the one imported"
-    fi
-    rm -f "$out/dl.vhd" "$out/dl-child.vhd" "$out/q.raw" "$out/ttf"
-    got=$(secs "$t0" "$t1") ready=$(secs "$t0" "$t2") total=$(secs "$t0" "$t3")
-}
-# qemu_http -> ready total (seconds): qemu's HTTP driver on the base object,
-# served by qemu-nbd and mounted by nbdfuse.
-qemu_http() {
-    local t0 t1 t2 i
-    rm -f "$sock" "$work/qemu-nbd.pid" "$work/nbdfuse.pid" "$out/ttf"
-    t0=$EPOCHREALTIME
-    # --fork returns once the image is open and the socket listens.
-    qemu-nbd --fork --persistent --read-only --shared=8 --pid-file="$work/qemu-nbd.pid" -k "$sock" \
-        "json:{\"driver\":\"vpc\",\"file\":{\"driver\":\"http\",\"url\":\"$link/$bucket/$base_key\"}}" \
-        2>"$work/qemu-nbd.log" || { cat "$work/qemu-nbd.log" >&2; die "qemu-nbd of the base object over HTTP failed"; }
-    qnbd=$(cat "$work/qemu-nbd.pid")
-    nbdfuse -r -P "$work/nbdfuse.pid" "$pmnt/disk.raw" --unix "$sock" >"$work/nbdfuse.log" 2>&1 &
-    nbdf=$!
-    for ((i = 0; i < 2000; i++)); do
-        [ -s "$work/nbdfuse.pid" ] && break
-        kill -0 "$nbdf" 2>/dev/null || { cat "$work/nbdfuse.log" >&2; die "nbdfuse failed"; }
-        sleep 0.005
-    done
-    [ -s "$work/nbdfuse.pid" ] || die "nbdfuse did not start serving within 10 s"
-    t1=$EPOCHREALTIME
-    timeout --foreground 300 debugfs -R "cat $file" "$pmnt/disk.raw" >"$out/ttf" 2>"$work/debugfs.err" || true
-    t2=$EPOCHREALTIME
-    timeout --foreground 30 fusermount3 -u "$pmnt" || die "fusermount3 -u $pmnt failed"
-    wait_gone "$nbdf" 10 || die "nbdfuse did not end after the unmount"
-    wait "$nbdf" 2>/dev/null || true
-    nbdf=
-    stop_pid "$qnbd"
-    qnbd=
-    cmp -s "$out/ttf" "$original" || { cat "$work/debugfs.err" >&2; die "through qemu's HTTP driver: $file differs from the original"; }
-    rm -f "$out/ttf"
-    ready=$(secs "$t0" "$t1") total=$(secs "$t0" "$t2")
-}
 # zx_export -> last (seconds), t0 t1 (stamps); the output is checked every time
 zx_export() {
     local cache=$work/cache.$((n += 1))
@@ -442,21 +314,6 @@ zx_import() {
         [ -n "$key" ] || die "zxblk list names no snapshot of the disk imported through the link"
         curl_s3 -o "$out/back.vhd" "$direct/$bucket/$p/$key" || die "cannot read back $p/$key"
         cmp -s "$out/back.vhd" "$work/base.vhd" || die "zxblk import through the link stored other bytes than base.vhd"
-        rm -f "$out/back.vhd"
-    fi
-    drop "$p/"
-    last=$(secs "$t0" "$t1")
-}
-# curl_put CHECK -> last (seconds)
-curl_put() {
-    local p=put$((n += 1)) t0 t1
-    t0=$EPOCHREALTIME
-    curl_s3 -o /dev/null -T "$work/base.vhd" "$link/$bucket/$p/base.vhd" 2>"$work/curl.err" ||
-        { cat "$work/curl.err" >&2; die "curl PUT of base.vhd failed"; }
-    t1=$EPOCHREALTIME
-    if [ "$1" = 1 ]; then
-        curl_s3 -o "$out/back.vhd" "$direct/$bucket/$p/base.vhd" || die "cannot read back $p/base.vhd"
-        cmp -s "$out/back.vhd" "$work/base.vhd" || die "curl PUT through the link stored other bytes than base.vhd"
         rm -f "$out/back.vhd"
     fi
     drop "$p/"
