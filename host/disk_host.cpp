@@ -119,9 +119,13 @@ void DiskHost::readahead(uint64_t first, uint64_t count) { m_readahead->request(
 
 void DiskHost::prefetch(std::vector<uint64_t> extents) { m_readahead->prefetch(std::move(extents)); }
 
+std::unique_ptr<ExtentHandle> DiskHost::acquire(uint64_t extent) { return pin(extent, true); }
+
 // Pinned from the first look on, so that no eviction takes the extent
-// between its move-in and its opening.
-std::unique_ptr<ExtentHandle> DiskHost::acquire(uint64_t extent) {
+// between its move-in and its opening. The block tables are asked only
+// about an extent the cache does not have: a read of a local extent, the
+// common one, does not wait on the store's lock of its open files.
+std::unique_ptr<ExtentHandle> DiskHost::pin(uint64_t extent, bool evenUnheld) {
     if (extent >= m_extentCount)
         throw StoreError(ErrorKind::invalidArgument, "extent " + std::to_string(extent) + " is past the end of disk " +
                                                          m_diskName + " (" + std::to_string(m_extentCount) +
@@ -129,6 +133,10 @@ std::unique_ptr<ExtentHandle> DiskHost::acquire(uint64_t extent) {
     std::shared_ptr<ExtentFile> file = m_cache->pinAndOpen(extent);
     try {
         if (!file) {
+            if (!evenUnheld && !m_pool->holdsData(extent)) {
+                m_cache->unpin(extent);
+                return nullptr;
+            }
             m_pool->ensure(extent, false);
             file = m_cache->open(extent);
         }
@@ -151,13 +159,13 @@ void DiskHost::read(uint64_t offset, uint64_t length, void* buffer) {
     for (uint64_t at = offset; at < end;) {
         uint64_t within = at % E;
         uint64_t n = std::min<uint64_t>(end - at, E - within);
+        std::unique_ptr<ExtentHandle> h = pin(at / E, false);
         // What no snapshot holds reads as zeros: nothing to recall or cache.
-        if (!m_pool->holdsData(at / E)) {
+        if (!h) {
             std::memset(out + (at - offset), 0, n);
             at += n;
             continue;
         }
-        std::unique_ptr<ExtentHandle> h = acquire(at / E);
         for (uint64_t done = 0; done < n;) {
             ssize_t got = ::pread(h->fd(), out + (at - offset) + done, n - done, static_cast<off_t>(within + done));
             if (got < 0 && errno == EINTR) continue;

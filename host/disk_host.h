@@ -146,6 +146,10 @@ public:
     ExtentCache& extentCache() { return *m_cache; }
 
 private:
+    // acquire(), but without `evenUnheld` an extent that is not local and
+    // that no snapshot holds a byte of is neither recalled nor held: nullptr.
+    std::unique_ptr<ExtentHandle> pin(uint64_t extent, bool evenUnheld);
+
     // Declared first so that it goes last: the cache's lock is held until
     // everything else is gone.
     std::unique_ptr<ExtentCache> m_cache;

@@ -143,7 +143,7 @@ void Readahead::noteRead(uint64_t offset, uint64_t length) {
             s->window = 1;
         else if (current > s->current)
             s->window = std::min(s->window * 2, m_maxWindow);
-        s->current = std::max(s->current, current);
+        s->current = current;
         uint64_t until = std::min(m_extentCount, current + 1 + s->window);
         if (until > s->aheadUntil) {
             from = std::max(s->aheadUntil, current + 1);
