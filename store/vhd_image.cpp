@@ -17,7 +17,6 @@
 namespace zxblk {
 namespace {
 
-const uint32_t kUnallocated = 0xFFFFFFFFu;
 const uint64_t kMaxVirtualSize = 2040ULL << 30;  // the largest disk the format describes
 const uint32_t kMaxBlockSize = 256u << 20;
 // Every block of the largest disk at 512 KiB a block; more allocated blocks
@@ -470,35 +469,26 @@ const uint64_t kSlice = (4u << 20) + 4096;
 
 UnitSum VhdImage::sumOf(uint64_t unit, uint64_t copyFrom, uint64_t copyLength, uint8_t* copyTo) const {
     UnitSum sum;
-    uint64_t at, length;
+    const UnitPlace place = placeOf(unit);
     // A slice at a time: a block may be as large as 256 MiB.
     thread_local std::vector<uint8_t> buffer;
-    if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) {
-        at = unit * kSumChunk;
-        if (at >= m_size) fail("block " + std::to_string(unit), "past the end of the disk");
-        length = std::min<uint64_t>(kSumChunk, m_size - at);
-    } else {
-        uint32_t sector = sectorOf(unit);
-        if (sector == kUnallocated) fail("block " + std::to_string(unit), "not allocated");
-        at = uint64_t(sector) * 512 + m_bitmapBytes;
-        length = m_blockSize;
+    if (place.bitmap) {
         // The bitmap and the data that follows it in one read where they fit
         // in a slice: one request to a store on S3, not two.
-        const uint64_t whole = uint64_t(m_bitmapBytes) + m_blockSize;
-        if (whole <= kSlice) {
-            buffer.resize(static_cast<size_t>(whole));
-            readAt(uint64_t(sector) * 512, buffer.data(), buffer.size());
-            sum.bitmap = xxh3(buffer.data(), m_bitmapBytes);
-            const uint8_t* data = buffer.data() + m_bitmapBytes;
-            sum.data = xxh3(data, m_blockSize);
+        if (place.size <= kSlice) {
+            buffer.resize(static_cast<size_t>(place.size));
+            readAt(place.at, buffer.data(), buffer.size());
+            sum = sumOfWhole(buffer.data(), place);
+            const uint8_t* data = buffer.data() + place.bitmap;
             uint64_t to = std::min<uint64_t>(copyFrom + copyLength, m_blockSize);
             if (copyTo && copyFrom < to) std::memcpy(copyTo, data + copyFrom, to - copyFrom);
             return sum;
         }
-        std::vector<uint8_t> bitmap(m_bitmapBytes);
-        readAt(uint64_t(sector) * 512, bitmap.data(), bitmap.size());
+        std::vector<uint8_t> bitmap(place.bitmap);
+        readAt(place.at, bitmap.data(), bitmap.size());
         sum.bitmap = xxh3(bitmap.data(), bitmap.size());
     }
+    const uint64_t at = place.at + place.bitmap, length = place.size - place.bitmap;
     buffer.resize(std::min<uint64_t>(length, kSlice));
     std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> state(XXH3_createState(), XXH3_freeState);
     if (!state) throw StoreError(m_path + ": block " + std::to_string(unit) + ": out of memory for its checksum");
@@ -518,11 +508,13 @@ UnitSum VhdImage::sumOf(uint64_t unit, uint64_t copyFrom, uint64_t copyLength, u
 bool VhdImage::checkUnit(const BlockSums& sums, uint64_t unit, std::string& why, uint64_t copyFrom,
                          uint64_t copyLength, uint8_t* copyTo) const {
     const BlockSums::Entry* entry = sums.entry(unit);
-    if (!entry) return why = "checksum mismatch (the block holds data, but none was recorded for it)", false;
-    return matchesRecorded(entry->sum, sumOf(unit, copyFrom, copyLength, copyTo), why);
+    // A unit with no sum recorded is not read.
+    return matchesRecorded(entry, entry ? sumOf(unit, copyFrom, copyLength, copyTo) : UnitSum(), why);
 }
 
-bool VhdImage::matchesRecorded(const UnitSum& recorded, const UnitSum& found, std::string& why) {
+bool VhdImage::matchesRecorded(const BlockSums::Entry* entry, const UnitSum& found, std::string& why) {
+    if (!entry) return why = "checksum mismatch (the block holds data, but none was recorded for it)", false;
+    const UnitSum& recorded = entry->sum;
     if (found.data != recorded.data)
         why = "checksum mismatch in its data (recorded " + sumText(recorded.data) + ", read " + sumText(found.data) + ")";
     else if (found.bitmap != recorded.bitmap)
@@ -570,23 +562,20 @@ void VhdImage::readVerified(const Piece& piece, uint8_t* into) const {
         uint8_t* to = into + (at - piece.virtualOffset);
         uint64_t fileAt = static_cast<uint64_t>(piece.fileOffset) + (at - piece.virtualOffset);
         at += n;
-        const BlockSums::Entry* recorded = m_sums->entry(unit);
-        size_t index = recorded ? static_cast<size_t>(recorded - m_sums->entries.data()) : 0;
-        uint64_t bit = uint64_t(1) << (index % 64);
-        auto sound = [&] { return recorded && (m_verified[index / 64].load(std::memory_order_acquire) & bit); };
-        if (sound()) {
+        const SoundMark sound = soundMark(m_sums->entry(unit));
+        if (sound.isSet()) {
             readAt(fileAt, to, n);
             continue;
         }
-        std::lock_guard<std::mutex> lock(m_verifyLocks[index % kVerifyStripes]);
-        if (sound()) {
+        std::lock_guard<std::mutex> lock(m_verifyLocks[sound.index % kVerifyStripes]);
+        if (sound.isSet()) {
             readAt(fileAt, to, n);
             continue;
         }
         std::string why;
         if (!checkUnit(*m_sums, unit, why, within, n, to))
             throw StoreError(ErrorKind::corruption, m_path + ": block " + std::to_string(unit) + ": " + why);
-        m_verified[index / 64].fetch_or(bit, std::memory_order_release);
+        sound.set();
     }
 }
 

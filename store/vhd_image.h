@@ -171,13 +171,34 @@ private:
     using Allocation = std::pair<uint32_t, uint32_t>;  // (block, its first sector in the file)
     VhdImage() = default;
     [[noreturn]] void fail(const std::string& field, const std::string& why) const;
-    // False, with the reason, when a unit's sums differ from those recorded.
-    static bool matchesRecorded(const UnitSum& recorded, const UnitSum& found, std::string& why);
+    // False, with the reason, when a unit's sums differ from those recorded
+    // (`recorded`: none when no sum was recorded for it).
+    static bool matchesRecorded(const BlockSums::Entry* recorded, const UnitSum& found, std::string& why);
+    // Where a unit lies in the file: from `at`, its sector bitmap of `bitmap`
+    // bytes (none for raw and fixed), then its data, `size` bytes in all.
+    // Fails for a unit past the disk or not allocated.
+    struct UnitPlace {
+        uint64_t at, bitmap, size;
+    };
+    UnitPlace placeOf(uint64_t unit) const;
+    // The sums of a unit read whole, laid out as placeOf() says.
+    static UnitSum sumOfWhole(const uint8_t* bytes, const UnitPlace& place);
+    // The bit of m_verified that notes a recorded unit found sound since the
+    // file was opened; no word for a unit with no sum recorded.
+    struct SoundMark {
+        std::atomic<uint64_t>* word;
+        uint64_t bit;
+        size_t index;  // of the unit among the recorded sums
+        bool isSet() const { return word && (word->load(std::memory_order_acquire) & bit); }
+        void set() const { word->fetch_or(bit, std::memory_order_release); }
+    };
+    SoundMark soundMark(const BlockSums::Entry* recorded) const;
     Footer chooseFooter(std::string& note) const;
     void readDynamic(uint64_t headerOffset);
     void readTable(uint64_t tableOffset, uint64_t tableBytes, uint64_t headerOffset,
                    const std::vector<std::pair<uint64_t, uint64_t>>& locators);
-    // The block's first sector in the file, or 0xFFFFFFFF when unallocated.
+    // The block's first sector in the file, or kUnallocated.
+    static constexpr uint32_t kUnallocated = 0xFFFFFFFFu;
     uint32_t sectorOf(uint64_t block) const;
 
     std::string m_path;

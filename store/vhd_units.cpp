@@ -15,36 +15,50 @@ const uint64_t kWholeUnitBytes = (8u << 20) + 4096;
 
 bool VhdImage::unitsFitInMemory() const { return uint64_t(sumUnitBytes()) + m_bitmapBytes <= kWholeUnitBytes; }
 
+VhdImage::UnitPlace VhdImage::placeOf(uint64_t unit) const {
+    if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) {
+        const uint64_t at = unit * kSumChunk;
+        if (at >= m_size) fail("block " + std::to_string(unit), "past the end of the disk");
+        return {at, 0, std::min<uint64_t>(kSumChunk, m_size - at)};
+    }
+    const uint32_t sector = sectorOf(unit);
+    if (sector == kUnallocated) fail("block " + std::to_string(unit), "not allocated");
+    return {uint64_t(sector) * 512, m_bitmapBytes, uint64_t(m_bitmapBytes) + m_blockSize};
+}
+
+UnitSum VhdImage::sumOfWhole(const uint8_t* bytes, const UnitPlace& place) {
+    UnitSum sum;
+    sum.bitmap = place.bitmap ? xxh3(bytes, place.bitmap) : 0;
+    sum.data = xxh3(bytes + place.bitmap, place.size - place.bitmap);
+    return sum;
+}
+
+VhdImage::SoundMark VhdImage::soundMark(const BlockSums::Entry* recorded) const {
+    if (!recorded) return {nullptr, 0, 0};
+    const size_t index = static_cast<size_t>(recorded - m_sums->entries.data());
+    return {&m_verified[index / 64], uint64_t(1) << (index % 64), index};
+}
+
 std::shared_ptr<const UnitBytes> VhdImage::readUnit(uint64_t unit) const {
     if (!unitHeld(unit)) fail("block " + std::to_string(unit), "not held by the file");
     if (!unitsFitInMemory()) fail("block " + std::to_string(unit), "too large to be read whole");
     if (!sumsError().empty()) throw StoreError(ErrorKind::corruption, m_sumsError);
+    const UnitPlace place = placeOf(unit);
     auto read = std::make_shared<UnitBytes>();
-    uint64_t at;
-    if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) {
-        at = unit * kSumChunk;
-        read->size = std::min<uint64_t>(kSumChunk, m_size - at);
-    } else {
-        at = uint64_t(sectorOf(unit)) * 512;
-        read->bitmap = m_bitmapBytes;
-        read->size = uint64_t(m_bitmapBytes) + m_blockSize;
-    }
+    read->bitmap = place.bitmap;
+    read->size = place.size;
     // Not zeroed first: every byte is read over at once.
     read->bytes.reset(new uint8_t[read->size]);
-    readAt(at, read->bytes.get(), read->size);
+    readAt(place.at, read->bytes.get(), read->size);
     if (!m_sums) return read;
     const BlockSums::Entry* recorded = m_sums->entry(unit);
-    size_t index = recorded ? static_cast<size_t>(recorded - m_sums->entries.data()) : 0;
-    uint64_t bit = uint64_t(1) << (index % 64);
+    const SoundMark sound = soundMark(recorded);
     // A unit found sound once since the file was opened is not hashed again.
-    if (recorded && (m_verified[index / 64].load(std::memory_order_acquire) & bit)) return read;
-    std::string why = "checksum mismatch (the block holds data, but none was recorded for it)";
-    UnitSum found;
-    found.bitmap = read->bitmap ? xxh3(read->bytes.get(), read->bitmap) : 0;
-    found.data = xxh3(read->data(), read->size - read->bitmap);
-    if (!recorded || !matchesRecorded(recorded->sum, found, why))
+    if (sound.isSet()) return read;
+    std::string why;
+    if (!matchesRecorded(recorded, sumOfWhole(read->bytes.get(), place), why))
         throw StoreError(ErrorKind::corruption, m_path + ": block " + std::to_string(unit) + ": " + why);
-    m_verified[index / 64].fetch_or(bit, std::memory_order_release);
+    sound.set();
     return read;
 }
 
