@@ -122,18 +122,20 @@ void registerExportCommand(CLI::App& app) {
         // Recalls run this many extents holding data ahead of the one being
         // written, so that recalling and writing overlap, and a store a
         // network away has as many recalls at once as a disk of it runs.
+        // The allocation map is walked once: the extents are written in the
+        // order they were asked for.
         const uint64_t window = 32;
-        DataExtents toWrite(disk), toRecall(disk);
+        DataExtents held(disk);
         std::deque<uint64_t> ahead;
         for (uint64_t written = 0;;) {
             while (ahead.size() < window) {
-                uint64_t e = toRecall.next();
+                uint64_t e = held.next();
                 if (e >= count) break;
                 disk.prefetch(e * E, std::min(E, total - e * E));
                 ahead.push_back(e);
             }
-            const uint64_t e = toWrite.next();
-            if (!ahead.empty() && ahead.front() == e) ahead.pop_front();
+            const uint64_t e = ahead.empty() ? count : ahead.front();
+            if (!ahead.empty()) ahead.pop_front();
             // What no snapshot holds is zeros, a hole where the output can
             // hold one: nothing to recall.
             const uint64_t at = std::min(e * E, total);
