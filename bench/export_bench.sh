@@ -211,17 +211,14 @@ row() { printf '%-36s %9s  %-20s %9s %8s %9s  %s\n' "$@"; }
 row "job" "zxblk s" "peer" "peer s" "ratio" "target" "result"
 for j in "${jobs[@]}"; do
     rt=$(ratio "${best_z[$j]}" "${best_p[$j]}")
-    if [ "$j" = chain ]; then
-        row "${label[$j]}" "${best_z[$j]}" "${peer_name[$j]}" "${best_p[$j]}" "$rt" "<= 1.3x" "$(verdict "${rt%x}" "<=" 1.3)"
-    elif [ "$j" = sparse2t ]; then
-        row "${label[$j]}" "${best_z[$j]}" "${peer_name[$j]}" "${best_p[$j]}" "$rt" "<= 1.5x" "$(verdict "${rt%x}" "<=" 1.5)"
-    elif [ "$j" = empty2t ]; then
-        row "${label[$j]}" "${best_z[$j]}" "${peer_name[$j]}" "${best_p[$j]}" "$rt" "< 0.1 s" "$(verdict "${best_z[$j]}" "<" 0.1)"
-    elif [ "$j" = sums ]; then
-        row "${label[$j]}" "${best_z[$j]}" "${peer_name[$j]}" "${best_p[$j]}" "$rt" "< 1.1x" "$(verdict "${rt%x}" "<" 1.1)"
-    else
-        row "${label[$j]}" "${best_z[$j]}" "${peer_name[$j]}" "${best_p[$j]}" "$rt" "-" "-"
-    fi
+    case $j in
+        chain) target="<= 1.3x" result=$(verdict "${rt%x}" "<=" 1.3) ;;
+        sparse2t) target="<= 1.5x" result=$(verdict "${rt%x}" "<=" 1.5) ;;
+        empty2t) target="< 0.1 s" result=$(verdict "${best_z[$j]}" "<" 0.1) ;;
+        sums) target="< 1.1x" result=$(verdict "${rt%x}" "<" 1.1) ;;
+        *) target=- result=- ;;
+    esac
+    row "${label[$j]}" "${best_z[$j]}" "${peer_name[$j]}" "${best_p[$j]}" "$rt" "$target" "$result"
 done
 
 extent=$("$zxblk" list --store "$store" --json | python3 -c 'import json, sys; print(next(d["extentSize"] for d in json.load(sys.stdin)["disks"] if d["name"] == "empty2t"))')

@@ -135,7 +135,8 @@ replay() {
     esac
     "$bin" "$work/store" fs "$work/trace" "$work/cache.$((n += 1))" "${extra[@]}" >"$work/$1.out" || die "replay ($1) failed"
 }
-field() { tr ' ' '\n' <"$work/$1.out" | awk -F= -v k="$2" '$1 == k { print $2 }'; }
+# value_of KEY: the value of KEY=VALUE in the line of replay_reads on standard input.
+value_of() { tr ' ' '\n' | awk -F= -v k="$1" '$1 == k { print $2 }'; }
 kinds=(default off)
 [ -n "$baseline" ] && kinds+=(baseline)
 declare -A best worst_ratio line
@@ -146,8 +147,8 @@ for ((r = 1; r <= rounds; r++)); do
     round_start=$EPOCHREALTIME
     for k in "${kinds[@]}"; do
         replay "$k"
-        best[$k]=$(min_of "${best[$k]:-}" "$(field "$k" seconds)")
-        ratio_now=$(field "$k" ratio)
+        best[$k]=$(min_of "${best[$k]:-}" "$(value_of seconds <"$work/$k.out")")
+        ratio_now=$(value_of ratio <"$work/$k.out")
         if [ -z "${worst_ratio[$k]:-}" ] || awk -v a="$ratio_now" -v b="${worst_ratio[$k]}" 'BEGIN { exit !(a > b) }'; then
             worst_ratio[$k]=$ratio_now line[$k]=$(cat "$work/$k.out")
         fi
@@ -162,7 +163,7 @@ echo "device over nbdfuse was mounted read-only, its $files files stat'ed and $p
 echo "replayed one read at a time against Disk::read, each run on a new cache; $(rounds_note "$done_rounds"), extent counts of the worst run"
 printf '%-34s %8s %8s %10s %7s %7s %9s  %s\n' "run" "touched" "recalled" "read ahead" "unused" "ratio" "seconds" "target: ratio <= 1.3x"
 for k in "${kinds[@]}"; do
-    f() { tr ' ' '\n' <<<"${line[$k]}" | awk -F= -v k="$1" '$1 == k { print $2 }'; }
+    f() { value_of "$1" <<<"${line[$k]}"; }
     case $k in
         default) what="readahead 16 MiB (the default)" ;;
         off) what="readahead off" ;;
