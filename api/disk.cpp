@@ -35,9 +35,6 @@ Disk Store::openDisk(const std::string& name, const DiskOptions& options) const 
         impl->client = m_impl->clientOf(record);
         impl->store = m_impl;
         impl->services = m_impl->openServices();
-        // Every snapshot the disk reads from is opened before its first read.
-        impl->services->openChain(record, options.snapshot < 0 ? static_cast<int>(record.copies.size()) - 1
-                                                               : options.snapshot);
         HostOptions o;
         o.disk = name;
         // A recall from a store a network away mostly waits for it: more of

@@ -58,6 +58,9 @@ DiskHost::DiskHost(std::shared_ptr<StoreServices> services, const HostOptions& o
                                                            : options.cacheDir,
                                   identity, cacheOptions));
 
+    // Every snapshot the disk reads from is opened before its first read,
+    // all at once.
+    m_services->openChain(*record, m_snapshot);
     m_pool.reset(new DiskPool(*m_services, *record, m_snapshot, *m_cache, options.diskObjects, options.flushThreshold));
     // Readahead never asks for more than a quarter of what the cache holds:
     // in a cache of a few extents it would only push out what readers use.
