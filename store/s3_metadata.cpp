@@ -50,7 +50,7 @@ std::string S3MetadataCache::fileOf(const std::string& key) const {
     return m_dir + "/" + sumText(xxh3(key.data(), key.size()));
 }
 
-std::optional<S3MetadataCache::Entry> S3MetadataCache::get(const std::string& key) {
+std::optional<S3MetadataCache::Entry> S3MetadataCache::get(const std::string& key, bool inMemory) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         auto it = m_memory.find(key);
@@ -73,20 +73,22 @@ std::optional<S3MetadataCache::Entry> S3MetadataCache::get(const std::string& ke
     }
     e.bytes = text.substr(at);
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_memoryBytes + e.bytes.size() <= kMostInMemory) {
+    if (inMemory && m_memoryBytes + e.bytes.size() <= kMostInMemory) {
         m_memoryBytes += e.bytes.size();
         m_memory[key] = e;
     }
     return e;
 }
 
-void S3MetadataCache::put(const std::string& key, const std::string& version, const std::string& bytes) {
+void S3MetadataCache::put(const std::string& key, const std::string& version, const std::string& bytes,
+                          bool inMemory) {
+    inMemory = inMemory || m_dir.empty();  // where there is no disk, memory is all there is
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         auto it = m_memory.find(key);
         if (it != m_memory.end()) m_memoryBytes -= it->second.bytes.size(), m_memory.erase(it);
-        if (m_memoryBytes + bytes.size() > kMostInMemory) m_memory.clear(), m_memoryBytes = 0;
-        if (bytes.size() <= kMostInMemory) {
+        if (inMemory && m_memoryBytes + bytes.size() > kMostInMemory) m_memory.clear(), m_memoryBytes = 0;
+        if (inMemory && bytes.size() <= kMostInMemory) {
             m_memoryBytes += bytes.size();
             m_memory[key] = Entry{version, bytes};
         }

@@ -28,11 +28,14 @@ public:
         std::string version;  // the object's ETag when it was read
         std::string bytes;
     };
-    // What is kept under `key`, if anything sound is.
-    std::optional<Entry> get(const std::string& key);
+    // What is kept under `key`, if anything sound is; `inMemory` false
+    // leaves what is read from disk out of memory (see put()).
+    std::optional<Entry> get(const std::string& key, bool inMemory = true);
     // Keeps `bytes` under `key`, replacing what was there. A cache that
     // cannot be written is no error: the next open asks the store again.
-    void put(const std::string& key, const std::string& version, const std::string& bytes);
+    // `inMemory` false keeps them on disk only (a cache with a folder), for
+    // entries their reader keeps in memory itself as long as it needs them.
+    void put(const std::string& key, const std::string& version, const std::string& bytes, bool inMemory = true);
 
     const std::string& dir() const { return m_dir; }
 

@@ -3,12 +3,10 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include <xxhash.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -365,80 +363,6 @@ bool VhdImage::holdsAny(uint64_t offset, uint64_t length) const {
     for (const Piece& p : pieces(offset, length))
         if (p.fileOffset >= 0) return true;
     return false;
-}
-
-uint64_t xxh3(const void* data, size_t length) { return XXH3_64bits(data, length); }
-
-std::string sumText(uint64_t sum) {
-    char text[17];
-    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(sum));
-    return text;
-}
-
-namespace {
-
-const size_t kSumsHeader = 36;  // up to the snapshot file's name
-const size_t kSumsEntry = 24;
-
-void putLe(std::string& out, uint64_t v, int bytes) {
-    for (int i = 0; i < bytes; ++i) out += static_cast<char>(v >> (8 * i));
-}
-
-uint64_t getLe(const uint8_t* p, int bytes) {
-    uint64_t v = 0;
-    for (int i = bytes - 1; i >= 0; --i) v = v << 8 | p[i];
-    return v;
-}
-
-}  // namespace
-
-std::string BlockSums::serialize() const {
-    std::string out = "ZXBLKSUM";
-    putLe(out, kVersion, 4);
-    putLe(out, unitBytes, 4);
-    putLe(out, units, 8);
-    putLe(out, entries.size(), 8);
-    putLe(out, fileName.size(), 4);
-    out += fileName;
-    for (const Entry& e : entries) {
-        putLe(out, e.unit, 8);
-        putLe(out, e.sum.data, 8);
-        putLe(out, e.sum.bitmap, 8);
-    }
-    return out;
-}
-
-BlockSums BlockSums::parse(const std::string& bytes, const std::string& source) {
-    auto fail = [&](const std::string& field, const std::string& why) {
-        throw StoreError(ErrorKind::corruption, source + ": " + field + ": " + why);
-    };
-    const uint8_t* p = reinterpret_cast<const uint8_t*>(bytes.data());
-    if (bytes.size() < kSumsHeader || std::memcmp(p, "ZXBLKSUM", 8) != 0) fail("header", "not a checksum file");
-    if (getLe(p + 8, 4) != kVersion) fail("version", std::to_string(getLe(p + 8, 4)) + " is not " + std::to_string(kVersion));
-    BlockSums s;
-    s.unitBytes = static_cast<uint32_t>(getLe(p + 12, 4));
-    s.units = getLe(p + 16, 8);
-    uint64_t count = getLe(p + 24, 8), nameLength = getLe(p + 32, 4);
-    if (nameLength > bytes.size() - kSumsHeader) fail("file name", "runs past the end of the file");
-    s.fileName = bytes.substr(kSumsHeader, nameLength);
-    size_t rest = bytes.size() - kSumsHeader - nameLength;
-    if (count > s.units || rest % kSumsEntry || rest / kSumsEntry != count)
-        fail("entries", std::to_string(count) + " entries of " + std::to_string(s.units) + " blocks do not fill the " +
-                            std::to_string(rest) + " bytes after the header");
-    s.entries.reserve(count);
-    for (const uint8_t* e = p + kSumsHeader + nameLength; e < p + bytes.size(); e += kSumsEntry) {
-        Entry entry{getLe(e, 8), {getLe(e + 8, 8), getLe(e + 16, 8)}};
-        if (entry.unit >= s.units || (!s.entries.empty() && entry.unit <= s.entries.back().unit))
-            fail("entry " + std::to_string(s.entries.size()),
-                 "block " + std::to_string(entry.unit) + " is out of order or past the last block");
-        s.entries.push_back(entry);
-    }
-    return s;
-}
-
-const BlockSums::Entry* BlockSums::entry(uint64_t unit) const {
-    auto it = std::lower_bound(entries.begin(), entries.end(), unit, [](const Entry& e, uint64_t u) { return e.unit < u; });
-    return it != entries.end() && it->unit == unit ? &*it : nullptr;
 }
 
 uint32_t VhdImage::sumUnitBytes() const {

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "store/block_sums.h"
 #include "store/storage.h"
 #include "store/store_error.h"
 
@@ -34,40 +35,6 @@ struct Piece {
     int64_t fileOffset;
     uint64_t block;
 };
-
-// XXH3 of the bytes of one unit of a snapshot: a VHD block's data and its
-// sector bitmap, or a chunk of a fixed VHD or raw image (no bitmap: 0).
-struct UnitSum {
-    uint64_t data = 0, bitmap = 0;
-    bool operator==(const UnitSum& o) const { return data == o.data && bitmap == o.bitmap; }
-};
-
-// The checksums recorded for one snapshot file at import, kept beside it in
-// a side file, since VHD keeps none of its data. The side file, all numbers
-// little-endian:
-//   "ZXBLKSUM", u32 version (1), u32 unit bytes, u64 units of the image,
-//   u64 entries, u32 length of the snapshot file's name, the name,
-//   then per allocated unit in rising order: u64 unit, u64 data sum, u64 bitmap sum.
-struct BlockSums {
-    static constexpr uint32_t kVersion = 1;
-    struct Entry {
-        uint64_t unit;
-        UnitSum sum;
-    };
-    std::string fileName;  // of the snapshot file, without its folder
-    uint32_t unitBytes = 0;
-    uint64_t units = 0;
-    std::vector<Entry> entries;
-
-    std::string serialize() const;
-    // Checks the layout; `source` names the side file in errors. Throws StoreError.
-    static BlockSums parse(const std::string& bytes, const std::string& source);
-    const Entry* entry(uint64_t unit) const;  // null when none is recorded
-};
-
-// XXH3 (64 bits) of a byte range; also what the catalog keeps of a side file.
-uint64_t xxh3(const void* data, size_t length);
-std::string sumText(uint64_t sum);  // 16 hex digits
 
 // One unit of a snapshot file as read whole: a VHD block's sector bitmap
 // (none for raw and fixed) followed by its data.
