@@ -1,11 +1,14 @@
 // The checks that tell a snapshot file is still the one the catalog
-// records, and the recall metadata strings the restore service is given.
+// records, how its checksum side file is fetched, and the recall metadata
+// strings the restore service is given.
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <future>
+#include <set>
 
 #include "platform/Log.h"
+#include "store/s3_metadata.h"
 #include "store/storage.h"
 #include "store/store_services.h"
 
@@ -102,6 +105,19 @@ std::string fetchBlockSums(const Storage& storage, const CopyRecord& copy, uint6
     return bytes;
 }
 
+// The side file's header must name this snapshot file and its units.
+void checkSumsHeader(const BlockSums& sums, const std::string& path, const CopyRecord& copy, const VhdImage& img) {
+    std::string base = copy.file.substr(copy.file.rfind('/') + 1);
+    if (sums.fileName != base)
+        throw StoreError(ErrorKind::corruption,
+                         path + ": file name: holds the checksums of " + sums.fileName + ", not " + base);
+    if (sums.unitBytes != img.sumUnitBytes() || sums.units != img.sumUnits())
+        throw StoreError(ErrorKind::corruption, path + ": block size: " + std::to_string(sums.units) + " blocks of " +
+                                                    std::to_string(sums.unitBytes) + " bytes, but " + img.path() +
+                                                    " has " + std::to_string(img.sumUnits()) + " of " +
+                                                    std::to_string(img.sumUnitBytes()));
+}
+
 std::shared_ptr<const BlockSums> checkBlockSums(const std::string& bytes, const std::string& path, const CopyRecord& copy,
                                                 const VhdImage& img) {
     if (bytes.size() > sumsAtMost(img.sumUnits()))
@@ -112,15 +128,7 @@ std::shared_ptr<const BlockSums> checkBlockSums(const std::string& bytes, const 
         throw StoreError(ErrorKind::corruption,
                          path + ": checksum: the catalog records " + copy.sumsChecksum + ", the file has " + found);
     auto sums = std::make_shared<BlockSums>(BlockSums::parse(bytes, path));
-    std::string base = copy.file.substr(copy.file.rfind('/') + 1);
-    if (sums->fileName != base)
-        throw StoreError(ErrorKind::corruption,
-                         path + ": file name: holds the checksums of " + sums->fileName + ", not " + base);
-    if (sums->unitBytes != img.sumUnitBytes() || sums->units != img.sumUnits())
-        throw StoreError(ErrorKind::corruption, path + ": block size: " + std::to_string(sums->units) + " blocks of " +
-                                                    std::to_string(sums->unitBytes) + " bytes, but " + img.path() +
-                                                    " has " + std::to_string(img.sumUnits()) + " of " +
-                                                    std::to_string(img.sumUnitBytes()));
+    checkSumsHeader(*sums, path, copy, img);
     return sums;
 }
 
@@ -145,6 +153,147 @@ OpenHints openHints(const DiskRecord& disk, const CopyRecord& copy) {
     return hints;
 }
 
+// Up to this size a side file is fetched whole, beside the image's open, and
+// checked against the catalog's checksum of it: a GET of 256 KiB arrives
+// within a round trip or two of a link of 1 Gbit/s or more, and brings the
+// checksum of the whole file. A larger one on a store a network away grows
+// with the disk (24 MiB for 2 TB of 2 MiB blocks) while a range of it stays
+// one request: it is read a range at a time (SumsRanges).
+const uint64_t kWholeSumsBytes = 256 << 10;
+
+// The side file's size as far as the catalog tells before the image is
+// open: one entry per unit, of 2 MiB (the usual block size), that the file
+// can hold.
+uint64_t sumsEstimate(const DiskRecord& disk, const CopyRecord& copy) {
+    const uint64_t unit = VhdImage::kSumChunk, units = (disk.size + unit - 1) / unit;
+    const bool flat = copy.type == kTypeRaw || copy.type == kTypeFixed;
+    return BlockSums::kHeaderBytes + copy.file.size() +
+           BlockSums::kEntryBytes * (flat ? units : std::min(units, copy.fileSize / (unit + 512)));
+}
+
+// A side file on a store a network away, read a range at a time through a
+// reader opened when first needed, and kept in the host's metadata cache
+// under its name and the checksum the catalog records of it. That checksum
+// settles what the file holds: what was kept for it is good whatever became
+// of the object since, and a second open on this host asks the store for
+// none of what the first one read.
+class SideFile : public SumsSource {
+public:
+    SideFile(const Storage& storage, const CopyRecord& copy, std::shared_ptr<S3MetadataCache> kept)
+        : m_storage(storage),
+          m_name(copy.sums),
+          m_path(storage.describe(copy.sums)),
+          m_version(copy.sumsChecksum),
+          m_nameBytes(copy.file.size() - copy.file.rfind('/') - 1),
+          m_kept(std::move(kept)) {
+        if (m_kept) {
+            auto e = m_kept->get(key("head"), false);
+            if (e && e->version == m_version) {
+                m_header = e->bytes;
+                m_headerKept = true;
+                return;
+            }
+        }
+        // Asked for beside the image's open: the header and, in the same
+        // GET, the first range, which a disk's first recall (its partition
+        // table) usually needs.
+        m_fetching = std::async(std::launch::async, [this] { return fetchHead(); });
+    }
+    ~SideFile() override {
+        if (m_fetching.valid()) m_fetching.wait();  // it uses this object
+    }
+
+    // The side file's first bytes, up to the end of the name; asked for
+    // once, by the image's loader of its sums. Throws StoreError.
+    std::string header() {
+        if (!m_headerKept) m_header = m_fetching.get();
+        return m_header;
+    }
+    // The header was found to be this snapshot file's.
+    void keepHeader() {
+        if (m_kept && !m_headerKept) m_kept->put(key("head"), m_version, m_header, false);
+    }
+
+    std::string read(uint64_t offset, uint64_t length) override {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_early.first == offset && m_early.second.size() >= length) {
+                std::string bytes = m_early.second.substr(0, length);
+                m_early = {};
+                return bytes;
+            }
+        }
+        if (m_kept) {
+            auto e = m_kept->get(key(std::to_string(offset)), false);
+            if (e && e->version == m_version && e->bytes.size() == length) {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_fromKept.insert(offset);
+                return e->bytes;
+            }
+        }
+        std::string bytes(length, '\0');
+        reader().readAt(offset, &bytes[0], length);
+        return bytes;
+    }
+    void sound(uint64_t offset, const std::string& bytes) override {
+        if (!m_kept) return;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_fromKept.erase(offset)) return;
+        }
+        m_kept->put(key(std::to_string(offset)), m_version, bytes, false);
+    }
+
+private:
+    std::string key(const std::string& what) const { return "checksums " + m_name + " " + what; }
+    const ObjectReader& reader() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_reader) m_reader = m_storage.openReader(m_name);
+        return *m_reader;
+    }
+    std::string fetchHead() {
+        const ObjectReader& r = reader();
+        const uint64_t want = BlockSums::kHeaderBytes + m_nameBytes + SumsRanges::kRangeEntries * BlockSums::kEntryBytes;
+        std::string bytes(static_cast<size_t>(std::min(want, r.size())), '\0');
+        r.readAt(0, &bytes[0], bytes.size());
+        uint64_t count = 0, at = 0;
+        BlockSums::parseHeader(bytes, m_path, count, at);
+        if (r.size() != at + count * BlockSums::kEntryBytes)
+            throw StoreError(ErrorKind::corruption, m_path + ": size: " + std::to_string(r.size()) + " bytes, not the " +
+                                                        std::to_string(at + count * BlockSums::kEntryBytes) +
+                                                        " of its header and " + std::to_string(count) + " entries");
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_early = {at, bytes.substr(static_cast<size_t>(at))};
+        return bytes.substr(0, static_cast<size_t>(at));
+    }
+
+    const Storage& m_storage;  // outlives the images opened from it
+    const std::string m_name, m_path, m_version;
+    const uint64_t m_nameBytes;  // the length of the name it must hold
+    const std::shared_ptr<S3MetadataCache> m_kept;
+    std::string m_header;
+    bool m_headerKept = false;
+    std::mutex m_mutex;
+    std::unique_ptr<ObjectReader> m_reader;
+    std::pair<uint64_t, std::string> m_early;  // entries that came with the header, until read
+    std::set<uint64_t> m_fromKept;             // ranges taken from the cache, not to be put back
+    std::future<std::string> m_fetching;
+};
+
+// The sums of a snapshot file read by ranges through `side`: one entry per
+// unit the file holds, as an import writes them.
+std::shared_ptr<const BlockSums> rangedSums(const std::shared_ptr<SideFile>& side, const std::string& path,
+                                            const CopyRecord& copy, const VhdImage& img) {
+    const std::string header = side->header();
+    uint64_t count = 0, at = 0;
+    checkSumsHeader(BlockSums::parseHeader(header, path, count, at), path, copy, img);
+    std::vector<uint64_t> held;
+    for (uint64_t u = img.nextHeldUnit(0); u < img.sumUnits(); u = img.nextHeldUnit(u + 1)) held.push_back(u);
+    auto sums = SumsRanges::open(header, path, held, side);
+    side->keepHeader();
+    return sums;
+}
+
 }  // namespace
 
 std::shared_ptr<const BlockSums> loadBlockSums(const Storage& storage, const CopyRecord& copy, const VhdImage& img) {
@@ -152,13 +301,19 @@ std::shared_ptr<const BlockSums> loadBlockSums(const Storage& storage, const Cop
     return checkBlockSums(fetchBlockSums(storage, copy, img.sumUnits()), storage.describe(copy.sums), copy, img);
 }
 
-std::shared_ptr<VhdImage> openCopyImage(const Storage& storage, const DiskRecord& disk, size_t index) {
+std::shared_ptr<VhdImage> openCopyImage(const Storage& storage, const DiskRecord& disk, size_t index,
+                                        const std::shared_ptr<S3MetadataCache>& kept) {
     const CopyRecord& copy = disk.copies.at(index);
+    const std::string path = storage.describe(copy.sums);
     // The side file is fetched while the image opens, so a store a network
     // away is asked for both in one round trip; a bad one fails the recalls
     // of this file, not the lookups that tell which copy holds an extent.
+    // A folder's is read whole: a local read gains nothing by ranges.
     std::shared_future<std::string> sumsBytes;
-    if (!copy.sums.empty())
+    std::shared_ptr<SideFile> side;
+    if (!copy.sums.empty() && storage.remote() && sumsEstimate(disk, copy) > kWholeSumsBytes)
+        side = std::make_shared<SideFile>(storage, copy, kept);
+    else if (!copy.sums.empty())
         // The image is not open yet: a unit per sector of the file bounds it.
         sumsBytes = std::async(std::launch::async, [&storage, copy] {
                         return fetchBlockSums(storage, copy, copy.fileSize / 512 + 1);
@@ -167,11 +322,11 @@ std::shared_ptr<VhdImage> openCopyImage(const Storage& storage, const DiskRecord
                                                          copy.type == kTypeRaw, disk.size));
     checkAgainstRecord(*img, disk, index);
     if (!img->note().empty()) LogSink::write(0, "store", img->path() + ": " + img->note());
-    if (sumsBytes.valid()) {
-        const VhdImage* self = img.get();
-        const std::string path = storage.describe(copy.sums);
+    const VhdImage* self = img.get();
+    if (sumsBytes.valid())
         img->attachSumsLater([sumsBytes, copy, self, path] { return checkBlockSums(sumsBytes.get(), path, copy, *self); });
-    }
+    if (side)
+        img->attachSumsLater([side, copy, self, path] { return rangedSums(side, path, copy, *self); });
     return img;
 }
 

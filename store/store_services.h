@@ -22,6 +22,8 @@
 
 namespace zxblk {
 
+class S3MetadataCache;
+
 struct RestoreStats {
     uint64_t jobs = 0;       // recalls completed, failed or not
     uint64_t failures = 0;   // recalls that completed with an error
@@ -153,8 +155,11 @@ private:
 std::shared_ptr<const BlockSums> loadBlockSums(const Storage& storage, const CopyRecord& copy, const VhdImage& img);
 // Opens snapshot `index` of the disk, checks the file against its catalog
 // record and attaches its checksums (or why they cannot be used, which then
-// fails every verification). Throws StoreError.
-std::shared_ptr<VhdImage> openCopyImage(const Storage& storage, const DiskRecord& disk, size_t index);
+// fails every verification). A large side file on a store a network away is
+// read a range at a time as recalls need them, and what is read of it is
+// kept in `kept`, when given, for the next open. Throws StoreError.
+std::shared_ptr<VhdImage> openCopyImage(const Storage& storage, const DiskRecord& disk, size_t index,
+                                        const std::shared_ptr<S3MetadataCache>& kept = nullptr);
 
 // Parts of a recall metadata string "1:2:0:<afid>:<pos>:1:<len>:<path>".
 struct RecallMetadata {
