@@ -169,6 +169,9 @@ DiskStats Disk::stats() {
         s.storeGets = h.storage.gets;
         s.storeGetBytes = h.storage.getBytes;
         s.storeRetries = h.storage.retries;
+        s.storeRttSeconds = h.storage.rttSeconds;
+        s.storeBytesPerSecond = h.storage.bytesPerSecond;
+        s.storeHeldPeak = h.storage.heldPeak;
         return s;
     });
 }

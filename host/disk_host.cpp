@@ -231,6 +231,9 @@ std::string DiskHost::statsText() const {
         line("store_gets", h.storage.gets);
         line("store_get_bytes", h.storage.getBytes);
         line("store_retries", h.storage.retries);
+        line("store_rtt_us", static_cast<uint64_t>(h.storage.rttSeconds * 1e6));
+        line("store_bytes_per_second", static_cast<uint64_t>(h.storage.bytesPerSecond));
+        line("store_held_peak", h.storage.heldPeak);
     }
     return out;
 }

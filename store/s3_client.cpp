@@ -497,4 +497,6 @@ void S3Client::createBucket() {
 
 S3Stats S3Client::stats() const { return s_->counters.snapshot(); }
 
+LinkGauge::Figures S3Client::link() const { return s_->transport->link(); }
+
 }  // namespace zxblk

@@ -105,6 +105,8 @@ public:
     void createBucket();
 
     S3Stats stats() const;
+    // What the replies of GETs on this client's endpoint tell of the link.
+    LinkGauge::Figures link() const;
 
     struct State;
 

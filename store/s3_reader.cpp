@@ -8,10 +8,12 @@
 
 namespace zxblk {
 
-S3Reader::S3Reader(std::shared_ptr<S3Client> client, std::shared_ptr<S3MetadataCache> cache, std::string key,
-                   std::string url, std::string etag, uint64_t size, Stretches opening, bool saved)
+S3Reader::S3Reader(std::shared_ptr<S3Client> client, std::shared_ptr<S3MetadataCache> cache,
+                   std::shared_ptr<FetchBudget> budget, std::string key, std::string url, std::string etag,
+                   uint64_t size, Stretches opening, bool saved)
     : m_client(std::move(client)),
       m_cache(std::move(cache)),
+      m_budget(std::move(budget)),
       m_key(std::move(key)),
       m_url(std::move(url)),
       m_etag(std::move(etag)),
@@ -28,7 +30,7 @@ bool S3Reader::fromKept(uint64_t offset, void* buffer, size_t length) const {
         }
     for (auto it = m_kept.begin(); it != m_kept.end(); ++it)
         if ((*it)->holds(offset, length)) {
-            std::memcpy(buffer, (*it)->bytes.data() + (offset - (*it)->offset), length);
+            std::memcpy(buffer, (*it)->bytes.get() + (offset - (*it)->offset), length);
             m_kept.splice(m_kept.begin(), m_kept, it);
             return true;
         }
@@ -39,22 +41,40 @@ uint64_t S3Reader::fetchEnd(uint64_t offset, uint64_t length) const {
     // A read that begins where another ended is a reader going through the
     // object in order: what follows is fetched with it, in one GET.
     bool inOrder = offset == m_lastEnd;
-    uint64_t coming = 0, nextComing = UINT64_MAX;
+    uint64_t nextComing = UINT64_MAX;
     for (const StretchPtr& s : m_fetching) {
         inOrder = inOrder || s->end() == offset;
-        coming += s->bytes.size();
         if (s->offset >= offset + length) nextComing = std::min(nextComing, s->offset);
     }
     for (const StretchPtr& s : m_kept) inOrder = inOrder || s->end() == offset;
-    // Reads of one object are mostly of one size (a block and its bitmap):
-    // whole multiples of it, so that the next read finds all its bytes in
-    // one stretch rather than half of them; and only as far as what is on
-    // its way leaves room in kKeptBytes, so that memory stays bounded.
     uint64_t end = offset + length;
-    const uint64_t room = coming < kKeptBytes ? std::min(kFollowOn, kKeptBytes - coming) : 0;
-    if (inOrder && room >= 2 * length) end = std::min(m_stamp.size, offset + room / length * length);
+    if (inOrder) {
+        // As far as the link wants in flight, and the store's readers have
+        // room for once this reader's older stretches make way; in whole
+        // multiples of the read (reads of one object are mostly of one
+        // size, a block and its bitmap), so that the next read finds all
+        // its bytes in one stretch rather than half of them.
+        uint64_t ahead = std::min(kFollowOn, m_client->link().inFlight);
+        makeRoom(ahead);
+        ahead = std::min(ahead, m_budget->room());
+        if (ahead >= 2 * length) end = std::min(m_stamp.size, offset + ahead / length * length);
+    }
     // ...but not what is on its way already.
     return std::min(end, std::max(offset + length, nextComing));
+}
+
+void S3Reader::makeRoom(uint64_t coming) const {
+    while (m_kept.size() > 1 && m_budget->held() + coming > FetchBudget::kBytes) {
+        m_budget->give(m_kept.back()->size);
+        m_kept.pop_back();
+    }
+}
+
+S3Reader::StretchPtr S3Reader::fetching(uint64_t offset, uint64_t length) const {
+    auto s = std::make_shared<Stretch>(offset, length);
+    m_budget->take(length);
+    m_fetching.push_back(s);
+    return s;
 }
 
 void S3Reader::readAt(uint64_t offset, void* buffer, size_t length) const {
@@ -82,11 +102,9 @@ void S3Reader::readAt(uint64_t offset, void* buffer, size_t length) const {
         if (!m_saved) m_opening.emplace_back(offset, std::string(static_cast<const char*>(buffer), length));
         return;
     }
-    auto s = std::make_shared<Stretch>();
-    s->offset = offset;
-    s->bytes.resize(static_cast<size_t>(fetchEnd(offset, length) - offset));
+    const uint64_t end = fetchEnd(offset, length);
+    StretchPtr s = fetching(offset, end - offset);
     m_lastEnd = offset + length;
-    m_fetching.push_back(s);
     std::exception_ptr failed;
     try {
         fetch(s, lock);
@@ -94,27 +112,25 @@ void S3Reader::readAt(uint64_t offset, void* buffer, size_t length) const {
         failed = std::current_exception();
     }
     if (failed) std::rethrow_exception(failed);
-    std::memcpy(buffer, s->bytes.data(), length);
+    std::memcpy(buffer, s->bytes.get(), length);
 }
 
 void S3Reader::fetch(const StretchPtr& s, std::unique_lock<std::mutex>& lock) const {
     lock.unlock();
     std::exception_ptr failed;
     try {
-        m_client->getRange(m_key, s->offset, s->bytes.size(), s->bytes.data(), m_etag);
+        m_client->getRange(m_key, s->offset, s->size, s->bytes.get(), m_etag);
     } catch (...) {
         failed = std::current_exception();
     }
     lock.lock();
     m_fetching.erase(std::find(m_fetching.begin(), m_fetching.end(), s));
     s->done = true;
-    if (!failed) {
+    if (failed) {
+        m_budget->give(s->size);
+    } else {
         m_kept.push_front(s);
-        m_keptBytes += s->bytes.size();
-        while (m_keptBytes > kKeptBytes && m_kept.size() > 1) {
-            m_keptBytes -= m_kept.back()->bytes.size();
-            m_kept.pop_back();
-        }
+        makeRoom(0);
     }
     m_fetched.notify_all();
     if (failed) std::rethrow_exception(failed);
@@ -134,10 +150,10 @@ void S3Reader::prefetch(uint64_t offset, uint64_t length) const {
                                       }),
                        m_prefetches.end());
     if (m_prefetches.size() >= kMostPrefetches) return;
-    auto s = std::make_shared<Stretch>();
-    s->offset = offset;
-    s->bytes.resize(static_cast<size_t>(length));
-    m_fetching.push_back(s);
+    // Fetched ahead only where the store's readers have room for it.
+    makeRoom(length);
+    if (m_budget->room() < length) return;
+    StretchPtr s = fetching(offset, length);
     try {
         m_prefetches.push_back(std::async(std::launch::async, [this, s] {
             std::unique_lock<std::mutex> held(m_mutex);
@@ -149,6 +165,7 @@ void S3Reader::prefetch(uint64_t offset, uint64_t length) const {
         }));
     } catch (const std::system_error&) {
         m_fetching.pop_back();  // no thread to be had: the read fetches it
+        m_budget->give(length);
     }
 }
 
@@ -160,6 +177,7 @@ S3Reader::~S3Reader() {
         pending.swap(m_prefetches);
     }
     for (std::future<void>& f : pending) f.wait();
+    for (const StretchPtr& s : m_kept) m_budget->give(s->size);
 }
 
 void S3Reader::opened() const {

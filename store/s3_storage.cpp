@@ -51,7 +51,8 @@ public:
         : Storage(location),
           m_where(where),
           m_client(std::make_shared<S3Client>(S3Config::fromEnvironment(), where.bucket, connections)),
-          m_cache(std::make_shared<S3MetadataCache>(metadataDir)) {}
+          m_cache(std::make_shared<S3MetadataCache>(metadataDir)),
+          m_budget(std::make_shared<FetchBudget>()) {}
 
     bool remote() const override { return true; }
 
@@ -147,6 +148,9 @@ public:
         S3Stats s = m_client->stats();
         StorageStats out;
         out.gets = s.gets, out.getBytes = s.getBytes, out.puts = s.puts, out.putBytes = s.putBytes, out.retries = s.retries;
+        const LinkGauge::Figures link = m_client->link();
+        out.rttSeconds = link.rttSeconds, out.bytesPerSecond = link.bytesPerSecond;
+        out.heldPeak = m_budget->peak();
         return out;
     }
 
@@ -241,7 +245,7 @@ private:
     std::unique_ptr<ObjectReader> reader(const std::string& name, const std::string& etag, uint64_t size,
                                          Stretches opening, bool saved) const {
         return std::unique_ptr<ObjectReader>(
-            new S3Reader(m_client, m_cache, key(name), describe(name), etag, size, std::move(opening), saved));
+            new S3Reader(m_client, m_cache, m_budget, key(name), describe(name), etag, size, std::move(opening), saved));
     }
 
     // The stretches an opener reads first, each one GET, all sent at once:
@@ -291,6 +295,7 @@ private:
     S3Location m_where;
     std::shared_ptr<S3Client> m_client;
     std::shared_ptr<S3MetadataCache> m_cache;
+    std::shared_ptr<FetchBudget> m_budget;
 };
 
 // An import's snapshot files go up as the import reads them, in parts,

@@ -90,7 +90,15 @@ struct Transfer {
     S3Reply* reply;
     size_t sent = 0;
     bool overflow = false;
+    // A GET whose body measures the link: when its first byte came, and
+    // what the gauge had counted then.
+    LinkGauge* gauge = nullptr;
+    bool flowing = false;
+    Clock::time_point first;
+    uint64_t mark = 0;
 };
+
+double clockSeconds(Clock::time_point t) { return std::chrono::duration<double>(t.time_since_epoch()).count(); }
 
 size_t onHeader(char* data, size_t size, size_t count, void* user) {
     auto* t = static_cast<Transfer*>(user);
@@ -120,6 +128,14 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
         }
         std::memcpy(t->call->into + r.received, data, n);
         r.received += n;
+        if (t->gauge) {
+            if (!t->flowing) {
+                t->flowing = true;
+                t->first = Clock::now();
+                t->mark = t->gauge->arrivedSoFar();
+            }
+            t->gauge->arrived(n);
+        }
         return n;
     }
     if (!success && r.body.size() >= kMaxErrorBody) return n;
@@ -216,6 +232,7 @@ struct S3Transport::State {
     std::string sigv4;
     std::mutex poolLock;
     std::vector<CURL*> idle;
+    LinkGauge gauge;
 
     ~State() {
         for (CURL* h : idle) curl_easy_cleanup(h);
@@ -345,7 +362,12 @@ S3Reply S3Transport::perform(const S3Request& c) {
         r.attempts = n;
         Transfer t{&c, &r};
         std::string why;
+        // A GET into a buffer is a read of the data: its reply measures the link.
+        if (c.kind == S3Kind::get && c.into) t.gauge = &s_->gauge;
+        const auto sent = Clock::now();
         CURLcode rc = s_->attempt(c, url, headers, timeoutMs, t, why);
+        if (t.flowing && rc == CURLE_OK)
+            s_->gauge.replied(clockSeconds(sent), clockSeconds(t.first), t.mark, r.received, clockSeconds(Clock::now()));
         bool transient;
         if (rc != CURLE_OK) {
             if (t.overflow)
@@ -385,6 +407,8 @@ S3Reply S3Transport::perform(const S3Request& c) {
         std::this_thread::sleep_for(wait);
     }
 }
+
+LinkGauge::Figures S3Transport::link() const { return s_->gauge.figures(); }
 
 std::shared_ptr<S3Transport> S3Connections::transport(const S3Config& config) {
     Key key{withoutTrailingSlashes(config.endpoint), config.region, config.accessKey, config.secretKey,

@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "store/link_gauge.h"
 #include "store/s3_config.h"
 
 namespace zxblk {
@@ -102,6 +103,8 @@ public:
     // back), and returns the reply; throws StoreError otherwise. Thread-safe:
     // calls run at once, each on a connection of its own.
     S3Reply perform(const S3Request& request);
+    // What the GETs laid into a buffer tell of the link to the endpoint.
+    LinkGauge::Figures link() const;
 
     struct State;
 

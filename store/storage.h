@@ -75,6 +75,11 @@ struct ObjectInfo {
 // Counters of what the storage did, for the statistics of a disk.
 struct StorageStats {
     uint64_t gets = 0, getBytes = 0, puts = 0, putBytes = 0, retries = 0;
+    // A store a network away: the link as its replies measured it (0: not
+    // yet), and the most bytes its readers held at once of what they
+    // fetched (kept, or on its way).
+    double rttSeconds = 0, bytesPerSecond = 0;
+    uint64_t heldPeak = 0;
 };
 
 class Storage {

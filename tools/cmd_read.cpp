@@ -162,6 +162,14 @@ void registerExportCommand(CLI::App& app) {
             nlohmann::json summary = {{"disk", args.disk},          {"snapshot", disk.snapshot()},
                                       {"out", sink.describe()},     {"bytes", total},
                                       {"extentsRecalled", recalled}, {"seconds", seconds}};
+            const DiskStats st = disk.stats();
+            if (st.remote)
+                summary["store"] = {{"gets", st.storeGets},
+                                    {"getBytes", st.storeGetBytes},
+                                    {"retries", st.storeRetries},
+                                    {"rttSeconds", st.storeRttSeconds},
+                                    {"bytesPerSecond", st.storeBytesPerSecond},
+                                    {"heldPeak", st.storeHeldPeak}};
             std::fprintf(report, "%s\n", summary.dump(2).c_str());
             return;
         }

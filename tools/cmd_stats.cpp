@@ -133,8 +133,13 @@ void registerStatsCommand(CLI::App& app) {
         for (const auto& kv : unknown) remote = remote || kv.first == "store_gets";
         if (remote) {
             uint64_t gets = take("store_gets"), bytes = take("store_get_bytes"), retries = take("store_retries");
-            std::printf("store (S3)       %s, %s, %llu %s\n", plural(gets, "GET").c_str(), humanSize(bytes).c_str(),
-                        static_cast<unsigned long long>(retries), retries == 1 ? "retry" : "retries");
+            uint64_t rttUs = take("store_rtt_us"), rate = take("store_bytes_per_second"), held = take("store_held_peak");
+            std::printf("store (S3)       %s, %s, %llu %s; at most %s held at once\n", plural(gets, "GET").c_str(),
+                        humanSize(bytes).c_str(), static_cast<unsigned long long>(retries),
+                        retries == 1 ? "retry" : "retries", humanSize(held).c_str());
+            if (rate)
+                std::printf("link             %.1f ms to the first byte, %s/s, as the replies measured it\n",
+                            rttUs / 1000.0, humanSize(rate).c_str());
         }
         for (const auto& kv : unknown)
             std::printf("%-16s %llu\n", kv.first.c_str(), static_cast<unsigned long long>(kv.second));

@@ -266,6 +266,10 @@ struct DiskStats {
     bool mountComplete = false, metadataPhase = false;
     bool remote = false;  // a store on S3: the figures below count its requests
     uint64_t storeGets = 0, storeGetBytes = 0, storeRetries = 0;
+    // The link to the store as its replies measured it (0 before any), and
+    // the most bytes fetched from it that were held in memory at once.
+    double storeRttSeconds = 0, storeBytesPerSecond = 0;
+    uint64_t storeHeldPeak = 0;
 };
 
 class LocalExtent;
