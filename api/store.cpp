@@ -27,7 +27,10 @@ Error notAStore(const std::string& path, const std::string& why) {
 // needs; a reader has nothing to read there).
 void checkIsFolderStore(const std::string& path, const Storage& storage) {
     struct stat st;
-    if (::stat(path.c_str(), &st) != 0) throw Error(path + ": " + std::strerror(errno), ErrorKind::notFound);
+    if (::stat(path.c_str(), &st) != 0) {
+        if (errno == ENOENT) throw notAStore(path, "no such folder");
+        throw Error(path + ": " + std::strerror(errno), ErrorKind::notFound);
+    }
     if (!S_ISDIR(st.st_mode)) throw notAStore(path, "not a folder");
     if (::stat(storage.describe(kCatalogName).c_str(), &st) != 0) {
         if (errno == ENOENT) throw notAStore(path, "no catalog.json");

@@ -27,7 +27,8 @@ struct Signature {
     std::string bytes2 = "";
 };
 
-const char* const kConvert = "convert it with qemu-img convert -O vpc, or import it as raw with --format raw";
+// Not "--format raw": that would import the container's own bytes as the disk.
+const char* const kConvert = "convert it to a VHD with qemu-img convert -O vpc and import that";
 
 const Signature kSignatures[] = {
     {"a VHDX image", 0, "vhdxfile", kConvert},

@@ -59,6 +59,13 @@ void checkChain(const Catalog& catalog, const std::string& diskName, const std::
     for (size_t i = 0; i < opened.size(); ++i) {
         const VhdImage& img = opened[i];
         bool first = noSnapshots && i == 0;
+        // The same file given again would otherwise be told it is not the
+        // next snapshot, which says nothing of why.
+        if (existing && img.kind() != ImageKind::Raw)
+            for (size_t n = 0; n < existing->copies.size(); ++n)
+                if (existing->copies[n].uniqueId == uniqueIdText(img.uniqueId()))
+                    throw StoreError(ErrorKind::invalidArgument, img.path() + ": already imported as snapshot " +
+                                                                     std::to_string(n) + " of disk " + diskName);
         if (img.virtualSize() != size)
             throw StoreError(ErrorKind::invalidArgument, img.path() +
                                                              ": current size: " + std::to_string(img.virtualSize()) +

@@ -33,6 +33,23 @@ namespace {
 namespace fs = std::filesystem;
 
 const char* const kMarker = ".zxblk-demo";  // what makes a folder safe to build the sample in again
+
+// How a user runs this program again: "zxblk" where that is what the
+// shell finds, else its path (after ./run.sh it is in the build tree, not
+// on PATH).
+std::string commandName() {
+    std::error_code ec;
+    const fs::path self = fs::read_symlink("/proc/self/exe", ec);
+    if (ec) return "zxblk";
+    const char* path = std::getenv("PATH");
+    std::stringstream dirs(path ? path : "");
+    for (std::string dir; std::getline(dirs, dir, ':');)
+        if (!dir.empty() && fs::equivalent(fs::path(dir) / "zxblk", self, ec)) return "zxblk";
+    const fs::path here = fs::current_path(ec);
+    const fs::path relative = ec ? fs::path() : self.lexically_relative(here);
+    if (!relative.empty() && *relative.begin() != "..") return (fs::path(".") / relative).string();
+    return self.string();
+}
 const int kFiles = 36;
 const int kChanged[] = {3, 17, 30};
 
@@ -264,11 +281,12 @@ void registerDemoCommand(CLI::App& app) {
         fs::remove_all(work, ec);
         fs::remove_all(cache, ec);
         fs::remove(mnt, ec);
+        const std::string me = commandName();
         std::printf("%s", shown("    cleaned up. The sample store stays in " + store + " (the original files in " + dir +
                                 "/files). Try:\n"
-                                "      mkdir -p /tmp/mnt && zxblk mount --store " + store + " --disk demo /tmp/mnt\n"
+                                "      mkdir -p /tmp/mnt && " + me + " mount --store " + store + " --disk demo /tmp/mnt\n"
                                 "      debugfs -R 'ls -l /data' /tmp/mnt/disk.raw; cat /tmp/mnt/.stats; fusermount3 -u /tmp/mnt\n"
-                                "      zxblk index --store " + store + " --disk demo\n")
+                                "      " + me + " index --store " + store + " --disk demo\n")
                               .c_str());
     });
 }

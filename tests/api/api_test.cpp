@@ -198,7 +198,7 @@ TEST(Api, ListingAndErrors) {
     fs::create_directories(empty);
     using Kind = zxblk::ErrorKind;
     const std::tuple<std::function<void()>, std::string, Kind> errors[] = {
-        {[&] { zxblk::Store::open(work.path + "/nowhere"); }, work.path + "/nowhere: No such file or directory",
+        {[&] { zxblk::Store::open(work.path + "/nowhere"); }, work.path + "/nowhere is not a zxblk store (no such folder)",
          Kind::notFound},
         {[&] { zxblk::Store::open(empty); }, empty + " is not a zxblk store (no catalog.json)", Kind::notFound},
         {[&] { zxblk::Disk::open(empty, "raw"); }, empty + " is not a zxblk store (no catalog.json)", Kind::notFound},

@@ -39,8 +39,13 @@ while read -r fmt name; do
   fi
   for how in auto vhd; do
     try 1 import --store "$store" --disk "d-$fmt" --format "$how" "$f"
-    grep -qF "zxblk: $f is $name; " "$work/err" && grep -qF -- "--format raw" "$work/err" ||
-      { cat "$work/err"; fail "$fmt ($how): not named as $name"; }
+    # A container is to be converted (its bytes are not the disk); an
+    # encrypted volume may be kept as it is.
+    advice="qemu-img convert -O vpc"
+    [ "$fmt" = luks ] && advice="--format raw"
+    grep -qF "zxblk: $f is $name; " "$work/err" && grep -qF -- "$advice" "$work/err" ||
+      { cat "$work/err"; fail "$fmt ($how): not named as $name, or not told to use $advice"; }
+    [ "$fmt" = luks ] || ! grep -qF -- "--format raw" "$work/err" || fail "$fmt: told to import the container as raw"
     [ "$(state)" = "$before" ] || fail "$fmt ($how): the refusal changed the store"
   done
   try 0 import --store "$store" --disk "d-$fmt" --format raw "$f"
