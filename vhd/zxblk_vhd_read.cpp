@@ -19,7 +19,11 @@ namespace {
 const char* const kReadTag = "ZxBlkVhd::readData";
 const unsigned long kRecallTimeout = 300000;
 
+// The read's own bitmaps are walked a sector at a time with their locks
+// held throughout: each bit operation then takes a lock its thread already
+// holds, which costs no atomic operation, rather than a free one.
 bool anyBitSet(CBitmapInfo& bitmap, unsigned long long first, unsigned long long count) {
+    auto_lock held(&bitmap.GetLock(), true);
     for (unsigned long long i = 0; i < count; ++i)
         if (bitmap.IsBitSet(first + i)) return true;
     return false;
@@ -105,7 +109,10 @@ bool ZxBlkVhd::readData(ZxBlkDisk* disk, long long offset, long* len, unsigned c
     std::memset(holeBitmap, 0, bitmapSize);
     unsigned int B = static_cast<unsigned int>((extentSize >> 9) / 8);
     boost::shared_ptr<CBitmapInfo> neededSectors(new CBitmapInfo(B));
-    for (unsigned int i = 0; i < B * 8; ++i) neededSectors->SetBit(i);
+    {
+        auto_lock held(&neededSectors->GetLock(), true);
+        for (unsigned int i = 0; i < B * 8; ++i) neededSectors->SetBit(i);
+    }
 
     std::string targetPath, tempPath;
     bool firstCopy = true;
@@ -188,7 +195,10 @@ bool ZxBlkVhd::recallCopyExtent(ZxBlkDisk*, BrowseStruct& copy, unsigned int idx
 
     unsigned int sb = static_cast<unsigned int>((static_cast<unsigned long long>(C) >> 9) / 8);
     boost::shared_ptr<CBitmapInfo> subSectors;
-    ExtractBitmap(neededSectors, subSectors, static_cast<unsigned int>(i) * sb, sb);
+    {
+        auto_lock held(&neededSectors->GetLock(), true);
+        ExtractBitmap(neededSectors, subSectors, static_cast<unsigned int>(i) * sb, sb);
+    }
 
     boost::shared_ptr<CExtentRestoreTarget> target(
         new CExtentRestoreTarget(targetPath, static_cast<unsigned int>(C), 512, false));
@@ -246,7 +256,9 @@ bool ZxBlkVhd::recallCopyExtent(ZxBlkDisk*, BrowseStruct& copy, unsigned int idx
     boost::shared_ptr<CBitmapInfo> parentSectors;
     target->GetParentSectors(parentSectors);
     unsigned long long base = static_cast<unsigned long long>(i) * sb * 8;
+    auto_lock neededHeld(&neededSectors->GetLock(), true);
     if (parentSectors) {
+        auto_lock parentHeld(&parentSectors->GetLock(), true);
         for (unsigned long long j = 0; j < sb * 8ull; ++j) {
             if (parentSectors->IsBitSet(j))
                 neededSectors->SetBit(base + j);
