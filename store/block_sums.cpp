@@ -150,7 +150,8 @@ std::string SumsRanges::fill(size_t r, const std::string& bytes) {
         const uint64_t unit = entryAt(p + k * BlockSums::kEntryBytes).unit;
         if (unit != m_entries[first + k].unit)
             return m_name + ": entry " + std::to_string(first + k) + ": names block " + std::to_string(unit) +
-                   ", but the block of that rank in the file is " + std::to_string(m_entries[first + k].unit);
+                   ", not block " + std::to_string(m_entries[first + k].unit) +
+                   " (the entries follow the blocks the file holds, in order)";
     }
     for (size_t k = 0; k < n; ++k) m_entries[first + k].sum = entryAt(p + k * BlockSums::kEntryBytes).sum;
     return std::string();

@@ -209,10 +209,6 @@ public:
         if (!m_headerKept) m_header = m_fetching.get();
         return m_header;
     }
-    // The header was found to be this snapshot file's.
-    void keepHeader() {
-        if (m_kept && !m_headerKept) m_kept->put(key("head"), m_version, m_header, false);
-    }
 
     std::string read(uint64_t offset, uint64_t length) override {
         {
@@ -262,6 +258,10 @@ private:
             throw StoreError(ErrorKind::corruption, m_path + ": size: " + std::to_string(r.size()) + " bytes, not the " +
                                                         std::to_string(at + count * BlockSums::kEntryBytes) +
                                                         " of its header and " + std::to_string(count) + " entries");
+        // Kept at once, since it is fetched with every open until it is: a
+        // snapshot whose sums no recall needs would otherwise ask again and
+        // again. Its loader checks it, kept or not.
+        if (m_kept) m_kept->put(key("head"), m_version, bytes.substr(0, static_cast<size_t>(at)), false);
         std::lock_guard<std::mutex> lock(m_mutex);
         m_early = {at, bytes.substr(static_cast<size_t>(at))};
         return bytes.substr(0, static_cast<size_t>(at));
@@ -289,9 +289,7 @@ std::shared_ptr<const BlockSums> rangedSums(const std::shared_ptr<SideFile>& sid
     checkSumsHeader(BlockSums::parseHeader(header, path, count, at), path, copy, img);
     std::vector<uint64_t> held;
     for (uint64_t u = img.nextHeldUnit(0); u < img.sumUnits(); u = img.nextHeldUnit(u + 1)) held.push_back(u);
-    auto sums = SumsRanges::open(header, path, held, side);
-    side->keepHeader();
-    return sums;
+    return SumsRanges::open(header, path, held, side);
 }
 
 }  // namespace

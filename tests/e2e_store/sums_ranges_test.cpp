@@ -141,7 +141,9 @@ protected:
         disk = *zxblk::Catalog::load(*storage).findDisk("big");
         sums = store + "/" + disk.copies[0].sums;
     }
-    void TearDown() override { std::system(("rm -rf '" + store + "' '" + store + "-kept'").c_str()); }
+    void TearDown() override {
+        std::system(("rm -rf '" + store + "' '" + store + "-kept' '" + store + "-kept2'").c_str());
+    }
     std::shared_ptr<zxblk::VhdImage> open(const std::shared_ptr<zxblk::S3MetadataCache>& kept = nullptr) {
         return zxblk::openCopyImage(*storage, disk, 0, kept);
     }
@@ -220,6 +222,11 @@ TEST_F(SumsRangesTest, ARecallReadsItsRangeOnceAndASecondOpenNone) {
     for (const auto& c : cases) EXPECT_EQ(recall(*img, c.rank), "") << "rank " << c.rank;
     EXPECT_EQ(storage->log.opens, 0);
     EXPECT_EQ(storage->log.taken(), (std::vector<std::pair<uint64_t, uint64_t>>{}));
+    // ...also where the first one needed no sums at all.
+    open(std::make_shared<zxblk::S3MetadataCache>(store + "-kept2"));
+    storage->log.clear();
+    open(std::make_shared<zxblk::S3MetadataCache>(store + "-kept2"));
+    EXPECT_EQ(storage->log.opens, 0);
 
     // Recalls that need one range at once read it once.
     img = open();
