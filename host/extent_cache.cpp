@@ -75,7 +75,7 @@ ExtentCache::ExtentCache(const std::string& dir, const CacheIdentity& identity, 
     }
     std::sort(found.begin(), found.end());
     for (const auto& f : found) touchLocked(m_entries[f.second]);
-    if (m_used > m_capacity) evictLocked(m_used - m_capacity);  // a smaller limit than last time
+    if (m_used > m_capacity) evictLocked(m_used - m_capacity, false);  // a smaller limit than last time
 }
 
 // One process per cache: a second would clear the first one's temporary
@@ -252,8 +252,7 @@ bool ExtentCache::local(uint64_t extent, bool use) {
 void ExtentCache::forget(uint64_t extent) {
     MutexLock lock(m_mutex);
     if (m_pins.count(extent)) return;
-    if (m_entries.count(extent) && !m_store->deleteExtentFile(static_cast<long long>(extent)).IsError())
-        eraseLocked(extent);
+    if (m_entries.count(extent) && removeFileLocked(extent, true)) eraseLocked(extent);
     if (m_forgotten.insert(extent).second) m_forgottenOrder.push_back(extent);
     while (m_forgottenOrder.size() > kForgotten) {
         m_forgotten.erase(m_forgottenOrder.front());
@@ -320,7 +319,17 @@ void ExtentCache::eraseLocked(uint64_t extent) {
 // The least recently used extents that no read is using go until the bytes
 // are free. The pin check and the removal happen under one lock, so a reader
 // that pinned an extent either keeps it or finds it gone and recalls it.
-unsigned long long ExtentCache::evictLocked(unsigned long long bytes) {
+// A file a reader still holds open is only removed: it keeps reading the
+// bytes it opened, which a recall into the same file would overwrite.
+bool ExtentCache::removeFileLocked(uint64_t extent, bool keep) {
+    const long long n = static_cast<long long>(extent);
+    auto file = m_files.find(extent);
+    if (keep && (file == m_files.end() || file->second.use_count() == 1))
+        return !m_store->recycleExtentFile(n).IsError();
+    return !m_store->deleteExtentFile(n).IsError();
+}
+
+unsigned long long ExtentCache::evictLocked(unsigned long long bytes, bool keep) {
     std::vector<uint64_t> victims;
     unsigned long long planned = 0;
     for (auto it = m_useOrder.rbegin(); planned < bytes && it != m_useOrder.rend(); ++it) {
@@ -333,7 +342,7 @@ unsigned long long ExtentCache::evictLocked(unsigned long long bytes) {
         unsigned long long size = m_entries[e].bytes;
         // One that cannot be removed still takes its room; the next
         // eviction tries it again.
-        if (m_store->deleteExtentFile(static_cast<long long>(e)).IsError()) continue;
+        if (!removeFileLocked(e, keep)) continue;
         eraseLocked(e);
         freed += size;
         ++m_evictions;
@@ -358,7 +367,7 @@ bool ExtentCache::reserve(long long extent, unsigned long long bytes) {
     MutexLock lock(m_mutex);
     const uint64_t e = static_cast<uint64_t>(extent);
     while (unsigned long long need = excessLocked(e, bytes))
-        if (!evictLocked(need)) break;
+        if (!evictLocked(need, true)) break;
     if (excessLocked(e, bytes)) return false;
     m_reserved += bytes;
     return true;
@@ -382,7 +391,7 @@ void ExtentCache::settle(long long extent, unsigned long long bytes, bool movedI
 
 unsigned long long ExtentCache::freeSpace(unsigned long long bytes) {
     MutexLock lock(m_mutex);
-    return evictLocked(bytes);
+    return evictLocked(bytes, false);
 }
 
 void ExtentCache::removed(long long extent) {

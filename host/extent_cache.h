@@ -9,8 +9,9 @@
 // Lock order: m_mutex is the innermost lock of the host. It is taken by the
 // cache's own calls and by the backing store's calls to its keeper (on the
 // thread of a recall, under that disk object's lock); with it held the cache
-// makes only system calls and the store's lock-free file calls (extentPath,
-// deleteExtentFile), never a call that takes another lock.
+// makes only system calls, the store's lock-free file calls (extentPath,
+// deleteExtentFile) and recycleExtentFile, which takes only the store's own
+// leaf locks; never a call that takes another lock.
 #pragma once
 #include <cstdint>
 #include <deque>
@@ -117,7 +118,11 @@ private:
     void useLocked(Entry& entry) REQUIRES(m_mutex);
     void insertLocked(uint64_t extent, unsigned long long bytes) REQUIRES(m_mutex);
     void eraseLocked(uint64_t extent) REQUIRES(m_mutex);
-    unsigned long long evictLocked(unsigned long long bytes) REQUIRES(m_mutex);
+    // Removes the extent's file; with `keep`, the store may keep it for its
+    // next recall, unless a reader still holds it open.
+    bool removeFileLocked(uint64_t extent, bool keep) REQUIRES(m_mutex);
+    // `keep`: the room is wanted for the cache's account, not by a full file system.
+    unsigned long long evictLocked(unsigned long long bytes, bool keep) REQUIRES(m_mutex);
     unsigned long long excessLocked(uint64_t extent, unsigned long long bytes) REQUIRES(m_mutex);
 
     // ZxBlkExtentKeeper: the backing store's account.

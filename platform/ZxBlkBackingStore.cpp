@@ -59,6 +59,18 @@ bool fileSize(const std::string& path, unsigned long long* size) {
     return true;
 }
 
+// Extent files kept to become temporary files (recycleExtentFile): enough
+// for the recalls of a disk's objects under way at once.
+const size_t kSpares = 8;
+
+// Makes a kept extent file read as zeros without giving up its blocks, so
+// that a recall into it allocates nothing; or, where that is not supported,
+// as a hole. False when neither is: the file cannot be used.
+bool zeroInPlace(int fd, off_t size) {
+    return ::fallocate(fd, FALLOC_FL_ZERO_RANGE, 0, size) == 0 ||
+           ::fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, size) == 0;
+}
+
 void listDir(const std::string& dir, std::vector<std::string>* names) {
     DIR* d = ::opendir(dir.c_str());
     if (!d) return;
@@ -228,23 +240,64 @@ void ZxBlkBackingStore::setKeeper(ZxBlkExtentKeeper* keeper) {
 CUxError ZxBlkBackingStore::openTempFile(std::string* path, FILE** file) {
     static const char* fn = "CUxError ZxBlkBackingStore::openTempFile(std::string*, FILE**)";
     if (!path || !file) return noted(FXErrorUtil::ErrorWin32(BS_LOCATION(fn), ERROR_INTERNAL_ERROR, "no place for the result"));
-    std::string pattern = m_dir + "/tmp/recall-XXXXXX";
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back('\0');
-    int fd = ::mkstemp(name.data());
-    if (fd < 0) return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), errno, "cannot create a temporary file in %s/tmp", m_dir.c_str()));
+    std::string name;
+    int fd = takeSpare(&name);
+    if (fd < 0) {
+        std::string pattern = m_dir + "/tmp/recall-XXXXXX";
+        std::vector<char> made(pattern.begin(), pattern.end());
+        made.push_back('\0');
+        fd = ::mkstemp(made.data());
+        if (fd < 0)
+            return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), errno, "cannot create a temporary file in %s/tmp", m_dir.c_str()));
+        name = made.data();
+    }
     FILE* stream = ::fdopen(fd, "w+b");
     if (!stream) {
         int err = errno;
         ::close(fd);
-        ::unlink(name.data());
-        return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot open %s", name.data()));
+        ::unlink(name.c_str());
+        return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), err, "cannot open %s", name.c_str()));
     }
-    *path = name.data();
+    *path = name;
     *file = stream;
     zxblk::MutexLock lock(m_mutex);
     m_temps[std::this_thread::get_id()] = *path;
     return CUxError::Success();
+}
+
+// Only files of the extent size are taken: the provider sizes a temporary
+// file to it, and one of another size would keep bytes past that.
+int ZxBlkBackingStore::takeSpare(std::string* path) {
+    unsigned long long size;
+    {
+        zxblk::MutexLock lock(m_mutex);
+        size = m_extentSize;
+    }
+    for (;;) {
+        {
+            zxblk::MutexLock lock(m_sparesMutex);
+            if (m_spares.empty()) return -1;
+            *path = m_spares.back();
+            m_spares.pop_back();
+        }
+        int fd = ::open(path->c_str(), O_RDWR | O_CLOEXEC);
+        struct stat st;
+        if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && size &&
+            static_cast<unsigned long long>(st.st_size) == size && zeroInPlace(fd, st.st_size))
+            return fd;
+        if (fd >= 0) ::close(fd);
+        ::unlink(path->c_str());
+    }
+}
+
+bool ZxBlkBackingStore::dropSpares() {
+    std::vector<std::string> spares;
+    {
+        zxblk::MutexLock lock(m_sparesMutex);
+        spares.swap(m_spares);
+    }
+    for (const std::string& p : spares) ::unlink(p.c_str());
+    return !spares.empty();
 }
 
 CUxError ZxBlkBackingStore::noted(CUxError error) {
@@ -266,6 +319,9 @@ std::string ZxBlkBackingStore::takeLastError() {
 
 CUxError ZxBlkBackingStore::reserveTempFile(FILE* file, const std::string& path, unsigned long long bytes) {
     CUxError status = FXFile::ZXReserveSpace(file ? fileno(file) : -1, bytes, path);
+    // The kept extent files go first: they hold blocks outside the account.
+    if (status.IsError() && status.Code() == -ENOSPC && dropSpares())
+        status = FXFile::ZXReserveSpace(fileno(file), bytes, path);
     unsigned long long freed = 1;
     for (int tries = 0; status.IsError() && status.Code() == -ENOSPC && freed && tries < 8; ++tries) {
         freed = keeper().freeSpace(bytes);
@@ -380,6 +436,21 @@ CUxError ZxBlkBackingStore::deleteExtentFile(long long n) const {
     return CUxError::Success();
 }
 
+CUxError ZxBlkBackingStore::recycleExtentFile(long long n) {
+    bool sized;
+    {
+        zxblk::MutexLock lock(m_mutex);
+        sized = m_extentSize != 0;
+    }
+    zxblk::MutexLock lock(m_sparesMutex);
+    if (!sized || m_spares.size() >= kSpares) return deleteExtentFile(n);
+    std::string spare = FXString::Format("%s/tmp/spare-%llu", m_dir.c_str(), ++m_spareNames);
+    // A file that cannot be moved aside (its folder gone) is removed instead.
+    if (::rename(extentPath(n).c_str(), spare.c_str()) != 0) return deleteExtentFile(n);
+    m_spares.push_back(spare);
+    return CUxError::Success();
+}
+
 CUxError ZxBlkBackingStore::removeExtent(long long n) {
     ZxBlkExtentKeeper& account = keeper();
     if (!account.holds(n)) return CUxError::Success();
@@ -403,6 +474,10 @@ void ZxBlkBackingStore::setCapacity(unsigned long long capacity) { keeper().setC
 unsigned long long ZxBlkBackingStore::extentFileSize(long long n) { return keeper().fileSize(n); }
 
 void ZxBlkBackingStore::clearTemporaries() {
+    {
+        zxblk::MutexLock lock(m_sparesMutex);
+        m_spares.clear();
+    }
     std::vector<std::string> names;
     listDir(m_dir + "/tmp", &names);
     for (const std::string& n : names) ::unlink((m_dir + "/tmp/" + n).c_str());

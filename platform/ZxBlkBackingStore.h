@@ -44,8 +44,8 @@ public:
     virtual void setCapacity(unsigned long long bytes) = 0;
 };
 
-// Lock order: m_mutex and m_errorsMutex are never held together, nor while
-// the store calls its keeper or its eviction handler.
+// Lock order: m_mutex, m_errorsMutex and m_sparesMutex are never held
+// together, nor while the store calls its keeper or its eviction handler.
 class ZxBlkBackingStore {
 public:
     // `capacity` in bytes; 0 means no limit. Extent files already in the
@@ -54,7 +54,9 @@ public:
     ~ZxBlkBackingStore();
 
     // A new, empty file in the store's temporary folder, open for reading and
-    // writing. Its name holds only [A-Za-z0-9._/-].
+    // writing; or, when an extent file that left the cache is kept for it
+    // (recycleExtentFile), that file, of the extent size and reading as
+    // zeros throughout. Its name holds only [A-Za-z0-9._/-].
     CUxError openTempFile(std::string* path, FILE** file);
     CUxError makeParentDir(const std::string& path);
     // Reserves the space of a temporary file. When the file system is full,
@@ -97,6 +99,14 @@ public:
     CUxError removeExtent(long long extentNumber);
     // Removes the extent's file only: for a keeper that removes what it keeps.
     CUxError deleteExtentFile(long long extentNumber) const;
+    // The same, but the file is kept (moved into the temporary folder, at
+    // most a few at a time) to become the next temporary file: its inode and
+    // blocks are taken again rather than freed and made anew, which on a
+    // file system without a journal costs a walk over every inode freed in
+    // the last minute. Only for a file that nobody holds open: it is zeroed
+    // when it is taken again. The blocks of the files kept are outside the
+    // account; they go first when the file system is full.
+    CUxError recycleExtentFile(long long extentNumber) EXCLUDES(m_mutex, m_sparesMutex);
     std::vector<long long> extents();
     unsigned long long usedBytes();
     unsigned long long capacity();
@@ -115,6 +125,11 @@ private:
     int ensureDirLocked(const std::string& dir) REQUIRES(m_mutex);
     // Keeps a failure for takeLastError and passes it on.
     CUxError noted(CUxError error) EXCLUDES(m_errorsMutex);
+    // A kept extent file, open and zeroed, or -1 when none is left or none
+    // can be zeroed (those are removed); *path is its name.
+    int takeSpare(std::string* path) EXCLUDES(m_sparesMutex, m_mutex);
+    // Removes the kept files; whether there were any.
+    bool dropSpares() EXCLUDES(m_sparesMutex);
     std::string m_dir;
     std::unique_ptr<OwnAccount> m_own;
     std::atomic<ZxBlkExtentKeeper*> m_keeper;
@@ -125,4 +140,9 @@ private:
     std::map<std::thread::id, std::string> m_temps GUARDED_BY(m_mutex);
     zxblk::Mutex m_errorsMutex;
     std::map<std::thread::id, std::string> m_errors GUARDED_BY(m_errorsMutex);  // each thread's last failure
+    // A leaf: taken by recycleExtentFile under the keeper's own lock, and
+    // never held while anything else is called.
+    zxblk::Mutex m_sparesMutex;
+    std::vector<std::string> m_spares GUARDED_BY(m_sparesMutex);  // the kept files' paths
+    unsigned long long m_spareNames GUARDED_BY(m_sparesMutex) = 0;
 };
