@@ -55,6 +55,7 @@ public:
           m_budget(std::make_shared<FetchBudget>()) {}
 
     bool remote() const override { return true; }
+    std::shared_ptr<S3MetadataCache> metadataCache() const override { return m_cache; }
 
     std::unique_ptr<ObjectReader> openReader(const std::string& name, const OpenHints& hints) const override {
         if (hints.etag.empty() || !hints.size || hints.ranges.empty()) {

@@ -310,7 +310,7 @@ std::shared_ptr<VhdImage> openCopyImage(const Storage& storage, const DiskRecord
     std::shared_future<std::string> sumsBytes;
     std::shared_ptr<SideFile> side;
     if (!copy.sums.empty() && storage.remote() && sumsEstimate(disk, copy) > kWholeSumsBytes)
-        side = std::make_shared<SideFile>(storage, copy, kept);
+        side = std::make_shared<SideFile>(storage, copy, kept ? kept : storage.metadataCache());
     else if (!copy.sums.empty())
         // The image is not open yet: a unit per sector of the file bounds it.
         sumsBytes = std::async(std::launch::async, [&storage, copy] {

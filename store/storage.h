@@ -16,6 +16,8 @@
 
 namespace zxblk {
 
+class S3MetadataCache;
+
 // What tells one state of a file from another: a file renamed over it, a
 // rewrite, a change of size.
 struct FileStamp {
@@ -92,6 +94,9 @@ public:
     // The full name of an object, for messages: "DIR/NAME" or "s3://B/P/NAME".
     std::string describe(const std::string& name) const;
     virtual bool remote() const = 0;
+    // Where a store a network away keeps what its readers fetched, on local
+    // disk, for the next program that opens it; null for a folder.
+    virtual std::shared_ptr<S3MetadataCache> metadataCache() const { return nullptr; }
 
     // Opens an object; throws StoreError (ENOENT-like: "...: no such file").
     virtual std::unique_ptr<ObjectReader> openReader(const std::string& name, const OpenHints& hints) const = 0;
