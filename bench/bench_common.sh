@@ -109,6 +109,18 @@ store_file() {
     echo "$1/$rel"
 }
 
+# store_files STORE DISK: every snapshot file of DISK in STORE, one a line.
+store_files() {
+    "${zxblk:?}" list --store "$1" --disk "$2" | grep -o 'snapshots/[^ ]*' | sed "s|^|$1/|"
+}
+
+# warm FILE...: reads the files into the page cache, untimed, before a run
+# that is to read them from there. A machine that takes back memory left
+# idle for a few seconds (a VM whose guest pages out cold pages) would
+# otherwise have dropped them again, and the side timed first in a round
+# would read them from the disk for the side timed after it.
+warm() { cat -- "$@" >/dev/null; }
+
 # parse_common_args "$@": --rounds N, --budget SECONDS and the build folder.
 # Sets rounds, budget and build (an existing folder, made absolute).
 parse_common_args() {

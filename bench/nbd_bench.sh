@@ -19,8 +19,8 @@
 # the server, the copy, and stopping it, since that is what a user pays. A peer
 # run is `qemu-nbd --fork` on a private socket, the same nbdcopy, then
 # stopping qemu-nbd and waiting until it is gone. Both sides serve the very
-# snapshot file in the store, read from the page cache, to nbdcopy's default
-# connections and requests.
+# snapshot file in the store, read into the page cache just before (untimed),
+# to nbdcopy's default connections and requests.
 #
 # Runs are interleaved (zxblk, peer, zxblk, peer, ...) and the best of each is
 # kept. Every zxblk run starts on a new, empty extent cache, so every run
@@ -139,6 +139,7 @@ n=0
 zx_copy() {  # DISK OUT -> last, and the run's stats in $work/stats
     local cache=$work/cache.$((n += 1)) t0 t1
     rm -f "$2" "$work/stats"; sync
+    warm "${vhd[$1]}"
     t0=$EPOCHREALTIME
     # $uri is set by zxblk serve for the shell it runs the command in.
     "$zxblk" serve --store "$store" --disk "$1" --cache "$cache" --stats "$work/stats" \
@@ -153,6 +154,7 @@ stat_of() { awk -v k="$1" '$1 == k { print $2 }' "$work/stats"; }
 peer_copy() {  # VHD OUT -> last
     local t0 t1
     rm -f "$2" "$sock" "$work/qemu-nbd.pid"; sync
+    warm "$1"
     t0=$EPOCHREALTIME
     # --fork returns once the socket listens. --shared lets in all of
     # nbdcopy's connections (qemu-nbd advertises multi-conn, and by default
