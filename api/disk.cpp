@@ -72,6 +72,22 @@ void Disk::read(uint64_t offset, uint64_t length, void* buffer) {
     });
 }
 
+std::vector<SalvagedRange> Disk::readSalvaged(uint64_t offset, uint64_t length, void* buffer) {
+    return guarded([&] {
+        checkRange(offset, length, size(), m_impl->name);
+        if (offset % 512)
+            throw Error("a salvage read of disk " + m_impl->name + " must start on a 512-byte boundary, not at " +
+                            std::to_string(offset),
+                        ErrorKind::invalidArgument);
+        std::vector<SalvagedRange> out;
+        for (const StoreServices::Gap& g :
+             m_impl->services->salvageRead(m_impl->store->record(m_impl->name), snapshot(), offset, length,
+                                           static_cast<uint8_t*>(buffer)))
+            out.push_back(SalvagedRange{g.offset, g.length, g.snapshot, g.file, g.block, g.why});
+        return out;
+    });
+}
+
 std::vector<Range> Disk::allocation(uint64_t offset, uint64_t length) {
     return guarded([&] {
         checkRange(offset, length, size(), m_impl->name);

@@ -94,14 +94,20 @@ void verifyDisk(const Storage& storage, const DiskRecord& disk, VerifyResult& ta
         f.disk = disk.name;
         f.snapshot = static_cast<int>(i);
         f.file = copy.file;
+        std::shared_ptr<VhdImage> img;
         auto report = [&](int64_t block, const std::string& text, bool damaged) {
             f.block = block, f.text = text, f.damaged = damaged;
+            // A block of a VHD stands for blockSize bytes of the disk; raw
+            // and fixed snapshots are checked in units of their own.
+            const uint64_t unit = img ? img->sumUnitBytes() : 0, at = block < 0 ? 0 : uint64_t(block) * unit;
+            f.offset = block < 0 || !unit ? 0 : std::min(at, disk.size);
+            f.length = block < 0 || !unit ? 0 : std::min(unit, disk.size - f.offset);
             if (damaged) ++tally.damaged;
             if (found) found(f);
         };
         ++tally.snapshots;
         try {
-            std::shared_ptr<VhdImage> img = openCopyImage(storage, disk, i);
+            img = openCopyImage(storage, disk, i);
             std::shared_ptr<const BlockSums> sums = loadBlockSums(storage, copy, *img);
             if (!sums) {
                 ++tally.unchecked;

@@ -1,6 +1,7 @@
 #include "store/store_services.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "platform/Log.h"
 #include "store/at_once.h"
@@ -343,5 +344,72 @@ static bool nameOf(const std::map<uint64_t, std::string>& names, uint64_t id, st
 bool StoreServices::clientName(uint64_t id, std::string& name) { return nameOf(m_catalog.clients, id, name); }
 bool StoreServices::instanceName(uint64_t id, std::string& name) { return nameOf(m_catalog.instances, id, name); }
 bool StoreServices::backupSetName(uint64_t id, std::string& name) { return nameOf(m_catalog.backupSets, id, name); }
+
+}  // namespace zxblk
+
+namespace zxblk {
+
+std::vector<StoreServices::Gap> StoreServices::salvageRead(const DiskRecord& disk, int snapshot, uint64_t offset,
+                                                           uint64_t length, uint8_t* out) {
+    // Sector by sector, the newest snapshot that holds one gives it; a
+    // failed block costs only the sectors it would have given.
+    const uint64_t S = 512, first = offset / S, sectors = (length + S - 1) / S;
+    std::memset(out, 0, length);
+    std::vector<bool> settled(sectors, false);
+    std::vector<Gap> gaps;
+    auto fill = [&](uint64_t from, uint64_t to, int i, int64_t block, const std::string& why) {
+        for (uint64_t s = from; s < to; ++s) {
+            if (settled[s]) continue;
+            settled[s] = true;
+            const uint64_t at = (first + s) * S, n = std::min(S, offset + length - at);
+            if (!gaps.empty() && gaps.back().offset + gaps.back().length == at && gaps.back().snapshot == i &&
+                gaps.back().block == block) {
+                gaps.back().length += n;
+                continue;
+            }
+            gaps.push_back({at, n, i, disk.copies[static_cast<size_t>(i)].file, block, why});
+        }
+    };
+    std::vector<uint8_t> buffer;
+    for (int i = std::min<int>(snapshot, static_cast<int>(disk.copies.size()) - 1); i >= 0; --i) {
+        const CopyRecord& copy = disk.copies[static_cast<size_t>(i)];
+        std::shared_ptr<VhdImage> img;
+        try {
+            img = image(copy);
+        } catch (const StoreError& e) {
+            // Nothing tells which sectors it holds: whatever is left is lost.
+            fill(0, sectors, i, -1, e.what());
+            break;
+        }
+        const bool differencing = img->kind() == ImageKind::Differencing;
+        for (const Piece& p : img->pieces(offset, length)) {
+            if (p.fileOffset < 0) continue;
+            const uint64_t from = (p.virtualOffset - offset) / S, to = (p.virtualOffset + p.length - offset + S - 1) / S;
+            buffer.resize(p.length);
+            std::vector<uint8_t> bitmap;
+            try {
+                img->readVerified(p, buffer.data());
+                if (differencing) bitmap = img->readBlockBitmap(p.block);
+            } catch (const StoreError& e) {
+                fill(from, to, i, static_cast<int64_t>(p.block), e.what());
+                continue;
+            }
+            const uint64_t perBlock = differencing ? img->blockSize() / S : 0;
+            for (uint64_t s = from; s < to; ++s) {
+                if (settled[s]) continue;
+                if (differencing) {
+                    const uint64_t bit = (first + s) % perBlock;
+                    // Left to a parent.
+                    if (!(bitmap[bit / 8] & (0x80u >> (bit % 8)))) continue;
+                }
+                settled[s] = true;
+                const uint64_t at = (first + s) * S, n = std::min(S, offset + length - at);
+                std::memcpy(out + (at - offset), buffer.data() + (at - p.virtualOffset), n);
+            }
+        }
+        if (!differencing) break;
+    }
+    return gaps;
+}
 
 }  // namespace zxblk

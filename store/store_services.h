@@ -95,6 +95,23 @@ public:
     // Each cause is told once.
     std::optional<StoreError> takeFailure(const DiskRecord& disk, int snapshot, uint64_t extent);
 
+    // A stretch of a salvage read that no snapshot could give: zeros stand
+    // in for it. The snapshot whose block failed, its file and block (-1
+    // when the file could not be opened at all) and why.
+    struct Gap {
+        uint64_t offset = 0, length = 0;
+        int snapshot = 0;
+        std::string file;
+        int64_t block = -1;
+        std::string why;
+    };
+    // Reads [offset, offset + length) of the disk as `snapshot` presents it
+    // straight from the snapshot files, each block checked against its
+    // checksum, into `out`. What a block that fails its check (or a file
+    // that cannot be opened) would have given is zeros, and is returned;
+    // everything around it is read as usual.
+    std::vector<Gap> salvageRead(const DiskRecord& disk, int snapshot, uint64_t offset, uint64_t length, uint8_t* out);
+
     // ExtentLookupService
     bool open(const SCParams& params, const std::string& path, std::string& whyNot) override;
     int lookup(const SCParams& params, const std::string& path, unsigned long long extent,

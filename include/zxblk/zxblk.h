@@ -148,6 +148,9 @@ struct VerifyFinding {
     int snapshot = 0;
     std::string file;    // in the store
     int64_t block = -1;  // the checksum block; -1 for the whole snapshot
+    // The disk bytes the block stands for (for a differencing snapshot, what
+    // is lost with it); 0 and 0 for the whole snapshot.
+    uint64_t offset = 0, length = 0;
     std::string text;    // what is wrong, one line
     bool damaged = true;  // false: imported before checksums were kept, so not checked
 };
@@ -253,6 +256,19 @@ struct Range {
     bool data = false;
 };
 
+// A stretch of the disk that a salvage read (Disk::readSalvaged) could not
+// read and gave as zeros: the snapshot whose block failed its checksum or
+// could not be read, its file in the store, the block (-1 when the file
+// could not be opened at all) and why, one line.
+struct SalvagedRange {
+    uint64_t offset = 0;
+    uint64_t length = 0;
+    int snapshot = 0;
+    std::string file;
+    int64_t block = -1;
+    std::string why;
+};
+
 // What a disk has recalled and cached since it was opened.
 struct DiskStats {
     uint64_t extentsRecalled = 0, bytesRecalled = 0;
@@ -302,6 +318,13 @@ public:
     // snapshot holds (allocation() says where) read as zeros and are not
     // recalled.
     void read(uint64_t offset, uint64_t length, void* buffer);
+    // Reads [offset, offset + length) past damage: straight from the
+    // snapshot files, not through the cache, each block checked against its
+    // checksum. What a block that fails (or a file that cannot be opened)
+    // would have given reads as zeros and is returned, in order; the rest
+    // reads as read() would read it. The range must start on a 512-byte
+    // boundary. Throws Error for a range past the end of the disk.
+    std::vector<SalvagedRange> readSalvaged(uint64_t offset, uint64_t length, void* buffer);
     // [offset, offset + length) covered exactly by ranges in order, neighbours
     // never alike. Answered from the snapshots' block tables, without
     // recalling anything, at the granularity allocationGranularity() gives. A
