@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -115,13 +116,76 @@ private:
     std::deque<Range> m_ranges;
 };
 
+// What an export with --on-error zero filled with zeros, in disk order.
+struct Filled {
+    std::vector<SalvagedRange> ranges;
+    // Neighbouring ranges as one, whichever snapshot they came from.
+    std::vector<std::pair<uint64_t, uint64_t>> merged() const {
+        std::vector<std::pair<uint64_t, uint64_t>> out;
+        for (const SalvagedRange& r : ranges)
+            if (!out.empty() && out.back().first + out.back().second == r.offset)
+                out.back().second += r.length;
+            else
+                out.emplace_back(r.offset, r.length);
+        return out;
+    }
+    uint64_t bytes() const {
+        uint64_t n = 0;
+        for (const SalvagedRange& r : ranges) n += r.length;
+        return n;
+    }
+};
+
+// The map of an export in GNU ddrescue's mapfile form, so that its tools
+// (ddrescuelog) read it: every byte of the disk is finished ('+') or bad
+// ('-', filled with zeros). Written whole under a temporary name.
+void writeBadMap(const std::string& path, const std::string& what, uint64_t size, const Filled& filled) {
+    std::string text = "# Mapfile. Written by zxblk export of " + what + "\n# current_pos  current_status  current_pass\n";
+    char line[96];
+    auto add = [&](uint64_t at, uint64_t n, char status) {
+        std::snprintf(line, sizeof line, "0x%08llX  0x%08llX  %c\n", static_cast<unsigned long long>(at),
+                      static_cast<unsigned long long>(n), status);
+        text += line;
+    };
+    std::snprintf(line, sizeof line, "0x%08llX     +               1\n#      pos        size  status\n", 0ull);
+    text += line;
+    uint64_t at = 0;
+    for (const auto& bad : filled.merged()) {
+        if (bad.first > at) add(at, bad.first - at, '+');
+        add(bad.first, bad.second, '-');
+        at = bad.first + bad.second;
+    }
+    if (at < size) add(at, size - at, '+');
+    const std::string temp = path + ".zxblk-tmp";
+    std::FILE* f = std::fopen(temp.c_str(), "w");
+    bool ok = f && std::fwrite(text.data(), 1, text.size(), f) == text.size();
+    ok = f && std::fclose(f) == 0 && ok;
+    if (!ok || std::rename(temp.c_str(), path.c_str()) != 0) {
+        int err = errno;
+        std::remove(temp.c_str());
+        throw Error("bad map " + path + ": " + std::strerror(err), ErrorKind::io);
+    }
+}
+
+// "6 MiB", "300 KiB", "4097 bytes".
+std::string sizeText(uint64_t n) {
+    if (n && n % (1 << 20) == 0) return std::to_string(n >> 20) + " MiB";
+    if (n && n % 1024 == 0) return std::to_string(n >> 10) + " KiB";
+    return std::to_string(n) + " bytes";
+}
+
 }  // namespace
 
 void registerExportCommand(CLI::App& app) {
     auto* cmd = app.add_subcommand("export", "write the whole disk as a raw image, recalled through the provider");
     static DiskArgs args;
-    static std::string out;
+    static std::string out, onError = "stop", badMap;
     addDiskOptions(cmd, args);
+    cmd->add_option("--on-error", onError,
+                    "stop: fail at the first extent that cannot be recalled; zero: go on, read what can be read "
+                    "around it and fill the damaged blocks with zeros (exit 3 when any were)")
+        ->check(CLI::IsMember({"stop", "zero"}));
+    cmd->add_option("--bad-map", badMap, "write what was filled with zeros to this file, as a ddrescue mapfile");
     cmd->add_option("--out", out,
                     "raw image to write: a file (written sparse, under a temporary name until complete), a block "
                     "device, a FIFO, or - for standard output")
@@ -144,6 +208,8 @@ void registerExportCommand(CLI::App& app) {
         const uint64_t window = 32;
         DataExtents held(disk);
         std::deque<uint64_t> ahead;
+        Filled filled;
+        std::vector<char> salvage;
         for (uint64_t written = 0;;) {
             while (ahead.size() < window) {
                 uint64_t e = held.next();
@@ -159,9 +225,21 @@ void registerExportCommand(CLI::App& app) {
             if (at > written) sink.zeros(written, at - written);
             if (e >= count) break;
             const uint64_t n = std::min(E, total - at);
-            {
-                LocalExtent extent = disk.extent(e);
-                sink.copyFrom(extent.fd(), 0, at, n);
+            std::optional<LocalExtent> extent;
+            try {
+                extent.emplace(disk.extent(e));
+            } catch (const Error&) {
+                if (onError != "zero") throw;
+            }
+            if (extent) {
+                sink.copyFrom(extent->fd(), 0, at, n);
+                extent.reset();
+            } else {
+                // Read again past the damage: only the blocks that fail
+                // their checks become zeros, not the rest of the extent.
+                salvage.resize(n);
+                for (SalvagedRange& r : disk.readSalvaged(at, n, salvage.data())) filled.ranges.push_back(std::move(r));
+                sink.write(salvage.data(), at, n);
             }
             // A recalled extent is not kept: an export reads each once.
             disk.dropExtent(e);
@@ -171,6 +249,8 @@ void registerExportCommand(CLI::App& app) {
         progress.update(total);
         sink.commit();
         progress.finish();
+        if (!badMap.empty())
+            writeBadMap(badMap, args.disk + " snapshot " + std::to_string(disk.snapshot()), total, filled);
         double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         unsigned long long recalled = statValue(disk.statsText(), "extents_recalled");
         // The image may be going to standard output: the summary goes beside it.
@@ -187,13 +267,28 @@ void registerExportCommand(CLI::App& app) {
                                     {"rttSeconds", st.storeRttSeconds},
                                     {"bytesPerSecond", st.storeBytesPerSecond},
                                     {"heldPeak", st.storeHeldPeak}};
+            if (onError == "zero") {
+                summary["filled"] = nlohmann::json::array();
+                for (const SalvagedRange& r : filled.ranges)
+                    summary["filled"].push_back({{"offset", r.offset}, {"length", r.length}, {"snapshot", r.snapshot},
+                                                 {"file", r.file},     {"block", r.block},   {"why", r.why}});
+            }
             std::fprintf(report, "%s\n", summary.dump(2).c_str());
-            return;
-        }
-        if (quiet()) return;
-        std::fprintf(report, "exported %s snapshot %d to %s: %llu extents recalled, %llu bytes, %.2f s, %.1f MiB/s\n",
+        } else if (!quiet()) {
+            std::fprintf(report, "exported %s snapshot %d to %s: %llu extents recalled, %llu bytes, %.2f s, %.1f MiB/s\n",
                      args.disk.c_str(), disk.snapshot(), sink.describe().c_str(), recalled,
                      static_cast<unsigned long long>(total), seconds, seconds > 0 ? total / 1048576.0 / seconds : 0.0);
+        }
+        if (filled.ranges.empty()) return;
+        // One line, however many: the ranges are in the map and the JSON.
+        std::fprintf(stderr, "export of %s snapshot %d: %zu damaged ranges (%s) filled with zeros; %s\n",
+                     args.disk.c_str(), disk.snapshot(), filled.merged().size(), sizeText(filled.bytes()).c_str(),
+                     badMap.empty() ? "--bad-map FILE lists them" : ("see " + badMap).c_str());
+        // Exit 3 says the image is complete but holds zeros for what was
+        // lost; the disk is closed first, as a return would close it.
+        { Disk closing = std::move(disk); }
+        std::fflush(nullptr);
+        std::exit(3);
     });
 }
 

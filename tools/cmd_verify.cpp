@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <nlohmann/json.hpp>
+
 #include "commands.h"
 #include "zxblk/zxblk.h"
 
@@ -22,9 +24,20 @@ int verifyStore(const std::string& store, const std::string& diskName, const std
         return 2;
     }
     VerifyResult tally;
+    const bool json = commonOptions().json;
+    nlohmann::json findings = nlohmann::json::array();
     // Every damaged block gets its own line; a snapshot that cannot be
     // checked at all counts as damaged too.
-    auto say = [](const VerifyFinding& f) {
+    auto say = [&](const VerifyFinding& f) {
+        if (json) {
+            // The disk bytes beside the block: what a salvage of the disk
+            // fills with zeros, and what a mapfile of it names.
+            nlohmann::json j = {{"disk", f.disk},   {"snapshot", f.snapshot}, {"file", f.file},
+                                {"block", f.block}, {"damaged", f.damaged},   {"text", f.text}};
+            if (f.block >= 0) j["offset"] = f.offset, j["length"] = f.length;
+            findings.push_back(j);
+            return;
+        }
         std::string who = f.disk + " snapshot " + std::to_string(f.snapshot) + " (" + f.file + ")";
         if (f.block >= 0)
             std::printf("%s: block %lld: %s\n", who.c_str(), static_cast<long long>(f.block), f.text.c_str());
@@ -37,6 +50,12 @@ int verifyStore(const std::string& store, const std::string& diskName, const std
         std::fflush(stdout);
         std::fprintf(stderr, "zxblk verify: %s\n", e.what());
         return 2;
+    }
+    if (json) {
+        nlohmann::json out = {{"disks", tally.disks},     {"snapshots", tally.snapshots}, {"blocks", tally.blocks},
+                              {"damaged", tally.damaged}, {"unchecked", tally.unchecked}, {"findings", findings}};
+        std::printf("%s\n", out.dump(2).c_str());
+        return tally.damaged ? 1 : 0;
     }
     std::printf("verified %llu disks, %llu snapshots, %llu blocks: %s%s\n", static_cast<unsigned long long>(tally.disks),
                 static_cast<unsigned long long>(tally.snapshots), static_cast<unsigned long long>(tally.blocks),
@@ -55,6 +74,7 @@ void registerVerifyCommand(CLI::App& app) {
     // Misuse is answered here, with the exit code a script can tell from damage.
     cmd->allow_extras();
     addCommonOptions(cmd);
+    addJsonOption(cmd);
     cmd->callback([cmd] {
         applyCommonOptions();
         int code = verifyStore(store, disk, cmd->remaining());

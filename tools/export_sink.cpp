@@ -138,6 +138,14 @@ void ExportSink::data(int fd, uint64_t fileOffset, uint64_t offset, uint64_t len
     }
 }
 
+void ExportSink::write(const char* bytes, uint64_t offset, uint64_t length) {
+    for (uint64_t done = 0; done < length;) {
+        size_t n = static_cast<size_t>(std::min<uint64_t>(length - done, kChunk));
+        writeAt(bytes + done, offset + done, n);
+        done += n;
+    }
+}
+
 void ExportSink::zeros(uint64_t offset, uint64_t length) {
     if (m_sparse) return;  // the file was sized with holes: they read as zeros
     for (uint64_t done = 0; done < length;) {

@@ -23,6 +23,8 @@ public:
     // become holes (or zeros where the target cannot hold holes).
     // Calls come in disk order.
     void copyFrom(int fd, uint64_t fileOffset, uint64_t offset, uint64_t length);
+    // Writes `length` bytes of the disk at `offset` from memory.
+    void write(const char* bytes, uint64_t offset, uint64_t length);
     // Writes `length` zero bytes of the disk at `offset` (a hole where the
     // target can hold one).
     void zeros(uint64_t offset, uint64_t length);
