@@ -47,6 +47,7 @@ Disk Store::openDisk(const std::string& name, const DiskOptions& options) const 
         o.flushThreshold = options.flushThreshold;
         o.mountPoint = options.mountPoint;
         o.dropCacheAtEnd = options.dropCacheAtEnd;
+        o.allowDamaged = options.allowDamaged;
         impl->host.reset(new DiskHost(impl->services, o));
         return Disk(std::move(impl));
     });

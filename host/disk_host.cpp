@@ -42,6 +42,26 @@ DiskHost::DiskHost(std::shared_ptr<StoreServices> services, const HostOptions& o
                                                          " bytes holds no extent of disk '" + options.disk + "' (" +
                                                          std::to_string(E) + " bytes each)");
 
+    // Every snapshot the disk reads from is opened, all at once, before the
+    // cache is taken: a chain that cannot be presented whole is refused
+    // before anything is mounted or served, naming the oldest snapshot at fault.
+    std::vector<ChainDamage> damage = m_services->openChain(*record, m_snapshot);
+    std::string damaged;
+    if (!damage.empty()) {
+        const ChainDamage& d = damage.front();
+        damaged = "snapshot " + std::to_string(d.snapshot) + " (" + d.file + ") is " +
+                  (d.missing ? "missing" : d.kind == ErrorKind::corruption ? "damaged: " + d.reason
+                                                                          : "unreadable: " + d.reason);
+        if (damage.size() > 1) {
+            damaged += damage.size() > 2 ? "; snapshots" : "; snapshot";
+            for (size_t i = 1; i < damage.size(); ++i)
+                damaged += (i > 1 ? ", " : " ") + std::to_string(damage[i].snapshot);
+            damaged += " too";
+        }
+        if (!options.allowDamaged)
+            throw StoreError(d.missing ? ErrorKind::notFound : d.kind, options.disk + " " + damaged);
+    }
+
     CacheIdentity identity;
     identity.store = storeDir;
     identity.disk = options.disk;
@@ -58,9 +78,10 @@ DiskHost::DiskHost(std::shared_ptr<StoreServices> services, const HostOptions& o
                                                            : options.cacheDir,
                                   identity, cacheOptions));
 
-    // Every snapshot the disk reads from is opened before its first read,
-    // all at once.
-    m_services->openChain(*record, m_snapshot);
+    m_notices = m_cache->notices();
+    if (!damaged.empty())
+        m_notices.push_back("presenting " + options.disk + " snapshot " + std::to_string(m_snapshot) + " although " +
+                            damaged + ": the reads that need it fail");
     m_pool.reset(new DiskPool(*m_services, *record, m_snapshot, *m_cache, options.diskObjects, options.flushThreshold));
     // Readahead never asks for more than a quarter of what the cache holds:
     // in a cache of a few extents it would only push out what readers use.

@@ -40,6 +40,11 @@ struct HostOptions {
     // Removes what the cache holds, and its folder, when the host ends (not
     // when the process dies: a killed run leaves it, marked dirty).
     bool dropCacheAtEnd = false;
+    // Presents a chain with a snapshot that fails the checks of its open
+    // (missing, cut short, not the file the catalog records) rather than
+    // refusing it: notices() says so, and the reads that need that snapshot
+    // fail as they come.
+    bool allowDamaged = false;
 };
 
 // A stretch of the disk and whether any snapshot holds data there.
@@ -138,8 +143,9 @@ public:
     // Recalls these extents on a thread of its own, ahead of the readers.
     void prefetch(std::vector<uint64_t> extents);
     // What the user of the disk should hear of how it was opened: a cache
-    // dropped because it was not closed cleanly or held another disk.
-    const std::vector<std::string>& notices() const { return m_cache->notices(); }
+    // dropped because it was not closed cleanly or held another disk, a
+    // damaged chain presented all the same.
+    const std::vector<std::string>& notices() const { return m_notices; }
     StoreServices& services() { return *m_services; }
     // The cache's backing store; its account is the extent cache's.
     ZxBlkBackingStore& cache() { return m_cache->store(); }
@@ -164,6 +170,7 @@ private:
     uint64_t m_granularity = 0;
     std::unique_ptr<DiskPool> m_pool;
     std::unique_ptr<Readahead> m_readahead;
+    std::vector<std::string> m_notices;
 };
 
 }  // namespace zxblk

@@ -3,7 +3,7 @@
 //
 //     nbdkit zxblk store=S [disk=NAME[@N]]... [client=VM]... [snapshot=N]
 //                  [cache=DIR] [cache-limit=SIZE] [readahead=SIZE]
-//                  [statsfile=FILE | statsdir=DIR]
+//                  [statsfile=FILE | statsdir=DIR] [allow-damaged=true]
 //
 // disk= and client= name the disks served, each opened before the server
 // starts; without them every disk of the store is served by its name (the
@@ -59,6 +59,7 @@ struct Config {
     int snapshot = -1;
     uint64_t cacheLimit = 0;
     uint64_t readahead = zxblk::DiskOptions().readahead;
+    bool allowDamaged = false;
 };
 Config g_config;
 
@@ -136,9 +137,13 @@ int config(const char* key, const char* value) {
         int64_t n = nbdkit_parse_size(value);
         if (n < 0) return -1;
         (k == "readahead" ? g_config.readahead : g_config.cacheLimit) = static_cast<uint64_t>(n);
+    } else if (k == "allow-damaged") {
+        int b = nbdkit_parse_bool(value);
+        if (b < 0) return -1;
+        g_config.allowDamaged = b;
     } else {
         nbdkit_error("unknown parameter '%s' (the zxblk plugin takes store, disk, client, snapshot, cache, "
-                     "cache-limit, readahead, statsfile and statsdir)",
+                     "cache-limit, readahead, statsfile, statsdir and allow-damaged)",
                      key);
         return -1;
     }
@@ -228,6 +233,7 @@ std::shared_ptr<zxblk::Disk> openLocked(const Export& e) {
     options.snapshot = e.snapshot;
     options.cacheLimit = g_config.cacheLimit;
     options.readahead = g_config.readahead;
+    options.allowDamaged = g_config.allowDamaged;
     if (!g_config.cache.empty())
         options.cacheDir = g_oneCache ? g_config.cache : g_config.cache + "/" + e.disk + "-snap" + std::to_string(e.snapshot);
     try {
@@ -546,7 +552,10 @@ nbdkit_plugin makePlugin() {
         "readahead=SIZE    largest window recalled ahead of a reader that reads in order (default 16M,\n"
         "                  0: none)\n"
         "statsfile=FILE    the one disk's statistics, rewritten each second\n"
-        "statsdir=DIR      the statistics of each export, in DIR/EXPORT.stats";
+        "statsdir=DIR      the statistics of each export, in DIR/EXPORT.stats\n"
+        "allow-damaged=true\n"
+        "                  serve a disk even when a snapshot it reads from is missing or damaged\n"
+        "                  (the reads that need that snapshot fail)";
     p.magic_config_key = "disk";
     p.get_ready = getReady;
     p.after_fork = afterFork;

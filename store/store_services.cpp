@@ -149,7 +149,7 @@ std::shared_ptr<VhdImage> StoreServices::image(const CopyRecord& copy, bool rech
     return img;
 }
 
-void StoreServices::openChain(const DiskRecord& disk, int snapshot) {
+std::vector<ChainDamage> StoreServices::openChain(const DiskRecord& disk, int snapshot) {
     std::vector<size_t> wanted;
     {
         std::lock_guard<std::mutex> lock(m_imagesMutex);
@@ -157,16 +157,43 @@ void StoreServices::openChain(const DiskRecord& disk, int snapshot) {
             if (!m_images.count(disk.copies[i].archiveFileId)) wanted.push_back(i);
     }
     std::vector<std::shared_ptr<VhdImage>> opened(wanted.size());
+    std::vector<std::optional<ChainDamage>> failed(wanted.size());
     runAtOnce(wanted.size(), [&](size_t k) {
+        const CopyRecord& copy = disk.copies[wanted[k]];
+        ErrorKind kind = ErrorKind::io;
+        std::string why;
         try {
             opened[k] = openCopyImage(*m_storage, disk, wanted[k]);
-        } catch (const std::exception&) {
-            // image() opens it again when a recall needs it, and says why not.
+            return;
+        } catch (const StoreError& e) {
+            kind = e.kind(), why = e.what();
+        } catch (const std::exception& e) {
+            why = e.what();
         }
+        ChainDamage d;
+        d.snapshot = static_cast<int>(wanted[k]);
+        d.file = copy.file;
+        d.kind = kind;
+        // Opened without asking first whether it is there: only a failed
+        // open asks.
+        try {
+            d.missing = kind == ErrorKind::notFound && !m_storage->stat(copy.file).exists;
+        } catch (const StoreError&) {
+            // The store stopped answering: the open's own cause stands.
+        }
+        // The snapshot is named by its caller, with the catalog's name of
+        // the file: the store's full path in front of the reason is noise.
+        const std::string path = m_storage->describe(copy.file) + ": ";
+        d.reason = d.missing ? "no such file" : why.compare(0, path.size(), path) == 0 ? why.substr(path.size()) : why;
+        failed[k] = std::move(d);
     });
+    std::vector<ChainDamage> damage;
     std::lock_guard<std::mutex> lock(m_imagesMutex);
-    for (size_t k = 0; k < wanted.size(); ++k)
+    for (size_t k = 0; k < wanted.size(); ++k) {
         if (opened[k]) m_images.emplace(disk.copies[wanted[k]].archiveFileId, opened[k]);
+        if (failed[k]) damage.push_back(std::move(*failed[k]));
+    }
+    return damage;
 }
 
 bool StoreServices::open(const SCParams&, const std::string& path, std::string& whyNot) {

@@ -30,6 +30,17 @@ struct RestoreStats {
     uint64_t bytes = 0;      // bytes of extent data streamed
 };
 
+// A snapshot of a chain that failed the checks of its open, and why.
+struct ChainDamage {
+    int snapshot = 0;
+    std::string file;     // as the catalog names it
+    bool missing = false;  // no such file or object
+    // Why, without the file's path in front: "file size: the catalog records
+    // 8392704 bytes, the file has 4096 bytes".
+    std::string reason;
+    ErrorKind kind = ErrorKind::corruption;
+};
+
 class StoreServices : public ExtentLookupService, public RestoreService, public RecordsService,
                       public std::enable_shared_from_this<StoreServices> {
 public:
@@ -79,9 +90,11 @@ public:
 
     // Opens the disk's snapshots up to `snapshot` (those not open yet) all
     // at once: a store a network away answers them in one round trip, not
-    // one or more per snapshot in turn. One that cannot be opened is left
-    // for its recalls to report.
-    void openChain(const DiskRecord& disk, int snapshot);
+    // one or more per snapshot in turn. The checks are the cheap ones of an
+    // open (present, size, footer, header, ids against the catalog; no data
+    // read). Returns those that failed, oldest first; they stay closed, and
+    // a recall that needs one tries again and says why not.
+    std::vector<ChainDamage> openChain(const DiskRecord& disk, int snapshot);
     // Whether any snapshot of the disk up to `snapshot` keeps a byte of
     // [offset, offset + length) in its file; where none does, the disk
     // reads as zeros. True when a file cannot be read: the recall then

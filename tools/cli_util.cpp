@@ -70,6 +70,12 @@ CLI::Validator decimalNumber(bool negativeAllowed) {
         "");
 }
 
+CLI::Option* addAllowDamagedOption(CLI::App* cmd, bool& target) {
+    return cmd->add_flag("--allow-damaged", target,
+                         "present the disk even when a snapshot it reads from is missing, cut short or not the file "
+                         "the catalog records (said in one line); the reads that need that snapshot fail");
+}
+
 std::string humanSize(uint64_t bytes) {
     static const char* const units[] = {"bytes", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     if (bytes < 1024) return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");

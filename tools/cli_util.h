@@ -38,6 +38,10 @@ CLI::Option* addNumberOption(CLI::App* cmd, const std::string& name, T& target, 
 // makes it, and list says itself that a folder is not a store.
 CLI::Option* addStoreOption(CLI::App* cmd, std::string& target, bool existing = true);
 
+// --allow-damaged: present a chain with a snapshot that fails the checks of
+// its open, rather than refuse it.
+CLI::Option* addAllowDamagedOption(CLI::App* cmd, bool& target);
+
 // "512 bytes", "64 KiB", "1.5 GiB".
 std::string humanSize(uint64_t bytes);
 

@@ -123,6 +123,7 @@ void openDisks(const MountArgs& a, Mounted& m) {
         o.flushThreshold = a.flushThreshold;
         o.mountPoint = a.mountpoint + (m.folders ? "/" + p.name : std::string());
         o.dropCacheAtEnd = a.dropCache;
+        o.allowDamaged = a.disks.allowDamaged;
         m.disks.push_back(std::make_unique<MountedDisk>(p.name, m.folders ? "/" + p.name : std::string(),
                                                         store.openDisk(p.name, o)));
     }

@@ -26,6 +26,7 @@ namespace {
 struct DiskArgs {
     std::string store, disk, cache;
     int snapshot = -1;
+    bool allowDamaged = false;
 };
 
 void addDiskOptions(CLI::App* cmd, DiskArgs& a) {
@@ -33,6 +34,7 @@ void addDiskOptions(CLI::App* cmd, DiskArgs& a) {
     cmd->add_option("--disk", a.disk, "disk name")->required();
     addNumberOption(cmd, "--snapshot", a.snapshot, "snapshot number, 0 the oldest (default: the newest)", 0);
     cmd->add_option("--cache", a.cache, "extent cache directory (default: under ~/.cache/zxblk)");
+    addAllowDamagedOption(cmd, a.allowDamaged);
     addCommonOptions(cmd);
 }
 
@@ -40,6 +42,7 @@ Disk openDisk(const DiskArgs& a) {
     DiskOptions o;
     o.snapshot = a.snapshot;
     o.cacheDir = a.cache;
+    o.allowDamaged = a.allowDamaged;
     // Both commands say themselves what to recall ahead, if anything.
     o.readahead = 0;
     Disk disk = Disk::open(a.store, a.disk, o);

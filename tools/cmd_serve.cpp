@@ -77,6 +77,7 @@ std::vector<std::string> nbdkitArgs(const ServeArgs& a, const Listener& l, size_
     if (!a.disks.cache.empty()) args.push_back("cache=" + a.disks.cache);
     if (a.disks.cacheLimit) args.push_back("cache-limit=" + std::to_string(a.disks.cacheLimit));
     args.push_back("readahead=" + std::to_string(a.disks.readahead));
+    if (a.disks.allowDamaged) args.push_back("allow-damaged=true");
     if (!a.statsPath.empty()) args.push_back((exports > 1 ? "statsdir=" : "statsfile=") + a.statsPath);
     return args;
 }
@@ -156,6 +157,7 @@ std::vector<Export> checkDisks(const ServeArgs& a) {
         o.snapshot = p.snapshot;
         o.cacheDir = p.cacheDir;
         o.cacheLimit = a.disks.cacheLimit;
+        o.allowDamaged = a.disks.allowDamaged;
         sayNotices(store.openDisk(p.name, o).notices());
         exports.push_back({p.name, p.snapshot, "", ""});
     }

@@ -23,6 +23,7 @@ void addPresentedOptions(CLI::App* cmd, PresentedOptions& o) {
     addSizeOption(cmd, "--readahead", o.readahead,
                   "largest window recalled ahead of a reader that reads a disk in order, e.g. 16M (the default), 0 "
                   "for none; it grows only while the reader stays in order");
+    addAllowDamagedOption(cmd, o.allowDamaged);
 }
 
 void requirePresented(const PresentedOptions& o) {

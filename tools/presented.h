@@ -19,9 +19,11 @@ struct PresentedOptions {
     std::string cache;   // one disk: its cache; several: the folder of their caches
     uint64_t cacheLimit = 0;
     uint64_t readahead = DiskOptions().readahead;  // bytes; 0: none
+    bool allowDamaged = false;
 };
 
-// --store, --disk, --client, --snapshot, --cache, --cache-limit and --readahead.
+// --store, --disk, --client, --snapshot, --cache, --cache-limit, --readahead
+// and --allow-damaged.
 void addPresentedOptions(CLI::App* command, PresentedOptions& options);
 
 // A usage error unless the options name a disk or a client.

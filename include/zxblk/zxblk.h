@@ -193,6 +193,13 @@ struct DiskOptions {
     std::string mountPoint;
     // Removes the cache folder when the disk closes (not when the process dies).
     bool dropCacheAtEnd = false;
+    // Every snapshot the disk reads from is checked as it opens (present,
+    // its size, footer and header, its ids against the catalog; no data
+    // read), and a disk with one that fails is refused with an Error naming
+    // it (notFound when missing, corruption when damaged). With this set the
+    // disk opens anyway, notices() says which snapshot is damaged, and the
+    // reads that need it fail as they come.
+    bool allowDamaged = false;
 };
 
 class Disk;

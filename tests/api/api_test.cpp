@@ -272,6 +272,25 @@ TEST(Api, ListingAndErrors) {
             EXPECT_NE(info.problem.find(r.problem), std::string::npos) << info.problem;
         }
     }
+
+    // The same chain opened as a disk: refused, naming the oldest snapshot
+    // that fails the checks of its open (a side file is not read then),
+    // unless damage is allowed; then the disk says what it presents.
+    zxblk::DiskOptions chainOptions;
+    chainOptions.cacheDir = work.path + "/cache-chain";
+    const std::string at1 = "snapshot 1 (" + copies[1]["file"].get<std::string>() + ") is damaged: file size: ";
+    try {
+        zxblk::Disk::open(store, "chain", chainOptions);
+        ADD_FAILURE() << "a damaged chain opened";
+    } catch (const zxblk::Error& e) {
+        EXPECT_EQ(std::string(e.what()).rfind("chain " + at1, 0), 0u) << e.what();
+        EXPECT_NE(std::string(e.what()).find("; snapshot 2 too"), std::string::npos) << e.what();
+        EXPECT_EQ(e.kind(), Kind::corruption);
+    }
+    chainOptions.allowDamaged = true;
+    zxblk::Disk damaged = zxblk::Disk::open(store, "chain", chainOptions);
+    ASSERT_EQ(damaged.notices().size(), 1u);
+    EXPECT_EQ(damaged.notices()[0].rfind("presenting chain snapshot 2 although " + at1, 0), 0u) << damaged.notices()[0];
 }
 
 }  // namespace
