@@ -209,6 +209,9 @@ int StoreServices::lookup(const SCParams&, const std::string& path, unsigned lon
     const CopyRecord* copy;
     const std::string local = localPath(path);
     if (!m_catalog.findCopy(local, &disk, &copy)) {
+        // Said to the reader as well: the log is seen only with -v.
+        noteFailure(local + "/Extent" + std::to_string(extent),
+                    StoreError(ErrorKind::notFound, "no copy " + path + " in store " + location()));
         LogSink::write(kLevelError, kTag, "extent lookup: no copy " + path);
         return 2;
     }
@@ -409,7 +412,17 @@ std::vector<StoreServices::Gap> StoreServices::salvageRead(const DiskRecord& dis
             break;
         }
         const bool differencing = img->kind() == ImageKind::Differencing;
-        for (const Piece& p : img->pieces(offset, length)) {
+        // A piece of a raw or fixed snapshot spans its checksum units: cut
+        // at them, so that a failed one costs only itself and is named.
+        std::vector<Piece> units;
+        const uint64_t U = img->sumUnitBytes();
+        for (const Piece& p : img->pieces(offset, length))
+            for (uint64_t at = p.virtualOffset, end = p.virtualOffset + p.length; at < end;) {
+                const uint64_t n = std::min(end - at, U - at % U);
+                units.push_back({at, n, p.fileOffset < 0 ? -1 : p.fileOffset + int64_t(at - p.virtualOffset), at / U});
+                at += n;
+            }
+        for (const Piece& p : units) {
             if (p.fileOffset < 0) continue;
             const uint64_t from = (p.virtualOffset - offset) / S, to = (p.virtualOffset + p.length - offset + S - 1) / S;
             buffer.resize(p.length);

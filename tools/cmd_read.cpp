@@ -231,8 +231,11 @@ void registerExportCommand(CLI::App& app) {
             std::optional<LocalExtent> extent;
             try {
                 extent.emplace(disk.extent(e));
-            } catch (const Error&) {
-                if (onError != "zero") throw;
+            } catch (const Error& failed) {
+                if (onError != "zero")
+                    throw Error("export of " + args.disk + " snapshot " + std::to_string(disk.snapshot()) +
+                                    " failed: " + failed.what(),
+                                failed.kind());
             }
             if (extent) {
                 sink.copyFrom(extent->fd(), 0, at, n);
