@@ -93,7 +93,8 @@ done
 cmp "$work/good" "$work/snap2.raw" || fail "the good chain does not export"
 
 # Two snapshot files swapped after import: the export fails in one line,
-# naming the file and the field, instead of serving the wrong bytes.
+# naming the first file, the field and that the other is damaged too,
+# instead of serving the wrong bytes.
 cp -a "$work/store" "$work/swapped"
 mv "$work/swapped/snapshots/base-snap1.vhd" "$work/swap.tmp"
 mv "$work/swapped/snapshots/base-snap2.vhd" "$work/swapped/snapshots/base-snap1.vhd"
@@ -102,7 +103,7 @@ if "$zxblk" export --store "$work/swapped" --disk base --out "$work/swapped.raw"
   fail "export of swapped snapshots succeeded"
 fi
 [ "$(wc -l <"$work/err")" = 1 ] && grep -q "^zxblk: " "$work/err" || { cat "$work/err"; fail "swapped: not one line"; }
-grep -q "base-snap2.vhd: .*unique id: the catalog records" "$work/err" || { cat "$work/err"; fail "swapped: file and field not named"; }
+grep -q "snapshot 1 (snapshots/base-snap1.vhd) is damaged: unique id: the catalog records .*; snapshot 2 too" "$work/err" || { cat "$work/err"; fail "swapped: file and field not named"; }
 echo "ok: swapped snapshots -> $(cat "$work/err")"
 
 # A snapshot file cut short after import: export fails with one line and
