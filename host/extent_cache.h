@@ -54,7 +54,8 @@ public:
     // of a run that did not close it cleanly or that belong to another
     // identity, and trims them to the limit. Throws StoreError.
     ExtentCache(const std::string& dir, const CacheIdentity& identity, const Options& options);
-    // Syncs the cache at a clean close and takes the dirty mark away, or
+    // Syncs the extent files moved in since the cache was last durable, and
+    // their folders, at a clean close and takes the dirty mark away, or
     // removes it all (dropAtEnd). No recall may be under way.
     ~ExtentCache();
     ExtentCache(const ExtentCache&) = delete;
@@ -110,6 +111,7 @@ private:
     };
 
     void lockFolder();
+    std::string syncExtents(const std::vector<uint64_t>& extents);
     void checkIdentity(const CacheIdentity& identity) EXCLUDES(m_mutex);
     void drop(const std::string& why) EXCLUDES(m_mutex);
     std::shared_ptr<ExtentFile> openLocked(uint64_t extent) REQUIRES(m_mutex);
