@@ -130,3 +130,25 @@ assert all(f["damaged"] and f["block"] >= 0 for f in found), found
 assert sorted((f["offset"], f["length"], f["snapshot"]) for f in found) == want, found
 PY
 echo "ok: bad map and export --json name the $(wc -l <"$work/runs") runs lost, verify --json the $(wc -l <"$work/blocks") blocks"
+
+# A fixed VHD is checked in units of 2 MiB: a flipped byte in the second
+# costs disk bytes 2 MiB to 4 MiB, named as its block 1, and nothing else.
+head -c $((6 * 1048576)) /dev/urandom >"$work/fixed.raw"
+qemu-img convert -q -f raw -O vpc -o subformat=fixed,force_size=on "$work/fixed.raw" "$work/fixed.vhd"
+"$zxblk" import --store "$store" --disk fixed "$work/fixed.vhd" >/dev/null
+python3 -c '
+import sys
+with open(sys.argv[1], "r+b") as f:
+    f.seek(3 * 1048576 + 12345); b = f.read(1); f.seek(-1, 1); f.write(bytes([b[0] ^ 1]))' "$store/snapshots/fixed-snap0.vhd"
+touch -r "$work/fixed.vhd" "$store/snapshots/fixed-snap0.vhd"
+rc=0
+"$zxblk" export --store "$store" --disk fixed --cache "$work/c3" --out "$work/fixed.out" --on-error zero --json \
+  >"$work/json" 2>/dev/null || rc=$?
+[ "$rc" = 3 ] || fail "fixed: salvage exited $rc, not 3"
+cmp "$work/fixed.out" <(head -c $((2 * 1048576)) "$work/fixed.raw"; head -c $((2 * 1048576)) /dev/zero
+                         tail -c $((2 * 1048576)) "$work/fixed.raw") || fail "fixed: not exactly unit 1 zeroed"
+python3 -c '
+import json, sys
+f = [(r["offset"], r["length"], r["block"]) for r in json.load(open(sys.argv[1]))["filled"]]
+assert f == [(2 << 20, 1 << 20, 1), (3 << 20, 1 << 20, 1)], f' "$work/json" || fail "fixed: filled ranges"
+echo "ok: fixed VHD: unit 1 (2 MiB) zeroed and named"
