@@ -175,7 +175,9 @@ void Readahead::prefetch(std::vector<uint64_t> extents) {
             if (stopping()) return;
             if (e >= m_extentCount) continue;
             try {
-                m_pool.ensure(e, false);
+                // A recorded extent that no snapshot holds reads as zeros
+                // without a recall; recalling it would only fill the cache.
+                if (m_pool.holdsData(e)) m_pool.ensure(e, false);
             } catch (const StoreError& err) {
                 LogSink::write(kLevelError, kTag, std::string("prefetch: ") + err.what());
             }

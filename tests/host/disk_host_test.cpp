@@ -390,6 +390,19 @@ TEST_F(DiskHostTest, PrefetchMakesExtentsLocalWithoutARead) {
         EXPECT_EQ(host.stats().extentsRecalled, 3u);
     }
     {
+        // An extent that no snapshot holds is neither recalled nor counted:
+        // it reads as zeros without one.
+        zxblk::DiskHost host(services(), options(dir + "/base", 64 * E, 0));
+        uint64_t hole = 0;
+        while (hole < n && host.holdsData(hole)) ++hole;
+        ASSERT_LT(hole, n) << "the base holds every extent: no hole to prefetch";
+        host.prefetch({hole});
+        host.prefetch({});  // waits for the one before
+        EXPECT_TRUE(cached(host).empty());
+        EXPECT_EQ(host.stats().extentsRecalled, 0u);
+        EXPECT_EQ(host.services().stats().jobs, 0u);
+    }
+    {
         // A host that goes while a prefetch is under way stops it and leaves no temporaries.
         zxblk::DiskHost host(services(), options(dir + "/gone", 64 * E));
         std::vector<uint64_t> all(n);
