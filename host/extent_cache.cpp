@@ -112,7 +112,7 @@ void ExtentCache::lockFolder() {
                 m_lock.reset();
                 throw StoreError(ErrorKind::busy, "the extent cache " + m_dir + " is in use by another zxblk process" +
                                                       (h.pid > 0 ? " (" + h.describe() + ")" : std::string()) +
-                                                      "; give this command a cache of its own with --cache DIR");
+                                                      "; open the disk with a cache folder of its own");
             }
             // A cache removed while this process waited for it: its lock
             // went with it.

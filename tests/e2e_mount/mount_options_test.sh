@@ -93,7 +93,7 @@ pid=$(daemon_of "$work/m")
 t "$zxblk" export --store "$work/store" --disk e --out "$work/e.out" >/dev/null 2>&1 || fail "export of e"
 rc=0
 t "$zxblk" export --store "$work/store" --disk d --out "$work/d.out" 2>"$work/err" || rc=$?
-grep -qx "zxblk: the extent cache $root/.*-d-snap0 is in use by another zxblk process (pid $pid, mounted on $work/m); give this command a cache of its own with --cache DIR" "$work/err" &&
+grep -qx "zxblk: the extent cache $root/.*-d-snap0 is in use by another zxblk process (pid $pid, mounted on $work/m); open the disk with a cache folder of its own (--cache DIR)" "$work/err" &&
   [ $rc = 1 ] && [ -z "$(ls -a "$work" | grep d.out)" ] || { cat "$work/err"; fail "export of a mounted snapshot: exit $rc"; }
 t "$zxblk" export --store "$work/store" --disk d --cache "$work/c-export" --out "$work/d.out" >/dev/null 2>&1 &&
   cmp "$work/d.out" "$work/d.raw" || fail "export with a cache of its own"

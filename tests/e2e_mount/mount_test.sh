@@ -37,7 +37,7 @@ if t "$zxblk" mount --store "$work/store" --disk chain --cache "$work/cache1" "$
   mounts+=("$work/m1b")
   fail "a second mount of one cache"
 fi
-grep -q "^zxblk: the extent cache $work/cache1 is in use by another zxblk process (pid [0-9]*, mounted on $work/m1); give this command a cache of its own with --cache DIR$" "$work/err" ||
+grep -q "^zxblk: the extent cache $work/cache1 is in use by another zxblk process (pid [0-9]*, mounted on $work/m1); open the disk with a cache folder of its own (--cache DIR)$" "$work/err" ||
   { cat "$work/err"; fail "second mount: unclear refusal"; }
 mounted "$work/m1b" && fail "the refused mount is mounted"
 ok "a second mount of the same cache is refused in one line: $(cat "$work/err")"
