@@ -94,6 +94,11 @@ python3 -c 'import json,sys; d=json.load(open(sys.argv[1])); assert d["bytes"] =
   { cat "$work/sum"; fail "export --json"; }
 qemu-img convert -f vpc -O raw "$work/b.vhd" "$work/b.ref"
 cmp "$work/b.raw" "$work/b.ref" || fail "export differs from qemu-img"
+# A cache folder taken for another disk is emptied, and the command says so itself.
+"$zxblk" read --store "$s" --disk b --cache "$work/c5" --offset 0 --length 4096 >/dev/null
+"$zxblk" read --store "$s" --disk a --cache "$work/c5" --offset 0 --length 4096 >/dev/null 2>"$work/err"
+[ "$(cat "$work/err")" = "zxblk: note: extent cache $work/c5 held another disk or snapshot list; its extents were dropped" ] ||
+  { cat "$work/err"; fail "a cache reused for another disk: not said"; }
 "$zxblk" export -q --store "$s" --disk b --out "$work/b2.raw" --cache "$work/c2" >"$work/out" 2>&1
 [ ! -s "$work/out" ] || { cat "$work/out"; fail "export -q printed something"; }
 # For the refusals below: a copy of the store in which one byte of b's data
