@@ -127,7 +127,8 @@ int main(int argc, char** argv) {
     CLI::App app{"zxblk: present backed-up virtual disks without restoring them first", "zxblk"};
     app.require_subcommand(1);
     app.set_version_flag("--version", std::string("zxblk ") + ZXBLK_VERSION);
-    app.footer("Exit codes: 0 success; 1 failure, with one line on standard error saying why; 2 usage error.");
+    app.footer("Exit codes: 0 success; 1 failure, with one line on standard error saying why; 2 usage error; "
+               "3 an export --on-error zero that filled damaged ranges with zeros.");
     zxblk::registerImportCommand(app);
     zxblk::registerListCommand(app);
     zxblk::registerExportCommand(app);
