@@ -1,5 +1,6 @@
 #include "cli_util.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "zxblk/zxblk.h"
 
 namespace zxblk {
 
@@ -133,6 +135,66 @@ void Progress::finish() {
 
 void sayNotices(const std::vector<std::string>& notices) {
     for (const std::string& notice : notices) std::fprintf(stderr, "zxblk: note: %s\n", notice.c_str());
+}
+
+namespace {
+
+volatile sig_atomic_t g_stopSignal = 0;
+struct sigaction g_previous[2];
+const int kStopSignals[2] = {SIGINT, SIGTERM};
+
+void askToStop(int signo) {
+    g_stopSignal = signo;
+    // A second signal is not asked again: it ends the process.
+    struct sigaction plain = {};
+    plain.sa_handler = SIG_DFL;
+    for (int s : kStopSignals) ::sigaction(s, &plain, nullptr);
+}
+
+}  // namespace
+
+StopSignals::StopSignals() {
+    g_stopSignal = 0;
+    struct sigaction ask = {};
+    ask.sa_handler = askToStop;
+    // The library's waits and the copies go on where a signal broke in;
+    // the command looks at the flag between its steps.
+    ask.sa_flags = SA_RESTART;
+    sigemptyset(&ask.sa_mask);
+    for (int s : kStopSignals) sigaddset(&ask.sa_mask, s);
+    // Installed even where the signal was ignored (a shell starts background
+    // jobs with SIGINT ignored): a stop asked for is a stop, as for mount.
+    for (int i = 0; i < 2; ++i) ::sigaction(kStopSignals[i], &ask, &g_previous[i]);
+}
+
+StopSignals::~StopSignals() {
+    for (int i = 0; i < 2; ++i) ::sigaction(kStopSignals[i], &g_previous[i], nullptr);
+}
+
+int StopSignals::received() const { return g_stopSignal; }
+
+std::string StopSignals::name() const {
+    return received() == SIGINT ? "SIGINT" : received() == SIGTERM ? "SIGTERM" : "signal " + std::to_string(received());
+}
+
+void StopSignals::check() const {
+    if (received()) throw Error("stopped by " + name(), ErrorKind::unavailable);
+}
+
+void StopSignals::end(const std::string& line) {
+    const int signo = received() ? received() : SIGTERM;
+    std::fprintf(stderr, "zxblk: %s\n", line.c_str());
+    std::fflush(nullptr);
+    struct sigaction plain = {};
+    plain.sa_handler = SIG_DFL;
+    ::sigaction(signo, &plain, nullptr);
+    sigset_t only;
+    sigemptyset(&only);
+    sigaddset(&only, signo);
+    ::pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
+    ::raise(signo);
+    // Not reached unless something blocks the signal in this thread.
+    ::_exit(128 + signo);
 }
 
 std::string absolutePath(const std::string& path) {

@@ -76,6 +76,30 @@ private:
 // why), each as a line "zxblk: note: ..." on standard error.
 void sayNotices(const std::vector<std::string>& notices);
 
+// SIGINT and SIGTERM while a command that makes files runs (export,
+// import). The first only raises a flag, which the command looks at between
+// steps: it stops there, its objects remove what they made as they go, and
+// end() then says so and ends the process as the signal would have. A
+// second signal ends it at once, as a kill would.
+// One per process at a time: a signal handler has nowhere else to write.
+class StopSignals {
+public:
+    StopSignals();
+    // Puts back the handlers there were before.
+    ~StopSignals();
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+    // The signal that asked to stop, or 0.
+    int received() const;
+    // "SIGINT", "SIGTERM".
+    std::string name() const;
+    // Throws zxblk::Error once a signal asked to stop.
+    void check() const;
+    // Says `line` ("zxblk: " first) and dies of the signal received, so that
+    // a calling shell sees it (exit status 128 + its number).
+    [[noreturn]] void end(const std::string& line);
+};
+
 // A path made absolute and plain ("a/../b/" is "/cwd/b"): a server or a
 // mount runs from "/".
 std::string absolutePath(const std::string& path);

@@ -177,6 +177,113 @@ std::string sizeText(uint64_t n) {
     return std::to_string(n) + " bytes";
 }
 
+// The export proper. `leaves` says what a stop part way leaves at `out`.
+void exportDisk(const DiskArgs& args, const std::string& out, const std::string& onError, const std::string& badMap,
+                const StopSignals& stop, std::string& leaves) {
+    Disk disk = openDisk(args);
+    reuseBlockBuffers(disk);
+    const uint64_t E = disk.extentSize(), total = disk.size(), count = disk.extentCount();
+    ExportSink sink(out, total);
+    for (const std::string& r : sink.removed()) sayNotices({"removed a leftover of a killed export: " + r});
+    if (sink.inPlace()) leaves = sink.describe() + " holds part of the disk";
+    Progress progress("export " + args.disk, total);
+    auto start = std::chrono::steady_clock::now();
+    // Recalls run this many extents holding data ahead of the one being
+    // written, so that recalling and writing overlap, and a store a
+    // network away has as many recalls at once as a disk of it runs.
+    // The allocation map is walked once: the extents are written in the
+    // order they were asked for.
+    const uint64_t window = 32;
+    DataExtents held(disk);
+    std::deque<uint64_t> ahead;
+    Filled filled;
+    std::vector<char> salvage;
+    for (uint64_t written = 0;;) {
+        stop.check();
+        while (ahead.size() < window) {
+            uint64_t e = held.next();
+            if (e >= count) break;
+            disk.prefetch(e * E, std::min(E, total - e * E));
+            ahead.push_back(e);
+        }
+        const uint64_t e = ahead.empty() ? count : ahead.front();
+        if (!ahead.empty()) ahead.pop_front();
+        // What no snapshot holds is zeros, a hole where the output can
+        // hold one: nothing to recall.
+        const uint64_t at = std::min(e * E, total);
+        if (at > written) sink.zeros(written, at - written);
+        if (e >= count) break;
+        const uint64_t n = std::min(E, total - at);
+        std::optional<LocalExtent> extent;
+        try {
+            extent.emplace(disk.extent(e));
+        } catch (const Error& failed) {
+            if (onError != "zero")
+                throw Error("export of " + args.disk + " snapshot " + std::to_string(disk.snapshot()) +
+                                " failed: " + failed.what(),
+                            failed.kind());
+        }
+        if (extent) {
+            sink.copyFrom(extent->fd(), 0, at, n);
+            extent.reset();
+        } else {
+            // Read again past the damage: only the blocks that fail
+            // their checks become zeros, not the rest of the extent.
+            salvage.resize(n);
+            for (SalvagedRange& r : disk.readSalvaged(at, n, salvage.data())) filled.ranges.push_back(std::move(r));
+            sink.write(salvage.data(), at, n);
+        }
+        // A recalled extent is not kept: an export reads each once.
+        disk.dropExtent(e);
+        written = at + n;
+        progress.update(written);
+    }
+    progress.update(total);
+    stop.check();
+    sink.commit();
+    progress.finish();
+    if (!badMap.empty())
+        writeBadMap(badMap, args.disk + " snapshot " + std::to_string(disk.snapshot()), total, filled);
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    unsigned long long recalled = statValue(disk.statsText(), "extents_recalled");
+    // The image may be going to standard output: the summary goes beside it.
+    std::FILE* report = sink.toStandardOutput() ? stderr : stdout;
+    if (commonOptions().json) {
+        nlohmann::json summary = {{"disk", args.disk},          {"snapshot", disk.snapshot()},
+                                  {"out", sink.describe()},     {"bytes", total},
+                                  {"extentsRecalled", recalled}, {"seconds", seconds}};
+        const DiskStats st = disk.stats();
+        if (st.remote)
+            summary["store"] = {{"gets", st.storeGets},
+                                {"getBytes", st.storeGetBytes},
+                                {"retries", st.storeRetries},
+                                {"rttSeconds", st.storeRttSeconds},
+                                {"bytesPerSecond", st.storeBytesPerSecond},
+                                {"heldPeak", st.storeHeldPeak}};
+        if (onError == "zero") {
+            summary["filled"] = nlohmann::json::array();
+            for (const SalvagedRange& r : filled.ranges)
+                summary["filled"].push_back({{"offset", r.offset}, {"length", r.length}, {"snapshot", r.snapshot},
+                                             {"file", r.file},     {"block", r.block},   {"why", r.why}});
+        }
+        std::fprintf(report, "%s\n", summary.dump(2).c_str());
+    } else if (!quiet()) {
+        std::fprintf(report, "exported %s snapshot %d to %s: %llu extents recalled, %llu bytes, %.2f s, %.1f MiB/s\n",
+                 args.disk.c_str(), disk.snapshot(), sink.describe().c_str(), recalled,
+                 static_cast<unsigned long long>(total), seconds, seconds > 0 ? total / 1048576.0 / seconds : 0.0);
+    }
+    if (filled.ranges.empty()) return;
+    // One line, however many: the ranges are in the map and the JSON.
+    std::fprintf(stderr, "export of %s snapshot %d: %zu damaged ranges (%s) filled with zeros; %s\n",
+                 args.disk.c_str(), disk.snapshot(), filled.merged().size(), sizeText(filled.bytes()).c_str(),
+                 badMap.empty() ? "--bad-map FILE lists them" : ("see " + badMap).c_str());
+    // Exit 3 says the image is complete but holds zeros for what was
+    // lost; the disk is closed first, as a return would close it.
+    { Disk closing = std::move(disk); }
+    std::fflush(nullptr);
+    std::exit(3);
+}
+
 }  // namespace
 
 void registerExportCommand(CLI::App& app) {
@@ -197,104 +304,17 @@ void registerExportCommand(CLI::App& app) {
     addJsonOption(cmd);
     cmd->callback([] {
         applyCommonOptions();
-        Disk disk = openDisk(args);
-        reuseBlockBuffers(disk);
-        const uint64_t E = disk.extentSize(), total = disk.size(), count = disk.extentCount();
-        ExportSink sink(out, total);
-        Progress progress("export " + args.disk, total);
-        auto start = std::chrono::steady_clock::now();
-        // Recalls run this many extents holding data ahead of the one being
-        // written, so that recalling and writing overlap, and a store a
-        // network away has as many recalls at once as a disk of it runs.
-        // The allocation map is walked once: the extents are written in the
-        // order they were asked for.
-        const uint64_t window = 32;
-        DataExtents held(disk);
-        std::deque<uint64_t> ahead;
-        Filled filled;
-        std::vector<char> salvage;
-        for (uint64_t written = 0;;) {
-            while (ahead.size() < window) {
-                uint64_t e = held.next();
-                if (e >= count) break;
-                disk.prefetch(e * E, std::min(E, total - e * E));
-                ahead.push_back(e);
-            }
-            const uint64_t e = ahead.empty() ? count : ahead.front();
-            if (!ahead.empty()) ahead.pop_front();
-            // What no snapshot holds is zeros, a hole where the output can
-            // hold one: nothing to recall.
-            const uint64_t at = std::min(e * E, total);
-            if (at > written) sink.zeros(written, at - written);
-            if (e >= count) break;
-            const uint64_t n = std::min(E, total - at);
-            std::optional<LocalExtent> extent;
-            try {
-                extent.emplace(disk.extent(e));
-            } catch (const Error& failed) {
-                if (onError != "zero")
-                    throw Error("export of " + args.disk + " snapshot " + std::to_string(disk.snapshot()) +
-                                    " failed: " + failed.what(),
-                                failed.kind());
-            }
-            if (extent) {
-                sink.copyFrom(extent->fd(), 0, at, n);
-                extent.reset();
-            } else {
-                // Read again past the damage: only the blocks that fail
-                // their checks become zeros, not the rest of the extent.
-                salvage.resize(n);
-                for (SalvagedRange& r : disk.readSalvaged(at, n, salvage.data())) filled.ranges.push_back(std::move(r));
-                sink.write(salvage.data(), at, n);
-            }
-            // A recalled extent is not kept: an export reads each once.
-            disk.dropExtent(e);
-            written = at + n;
-            progress.update(written);
+        StopSignals stop;
+        // What an export stopped by a signal leaves where it was writing.
+        std::string leaves = "nothing written to " + out;
+        try {
+            exportDisk(args, out, onError, badMap, stop, leaves);
+        } catch (...) {
+            // Whatever the signal broke off, the export stopped for it; the
+            // temporary and the disk went as the stack unwound.
+            if (!stop.received()) throw;
+            stop.end("export of " + args.disk + " stopped by " + stop.name() + "; " + leaves);
         }
-        progress.update(total);
-        sink.commit();
-        progress.finish();
-        if (!badMap.empty())
-            writeBadMap(badMap, args.disk + " snapshot " + std::to_string(disk.snapshot()), total, filled);
-        double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        unsigned long long recalled = statValue(disk.statsText(), "extents_recalled");
-        // The image may be going to standard output: the summary goes beside it.
-        std::FILE* report = sink.toStandardOutput() ? stderr : stdout;
-        if (commonOptions().json) {
-            nlohmann::json summary = {{"disk", args.disk},          {"snapshot", disk.snapshot()},
-                                      {"out", sink.describe()},     {"bytes", total},
-                                      {"extentsRecalled", recalled}, {"seconds", seconds}};
-            const DiskStats st = disk.stats();
-            if (st.remote)
-                summary["store"] = {{"gets", st.storeGets},
-                                    {"getBytes", st.storeGetBytes},
-                                    {"retries", st.storeRetries},
-                                    {"rttSeconds", st.storeRttSeconds},
-                                    {"bytesPerSecond", st.storeBytesPerSecond},
-                                    {"heldPeak", st.storeHeldPeak}};
-            if (onError == "zero") {
-                summary["filled"] = nlohmann::json::array();
-                for (const SalvagedRange& r : filled.ranges)
-                    summary["filled"].push_back({{"offset", r.offset}, {"length", r.length}, {"snapshot", r.snapshot},
-                                                 {"file", r.file},     {"block", r.block},   {"why", r.why}});
-            }
-            std::fprintf(report, "%s\n", summary.dump(2).c_str());
-        } else if (!quiet()) {
-            std::fprintf(report, "exported %s snapshot %d to %s: %llu extents recalled, %llu bytes, %.2f s, %.1f MiB/s\n",
-                     args.disk.c_str(), disk.snapshot(), sink.describe().c_str(), recalled,
-                     static_cast<unsigned long long>(total), seconds, seconds > 0 ? total / 1048576.0 / seconds : 0.0);
-        }
-        if (filled.ranges.empty()) return;
-        // One line, however many: the ranges are in the map and the JSON.
-        std::fprintf(stderr, "export of %s snapshot %d: %zu damaged ranges (%s) filled with zeros; %s\n",
-                     args.disk.c_str(), disk.snapshot(), filled.merged().size(), sizeText(filled.bytes()).c_str(),
-                     badMap.empty() ? "--bad-map FILE lists them" : ("see " + badMap).c_str());
-        // Exit 3 says the image is complete but holds zeros for what was
-        // lost; the disk is closed first, as a return would close it.
-        { Disk closing = std::move(disk); }
-        std::fflush(nullptr);
-        std::exit(3);
     });
 }
 

@@ -48,13 +48,25 @@ void registerImportCommand(CLI::App& app) {
         applyCommonOptions();
         ImportOptions run = options;
         run.format = format == "raw" ? ImageFormat::raw : format == "vhd" ? ImageFormat::vhd : ImageFormat::automatic;
+        StopSignals stop;
         std::unique_ptr<Progress> progress;
-        run.progress = [&progress](uint64_t done, uint64_t total) {
+        run.progress = [&progress, &stop](uint64_t done, uint64_t total) {
+            // Called as each stretch of an image goes into the store: a stop
+            // thrown from here unwinds the import, which removes what it
+            // staged; the catalog changes only after the last stretch.
+            stop.check();
             if (!progress)
                 progress = std::make_unique<Progress>("import " + (images.size() == 1 ? images.front() : disk), total);
             progress->update(done);
         };
-        std::vector<std::string> lines = Store::importImages(store, disk, images, run);
+        std::vector<std::string> lines;
+        try {
+            lines = Store::importImages(store, disk, images, run);
+        } catch (...) {
+            if (!stop.received()) throw;
+            progress.reset();
+            stop.end("import into " + store + " stopped by " + stop.name() + "; nothing imported");
+        }
         if (progress) progress->finish();
         for (const std::string& line : lines) std::printf("%s\n", line.c_str());
     });

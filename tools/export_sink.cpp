@@ -1,6 +1,8 @@
 #include "export_sink.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -28,6 +30,41 @@ std::string folderOf(const std::string& path) {
     return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// Removes the temporaries that exports to `name` in `folder` left when
+// they were killed: names this sink makes (".NAME.zxblk-PID-XXXXXX"),
+// regular files of this user, of a process that no longer runs. A running
+// export's temporary, or one whose process id came back to another
+// process, stays. Returns what it removed.
+std::vector<std::string> removeKilledTemporaries(const std::string& folder, const std::string& name) {
+    std::vector<std::string> removed;
+    const std::string prefix = "." + name + ".zxblk-";
+    DIR* dir = ::opendir(folder.c_str());
+    if (!dir) return removed;
+    while (const dirent* entry = ::readdir(dir)) {
+        const std::string entryName = entry->d_name;
+        if (entryName.compare(0, prefix.size(), prefix) != 0) continue;
+        const std::string rest = entryName.substr(prefix.size());
+        const size_t dash = rest.find('-');
+        if (dash == 0 || dash > 9 || rest.size() != dash + 7 || rest[0] == '0' ||
+            rest.find_first_not_of("0123456789") != dash)
+            continue;
+        if (rest.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789", dash + 1) !=
+            std::string::npos)
+            continue;
+        const pid_t pid = static_cast<pid_t>(std::stol(rest.substr(0, dash)));
+        if (pid == ::getpid() || ::kill(pid, 0) == 0 || errno != ESRCH) continue;
+        struct stat st;
+        if (::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode) ||
+            st.st_uid != ::geteuid())
+            continue;
+        if (::unlinkat(::dirfd(dir), entry->d_name, 0) == 0)
+            removed.push_back((folder == "/" ? "" : folder) + "/" + entryName + " (process " +
+                              std::to_string(pid) + " is gone)");
+    }
+    ::closedir(dir);
+    return removed;
+}
+
 }  // namespace
 
 ExportSink::ExportSink(const std::string& target, uint64_t size) : m_target(target), m_what(target) {
@@ -46,7 +83,8 @@ ExportSink::ExportSink(const std::string& target, uint64_t size) : m_target(targ
         // A new or regular file: written in full under a temporary name, so
         // a reader never takes a half-written image for the disk.
         std::string name = target.substr(target.rfind('/') + 1);
-        std::string pattern = folderOf(target) + "/." + name + ".zxblk-XXXXXX";
+        m_removed = removeKilledTemporaries(folderOf(target), name);
+        std::string pattern = folderOf(target) + "/." + name + ".zxblk-" + std::to_string(::getpid()) + "-XXXXXX";
         std::vector<char> temp(pattern.begin(), pattern.end());
         temp.push_back('\0');
         m_fd = ::mkostemp(temp.data(), O_CLOEXEC);

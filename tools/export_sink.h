@@ -2,10 +2,13 @@
 // written sparse under a temporary name in its folder and renamed over the
 // target once complete and synced; a block device, FIFO, character device,
 // symbolic link or standard output ("-") is written in place and never
-// renamed over.
+// renamed over. The temporary's name carries the exporting process's id
+// (".NAME.zxblk-PID-XXXXXX"), so that the next export to the same target
+// knows one whose process is gone (killed) and removes it.
 #pragma once
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace zxblk {
 
@@ -31,6 +34,11 @@ public:
     // Syncs what was written (once) and puts a temporary in place.
     void commit();
     const std::string& describe() const { return m_what; }
+    // Whether the target itself is being written (no temporary): what is
+    // there after a failure is part of the disk.
+    bool inPlace() const { return m_temp.empty(); }
+    // The leftovers of killed exports that opening removed, one line each.
+    const std::vector<std::string>& removed() const { return m_removed; }
     // Whether the image goes where standard output goes ("-", /dev/stdout).
     bool toStandardOutput() const;
 
@@ -50,6 +58,7 @@ private:
     uint64_t m_base = 0;        // where the disk starts in the target
     uint64_t m_streamed = 0;    // bytes written so far to a stream
     bool m_copyRange = true;    // copy_file_range works between these files
+    std::vector<std::string> m_removed;
 };
 
 }  // namespace zxblk
