@@ -16,6 +16,7 @@ PACKAGES=(
   qemu-utils libvhdi-utils e2fsprogs python3 strace cryptsetup-bin
   libblkid-dev fdisk gdisk python3-libnbd
   ceph radosgw libcurl4-openssl-dev uuid-runtime libpugixml-dev qemu-block-extra
+  qemu-system-x86 seabios ipxe-qemu busybox-static extlinux syslinux-common
 )
 
 say() { printf '==> %s\n' "$*"; }
