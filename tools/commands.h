@@ -36,5 +36,6 @@ void registerVerifyCommand(CLI::App& app);
 void registerCacheCommand(CLI::App& app);
 void registerStatsCommand(CLI::App& app);
 void registerServeCommand(CLI::App& app);
+void registerBootCommand(CLI::App& app);
 
 }  // namespace zxblk

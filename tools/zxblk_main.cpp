@@ -135,6 +135,7 @@ int main(int argc, char** argv) {
     zxblk::registerReadCommand(app);
     zxblk::registerMountCommand(app);
     zxblk::registerServeCommand(app);
+    zxblk::registerBootCommand(app);
     zxblk::registerIndexCommand(app);
     zxblk::registerDemoCommand(app);
     zxblk::registerVerifyCommand(app);
