@@ -7,6 +7,7 @@
 // asks the guest to power down (QMP system_powerdown) and stops qemu only
 // when it has not within a time-out.
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -179,12 +180,16 @@ pid_t startQemu(const std::vector<std::string>& args, const ConsoleRelay& consol
     std::vector<char*> argv;
     for (const std::string& s : args) argv.push_back(const_cast<char*>(s.c_str()));
     argv.push_back(nullptr);
+    const pid_t parent = ::getpid();
     pid_t pid = ::fork();
     if (pid < 0) throw Error(std::string("cannot start qemu: ") + std::strerror(errno), ErrorKind::unavailable);
     if (pid > 0) return pid;
     // A process group of its own: Ctrl-C on the terminal is for zxblk,
     // which powers the VM down, not for qemu, which would just end.
     ::setpgid(0, 0);
+    // A zxblk killed outright takes qemu with it, as nbdkit goes with it.
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (::getppid() != parent) _exit(127);
     ::dup2(typed ? console.childInput() : nullFd, 0);
     ::dup2(console.childOutput(), 1);
     ::dup2(logFd, 2);
