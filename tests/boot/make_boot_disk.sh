@@ -45,6 +45,7 @@ while [ $# -gt 0 ]; do
     *) [ -z "$out" ] || die "one output folder only ($out, $1)"; out=$1; shift ;;
   esac
 done
+case $chain_tool in */*) chain_tool=$(realpath "$chain_tool") ;; esac
 [ $fetch_only = 1 ] || [ -n "$out" ] || die "usage: make_boot_disk.sh OUT_DIR [options] (see the script's head)"
 case $size_mib in '' | *[!0-9]*) die "--size takes MiB, not '$size_mib'" ;; esac
 case $data_kib in '' | *[!0-9]*) die "--data-size takes KiB, not '$data_kib'" ;; esac
