@@ -33,6 +33,7 @@ skip() { echo "skipped: $*" >&2; exit 77; }
 out="" size_mib=64 data_kib=1024 marker="ZXBLK-GUEST-UP" uuid="" chain_tool="" fetch_only=0
 cache=${ZXBLK_TEST_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zxblk-test}
 while [ $# -gt 0 ]; do
+  case $1 in --size | --data-size | --marker | --uuid | --cache | --chain) [ $# -ge 2 ] || die "$1 needs a value" ;; esac
   case $1 in
     --size) size_mib=$2; shift 2 ;;
     --data-size) data_kib=$2; shift 2 ;;
@@ -224,8 +225,8 @@ EOF
 start=2048
 part_sectors=$((size_mib * 2048 - start))
 part=$work/part.img
-mke2fs -q -F -t ext4 -b 4096 -L zxboot -U "$uuid" -E "hash_seed=$uuid" -d "$root" "$part" $((part_sectors / 8)) >/dev/null ||
-  die "mke2fs failed"
+mke2fs -q -F -t ext4 -b 4096 -L zxboot -U "$uuid" -E "hash_seed=$uuid" -d "$root" "$part" $((part_sectors / 8)) >/dev/null 2>"$work/mke2fs.err" ||
+  die "mke2fs: $(tail -1 "$work/mke2fs.err") (the root holds $(du -sm "$root" | cut -f1) MiB: a larger --size?)"
 mnt=$work/mnt
 mkdir "$mnt"
 mount -o loop "$part" "$mnt" || skip "cannot loop-mount the partition image"
