@@ -239,6 +239,9 @@ void exportDisk(const DiskArgs& args, const std::string& out, const std::string&
         progress.update(written);
     }
     progress.update(total);
+    // A stop asked for while the image was synced still leaves the target
+    // as it was: only the rename below replaces it.
+    sink.sync();
     stop.check();
     sink.commit();
     progress.finish();

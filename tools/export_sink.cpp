@@ -212,9 +212,14 @@ bool ExportSink::toStandardOutput() const {
                          mine.st_ino == out.st_ino);
 }
 
-void ExportSink::commit() {
+void ExportSink::sync() {
     // The only sync of an export: its output, once, at the end.
-    if (m_sync && ::fsync(m_fd) != 0) fail(m_what, errno);
+    if (m_sync && !m_synced && ::fsync(m_fd) != 0) fail(m_what, errno);
+    m_synced = true;
+}
+
+void ExportSink::commit() {
+    sync();
     if (m_temp.empty()) return;
     if (::rename(m_temp.c_str(), m_target.c_str()) != 0) fail(m_target, errno);
     m_temp.clear();

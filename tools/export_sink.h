@@ -31,7 +31,9 @@ public:
     // Writes `length` zero bytes of the disk at `offset` (a hole where the
     // target can hold one).
     void zeros(uint64_t offset, uint64_t length);
-    // Syncs what was written (once) and puts a temporary in place.
+    // Syncs what was written, once: after it, commit() only renames.
+    void sync();
+    // Syncs (unless sync() did) and puts a temporary in place.
     void commit();
     const std::string& describe() const { return m_what; }
     // Whether the target itself is being written (no temporary): what is
@@ -55,6 +57,7 @@ private:
     bool m_sparse = false;      // holes may be left unwritten (a regular file)
     bool m_positional = false;  // pwrite at offsets; otherwise a stream in order
     bool m_sync = false;        // fsync at the end (not for pipes and terminals)
+    bool m_synced = false;
     uint64_t m_base = 0;        // where the disk starts in the target
     uint64_t m_streamed = 0;    // bytes written so far to a stream
     bool m_copyRange = true;    // copy_file_range works between these files
