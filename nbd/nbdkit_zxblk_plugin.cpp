@@ -83,10 +83,14 @@ std::unique_ptr<zxblk::Store> g_store;
 std::mutex g_openMutex;
 std::map<std::string, std::shared_ptr<zxblk::Disk>> g_open;  // by Export::key(), under g_openMutex
 
-// A connection: its export and the disk, fixed when it opens.
+// A connection: its export and the disk, fixed when it opens. The disk
+// belongs to g_open, not to the connection: nbdkit told to stop while
+// requests run ends their threads without closing their connections, and
+// cleanup must still close every disk, so that no recall or readahead
+// thread outlives the plugin into the process's exit.
 struct Connection {
     const Export* exp;
-    std::shared_ptr<zxblk::Disk> disk;
+    zxblk::Disk* disk;
 };
 
 std::string absolute(const char* value) {
@@ -445,7 +449,7 @@ void* openConnection(int) {
     const Export& e = g_exports[it->second];
     try {
         std::lock_guard<std::mutex> lock(g_openMutex);
-        return new Connection{&e, openLocked(e)};
+        return new Connection{&e, openLocked(e).get()};
     } catch (const std::exception& x) {
         nbdkit_error("export %s: %s", e.name.c_str(), x.what());
         return nullptr;
