@@ -202,6 +202,8 @@ int boot(BootArgs& a) {
     const std::string qemu = findProgram("qemu-system-x86_64", "qemu-system-x86");
     const std::string qemuImg = findProgram("qemu-img", "qemu-utils");
     std::vector<std::string> extra = splitShellWords(a.qemuExtra);
+    // A client the store lacks is told before any folder is made for it.
+    Store::open(a.disks.store).client(a.client);
     if (a.overlayDir.empty()) a.overlayDir = defaultOverlayDir(a.disks.store, a.client);
     OverlayFolder folder(a.overlayDir);
     std::vector<PresentedDisk> list;

@@ -93,7 +93,10 @@ std::vector<std::string> splitShellWords(const std::string& text) {
 }
 
 std::vector<std::string> qemuArgs(const VmSpec& s) {
-    std::vector<std::string> a = {s.qemu, "-name", s.name, "-nodefaults", "-no-user-config", "-display", "none"};
+    // A comma in an option's value is written twice.
+    std::string name;
+    for (char c : s.name) name += c == ',' ? std::string(",,") : std::string(1, c);
+    std::vector<std::string> a = {s.qemu, "-name", name, "-nodefaults", "-no-user-config", "-display", "none"};
     a.insert(a.end(), {"-machine", "pc", "-accel", s.kvm ? "kvm" : "tcg", "-cpu", "max"});
     a.insert(a.end(), {"-m", std::to_string(s.memoryMiB) + "M", "-smp", std::to_string(s.cpus)});
     // The console comes to zxblk, which puts it on the terminal or in the
