@@ -130,7 +130,8 @@ OverlayRecord chooseDisks(BootArgs& a, const OverlayFolder& folder, std::vector<
     if (list.empty()) throw Error("client " + a.client + " has no disks", ErrorKind::notFound);
     if (!a.bootDisk.empty()) {
         auto it = std::find_if(list.begin(), list.end(), [&](const PresentedDisk& p) { return p.name == a.bootDisk; });
-        if (it == list.end()) throw Error("--boot-disk " + a.bootDisk + ": not a disk of " + a.client, ErrorKind::notFound);
+        if (it == list.end())
+            throw Error("--boot-disk " + a.bootDisk + ": not a disk of " + a.client, ErrorKind::notFound);
         std::rotate(list.begin(), it, it + 1);
     }
     for (const PresentedDisk& p : list) {
@@ -175,8 +176,7 @@ void startServer(const BootArgs& a, Server& server) {
     server.relay->pass();
 }
 
-pid_t startQemu(const std::vector<std::string>& args, const ConsoleRelay& console, int nullFd, int logFd,
-                bool typed) {
+pid_t startQemu(const std::vector<std::string>& args, const ConsoleRelay& console, int nullFd, int logFd, bool typed) {
     std::vector<char*> argv;
     for (const std::string& s : args) argv.push_back(const_cast<char*>(s.c_str()));
     argv.push_back(nullptr);
@@ -216,7 +216,8 @@ int boot(BootArgs& a) {
     std::vector<std::string> overlays = folder.prepare(wanted, a.newOverlay, qemuImg);
 
     KvmProbe kvm = probeKvm();
-    if (a.accel == "kvm" && !kvm.usable) throw Error("--accel kvm: KVM does not work here: " + kvm.why, ErrorKind::unavailable);
+    if (a.accel == "kvm" && !kvm.usable)
+        throw Error("--accel kvm: KVM does not work here: " + kvm.why, ErrorKind::unavailable);
     const bool useKvm = a.accel == "kvm" || (a.accel == "auto" && kvm.usable);
     const bool onTerminal = a.log.empty() && (a.console || ::isatty(1));
     const std::string consoleLog = a.log.empty() ? a.overlayDir + "/console.log" : a.log;
@@ -239,7 +240,8 @@ int boot(BootArgs& a) {
     spec.extra = extra;
     std::vector<std::string> args = qemuArgs(spec);
 
-    int out = onTerminal ? ::fcntl(1, F_DUPFD_CLOEXEC, 3) : ::open(consoleLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    int out = onTerminal ? ::fcntl(1, F_DUPFD_CLOEXEC, 3)
+                         : ::open(consoleLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (out < 0) throw Error("cannot write the console log " + consoleLog + ": " + std::strerror(errno), ErrorKind::io);
     const std::string qemuLog = a.overlayDir + "/qemu.log";
     int logFd = ::open(qemuLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -252,8 +254,8 @@ int boot(BootArgs& a) {
         (useKvm ? std::string("KVM")
                 : "TCG" + (a.accel == "tcg" ? std::string(" (--accel tcg)")
                                             : " (no hardware virtualisation: " + kvm.why + ")")));
-    say("its writes go to " + a.overlayDir + (onTerminal ? "" : "; console in " + consoleLog) +
-        "; Ctrl-C or kill " + std::to_string(::getpid()) + " powers it down");
+    say("its writes go to " + a.overlayDir + (onTerminal ? "" : "; console in " + consoleLog) + "; Ctrl-C or kill " +
+        std::to_string(::getpid()) + " powers it down");
 
     ConsoleRelay console(out, onTerminal ? 0 : -1);
     Qemu vm;
@@ -262,8 +264,9 @@ int boot(BootArgs& a) {
     ::close(logFd), ::close(nullFd);
     auto qemuFailed = [&](const std::string& what) {
         std::string last = lastLine(qemuLog);
-        return Error("qemu-system-x86_64 " + what + (last.empty() ? "" : ": " + last) + " (its messages: " + qemuLog + ")",
-                     ErrorKind::unavailable);
+        return Error(
+            "qemu-system-x86_64 " + what + (last.empty() ? "" : ": " + last) + " (its messages: " + qemuLog + ")",
+            ErrorKind::unavailable);
     };
 
     std::unique_ptr<QmpClient> qmp;
@@ -328,7 +331,8 @@ int boot(BootArgs& a) {
     qmp->poll();
     bool guestOff = false;
     for (const nlohmann::json& e : qmp->events())
-        guestOff = guestOff || (e.value("event", "") == "SHUTDOWN" && e.contains("data") && e["data"].value("guest", false));
+        guestOff =
+            guestOff || (e.value("event", "") == "SHUTDOWN" && e.contains("data") && e["data"].value("guest", false));
 
     if (killAt == Clock::time_point::max() && !(WIFEXITED(vm.status) && WEXITSTATUS(vm.status) == 0))
         throw qemuFailed("failed (" + statusText(vm.status) + ")");
@@ -345,8 +349,9 @@ int boot(BootArgs& a) {
 }  // namespace
 
 void registerBootCommand(CLI::App& app) {
-    auto* cmd = app.add_subcommand("boot", "boot a backed-up virtual machine under qemu, its disks served from the "
-                                           "store over NBD, its writes kept in overlays");
+    auto* cmd = app.add_subcommand("boot",
+                                   "boot a backed-up virtual machine under qemu, its disks served from the "
+                                   "store over NBD, its writes kept in overlays");
     static BootArgs a;
     addStoreOption(cmd, a.disks.store);
     cmd->add_option("--client", a.client, "the virtual machine, as import --client recorded it")->required();
@@ -373,14 +378,16 @@ void registerBootCommand(CLI::App& app) {
     cmd->add_option("--bus", a.bus, "how disks attach: virtio, or ide for a guest without virtio drivers")
         ->check(CLI::IsMember({"virtio", "ide"}))
         ->capture_default_str();
-    cmd->add_option("--kernel", a.kernel, "boot this kernel (for a disk without a boot loader)")->check(CLI::ExistingFile);
+    cmd->add_option("--kernel", a.kernel, "boot this kernel (for a disk without a boot loader)")
+        ->check(CLI::ExistingFile);
     cmd->add_option("--initrd", a.initrd, "with --kernel: its initial RAM disk")->check(CLI::ExistingFile);
     cmd->add_option("--append", a.append, "with --kernel: its command line, e.g. 'root=/dev/vda1 console=ttyS0'");
     addNumberOption(cmd, "--shutdown-timeout", a.shutdownTimeout,
                     "seconds a guest asked to power down (Ctrl-C, SIGTERM) has before qemu is stopped (default 60)",
                     1u);
-    cmd->add_option("--qemu", a.qemuExtra, "more arguments for qemu, split as a shell would, e.g. "
-                                           "--qemu '-nic user,model=virtio-net-pci'");
+    cmd->add_option("--qemu", a.qemuExtra,
+                    "more arguments for qemu, split as a shell would, e.g. "
+                    "--qemu '-nic user,model=virtio-net-pci'");
     cmd->add_option("--cache", a.disks.cache,
                     "a folder that holds the extent cache of each disk, DIR/NAME-snapN (default: a cache per disk "
                     "under ~/.cache/zxblk)");

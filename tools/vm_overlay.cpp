@@ -85,11 +85,12 @@ bool OverlayFolder::recorded(OverlayRecord* out) const {
         out->client = j.at("client").get<std::string>();
         out->disks.clear();
         for (const nlohmann::json& d : j.at("disks"))
-            out->disks.push_back({d.at("name").get<std::string>(), d.at("snapshot").get<int>(),
-                                  d.at("size").get<uint64_t>()});
+            out->disks.push_back(
+                {d.at("name").get<std::string>(), d.at("snapshot").get<int>(), d.at("size").get<uint64_t>()});
     } catch (const nlohmann::json::exception&) {
-        throw Error(file + " is damaged: it should name the store, client and disks the overlays lie on (remove the "
-                           "folder, or boot with --new-overlay, to start again)",
+        throw Error(file +
+                        " is damaged: it should name the store, client and disks the overlays lie on (remove the "
+                        "folder, or boot with --new-overlay, to start again)",
                     ErrorKind::corruption);
     }
     return true;
@@ -98,8 +99,7 @@ bool OverlayFolder::recorded(OverlayRecord* out) const {
 std::string OverlayFolder::mismatch(const OverlayRecord& wanted) const {
     OverlayRecord have;
     if (!recorded(&have)) return std::string();
-    if (have.store != wanted.store)
-        return "holds writes to the disks of store " + have.store + ", not " + wanted.store;
+    if (have.store != wanted.store) return "holds writes to the disks of store " + have.store + ", not " + wanted.store;
     if (have.client != wanted.client) return "holds writes to the disks of " + have.client + ", not " + wanted.client;
     for (const OverlayDisk& w : wanted.disks)
         for (const OverlayDisk& h : have.disks) {

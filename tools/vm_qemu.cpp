@@ -69,13 +69,18 @@ std::vector<std::string> splitShellWords(const std::string& text) {
         const char c = text[i];
         const bool more = i + 1 < text.size();
         if (quote == '\'') {
-            if (c == '\'') quote = 0;
-            else word += c;
+            if (c == '\'')
+                quote = 0;
+            else
+                word += c;
         } else if (quote == '"') {
             // As in a shell, a backslash in double quotes keeps only these.
-            if (c == '"') quote = 0;
-            else if (c == '\\' && more && std::strchr("\"\\$`", text[i + 1])) word += text[++i];
-            else word += c;
+            if (c == '"')
+                quote = 0;
+            else if (c == '\\' && more && std::strchr("\"\\$`", text[i + 1]))
+                word += text[++i];
+            else
+                word += c;
         } else if (c == ' ' || c == '\t' || c == '\n') {
             if (inWord) words.push_back(word), word.clear(), inWord = false;
         } else if (c == '\'' || c == '"') {
