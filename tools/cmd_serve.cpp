@@ -58,8 +58,23 @@ void checkWritable(const ServeArgs& a, size_t exports) {
                 ErrorKind::invalidArgument);
 }
 
+// nbdkit 1.32.4 to 1.33.9 abort ("raw_send_socket: Assertion `sock >= 0'
+// failed", server/connections.c) when a client hangs up while several
+// replies of its connection are on their way: the reply that meets the
+// closed socket marks it closed, and another worker thread of the same
+// connection then sends. A client that stops at a read error (nbdcopy,
+// qemu-img) or is killed does that, and takes every other client's server
+// with it. One thread per connection cannot race so; connections still run
+// in parallel, and copying clients open several.
+bool repliesRace(const std::string& version) {
+    int major = 0, minor = 0, micro = 0;
+    if (std::sscanf(version.c_str(), "%d.%d.%d", &major, &minor, &micro) != 3 || major != 1) return false;
+    return (minor == 32 && micro >= 4) || (minor == 33 && micro < 10);
+}
+
 std::vector<std::string> nbdkitArgs(const ServeArgs& a, const Listener& l, size_t exports) {
     std::vector<std::string> args = {findNbdkit(), "--exit-with-parent", "--log=stderr", "-P", l.privateDir + "/pid"};
+    if (repliesRace(nbdkitVersion())) args.push_back("--threads=1");
     if (commonOptions().verbosity >= 2) args.push_back("--verbose");
     if (a.writable)
         args.push_back("--filter=cow");  // writes go to an overlay nbdkit discards at its end
@@ -99,7 +114,7 @@ void printServing(const ServeArgs& a, const std::vector<Export>& exports, const 
 // Runs `command` with $uri (the first export's), $uris and $exports (every
 // export's, in one order) and $unixsocket or $port set; the server stops
 // when it ends. Returns the command's exit code.
-int runCommand(const ServeArgs& a, const std::vector<Export>& exports, const Listener& l, pid_t server) {
+int runCommand(const ServeArgs& a, const std::vector<Export>& exports, Listener& l, pid_t server) {
     std::string uris, names;
     for (const Export& e : exports) {
         uris += (uris.empty() ? "" : " ") + e.uri;
@@ -134,6 +149,11 @@ int runCommand(const ServeArgs& a, const std::vector<Export>& exports, const Lis
         if (r == server) {
             serverGone = true;
             std::fprintf(stderr, "zxblk: nbdkit stopped while the command ran (%s)\n", statusText(status).c_str());
+            // Nobody accepts on the socket any more: a client that connects
+            // now is refused rather than left waiting in its backlog.
+            ::close(l.fd);
+            l.fd = -1;
+            removeListener(l);
             continue;
         }
         if (r == pid || r < 0) break;
@@ -166,7 +186,7 @@ std::vector<Export> checkDisks(const ServeArgs& a) {
 
 // In the foreground, or for --run: nbdkit's messages come here. Returns
 // the exit code: the command's, or nbdkit's when it ended unasked.
-int serveHere(const ServeArgs& a, const std::vector<Export>& exports, const std::vector<std::string>& args, const Listener& l) {
+int serveHere(const ServeArgs& a, const std::vector<Export>& exports, const std::vector<std::string>& args, Listener& l) {
     Relay relay;
     pid_t pid = startNbdkit(args, l, relay.writeEnd());
     relay.start();
@@ -188,7 +208,7 @@ int serveHere(const ServeArgs& a, const std::vector<Export>& exports, const std:
         rc = waitEnd(pid, l, &status) ? 0 : exitCodeOf(status);
     }
     removeListener(l);
-    ::close(l.fd);
+    if (l.fd >= 0) ::close(l.fd);
     return rc;
 }
 
