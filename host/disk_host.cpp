@@ -83,6 +83,9 @@ DiskHost::DiskHost(std::shared_ptr<StoreServices> services, const HostOptions& o
         m_notices.push_back("presenting " + options.disk + " snapshot " + std::to_string(m_snapshot) + " although " +
                             damaged + ": the reads that need it fail");
     m_pool.reset(new DiskPool(*m_services, *record, m_snapshot, *m_cache, options.diskObjects, options.flushThreshold));
+    // A recall ahead leaves the file system room for a reader's recall on
+    // every disk object.
+    m_cache->store().setReaderRoom(uint64_t(m_pool->objects()) * E);
     // Readahead never asks for more than a quarter of what the cache holds:
     // in a cache of a few extents it would only push out what readers use.
     const unsigned window = static_cast<unsigned>(std::min<uint64_t>(options.readahead / E, m_cache->capacity() / E / 4));

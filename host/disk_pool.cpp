@@ -159,10 +159,14 @@ void DiskPool::recall(uint64_t extent, bool ahead) {
     const bool arrived = m_cache.takeArrival(extent);
     const std::string what = "extent " + std::to_string(extent) + " of disk " + m_record.name;
     std::optional<StoreError> error;
+    // A recall ahead that the cache gave no room is no read error: no
+    // reader asked for it, and readers come first on a full file system.
+    bool gaveWay = false;
     if (!ok) {
         // Why, as the service that failed it said, or the cache when it was
         // the temporary file that could not be made.
         std::optional<StoreError> cause = m_services.takeFailure(m_record, m_snapshot, extent);
+        gaveWay = ahead && !cause && !cacheError.empty();
         if (!cause && !cacheError.empty()) cause = StoreError(ErrorKind::io, cacheError);
         error = cause ? StoreError(cause->kind(), what + " could not be recalled: " + cause->what())
                       : StoreError(ErrorKind::unavailable, what + " could not be recalled: the restore service did not say why");
@@ -178,7 +182,7 @@ void DiskPool::recall(uint64_t extent, bool ahead) {
     }
     MutexLock lock(m_mutex);
     if (error) {
-        ++m_stats.readErrors;
+        if (!gaveWay) ++m_stats.readErrors;
         throw *error;
     }
     ++m_stats.extentsRecalled;

@@ -387,14 +387,18 @@ bool ExtentCache::removeFileLocked(uint64_t extent, bool keep) {
     return !m_store->deleteExtentFile(n).IsError();
 }
 
+// On a full file system what was read ahead and never read goes before
+// anything a reader used: a reader must not fail for the readahead's sake.
 unsigned long long ExtentCache::evictLocked(unsigned long long bytes, bool keep) {
     std::vector<uint64_t> victims;
     unsigned long long planned = 0;
-    for (auto it = m_useOrder.rbegin(); planned < bytes && it != m_useOrder.rend(); ++it) {
-        if (m_pins.count(*it)) continue;
-        planned += m_entries[*it].bytes;
-        victims.push_back(*it);
-    }
+    for (int pass = keep ? 1 : 0; pass < 2; ++pass)
+        for (auto it = m_useOrder.rbegin(); planned < bytes && it != m_useOrder.rend(); ++it) {
+            const Entry& entry = m_entries[*it];
+            if (m_pins.count(*it) || (!keep && entry.unreadAhead != (pass == 0))) continue;
+            planned += entry.bytes;
+            victims.push_back(*it);
+        }
     unsigned long long freed = 0;
     for (uint64_t e : victims) {
         unsigned long long size = m_entries[e].bytes;

@@ -123,7 +123,8 @@ private:
     // Removes the extent's file; with `keep`, the store may keep it for its
     // next recall, unless a reader still holds it open.
     bool removeFileLocked(uint64_t extent, bool keep) REQUIRES(m_mutex);
-    // `keep`: the room is wanted for the cache's account, not by a full file system.
+    // `keep`: the room is wanted for the cache's account, not by a full file
+    // system, where what was read ahead and never read goes first.
     unsigned long long evictLocked(unsigned long long bytes, bool keep) REQUIRES(m_mutex);
     unsigned long long excessLocked(uint64_t extent, unsigned long long bytes) REQUIRES(m_mutex);
 

@@ -52,6 +52,10 @@ uint64_t Readahead::recalled() const {
 // S3 may take a while to say whether an extent holds data.
 void Readahead::request(uint64_t first, uint64_t count) {
     if (first >= m_extentCount || stopping()) return;
+    if (m_cache.store().shortOfSpace()) {
+        dropQueue();
+        return;
+    }
     uint64_t last = std::min(m_extentCount, first + std::min(count, m_extentCount));
     std::vector<uint64_t> wanted;
     for (uint64_t e = first; e < last; ++e)
@@ -81,14 +85,23 @@ void Readahead::worker() {
             m_queue.pop_front();
             m_inQueue.erase(extent);
         }
+        // The readers' recalls need the room of the cache's file system
+        // more than this one: what is queued waits for the readers.
+        if (m_cache.store().shortOfSpace()) {
+            dropQueue();
+            continue;
+        }
         try {
             if (m_pool.ensure(extent, true)) {
                 MutexLock lock(m_mutex);
                 ++m_recalled;
             }
         } catch (const StoreError& err) {
-            // The reader that comes for it tries again and hears why.
-            LogSink::write(kLevelError, kTag, std::string("readahead: ") + err.what());
+            // The reader that comes for it tries again and hears why. One
+            // that gave way to the readers is no error.
+            const bool gaveWay = m_cache.store().shortOfSpace();
+            if (gaveWay) dropQueue();
+            LogSink::write(gaveWay ? kLevelDebug : kLevelError, kTag, std::string("readahead: ") + err.what());
         }
     }
 }
@@ -167,13 +180,21 @@ void Readahead::closeLocked(Stream& s) {
     m_queue.swap(kept);
 }
 
+void Readahead::dropQueue() {
+    MutexLock lock(m_mutex);
+    m_queue.clear();
+    m_inQueue.clear();
+}
+
 void Readahead::prefetch(std::vector<uint64_t> extents) {
     MutexLock lock(m_prefetchMutex);
     if (m_prefetch.joinable()) m_prefetch.join();
     m_prefetch = std::thread([this, extents] {
         for (uint64_t e : extents) {
             if (stopping()) return;
-            if (e >= m_extentCount) continue;
+            // Skipped while the readers need the file system's room; a
+            // reader recalls them when it comes for them.
+            if (e >= m_extentCount || m_cache.store().shortOfSpace()) continue;
             try {
                 // A recorded extent that no snapshot holds reads as zeros
                 // without a recall; recalling it would only fill the cache.

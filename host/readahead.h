@@ -3,6 +3,9 @@
 // extents (the index's mount extents). Its workers and its prefetch thread
 // recall through the pool; they end with it.
 //
+// While the cache's file system is short of space (the backing store says
+// so) nothing is recalled ahead: the readers' recalls need that room.
+//
 // Lock order: m_prefetchMutex may be held while the prefetch thread is
 // joined; that thread takes m_mutex, never m_prefetchMutex. m_mutex is a
 // leaf: the cache and the pool are called with neither lock held.
@@ -45,6 +48,9 @@ public:
 
 private:
     void worker() EXCLUDES(m_mutex);
+    // Takes back every queued extent no worker has started: the cache's
+    // file system is short of space.
+    void dropQueue() EXCLUDES(m_mutex);
     bool stopping() const EXCLUDES(m_mutex);
 
     ExtentCache& m_cache;

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +14,7 @@
 #include "platform/FXErrorUtil.h"
 #include "platform/FXFile.h"
 #include "platform/FXString.h"
+#include "platform/ZxServices.h"
 
 #define BS_LOCATION(fn) FXCodeLocation("platform/ZxBlkBackingStore", fn, __LINE__)
 
@@ -261,7 +263,8 @@ CUxError ZxBlkBackingStore::openTempFile(std::string* path, FILE** file) {
     *path = name;
     *file = stream;
     zxblk::MutexLock lock(m_mutex);
-    m_temps[std::this_thread::get_id()] = *path;
+    dropTempLocked(std::this_thread::get_id());
+    m_temps[std::this_thread::get_id()].path = *path;
     return CUxError::Success();
 }
 
@@ -318,17 +321,100 @@ std::string ZxBlkBackingStore::takeLastError() {
 }
 
 CUxError ZxBlkBackingStore::reserveTempFile(FILE* file, const std::string& path, unsigned long long bytes) {
+    static const char* fn = "CUxError ZxBlkBackingStore::reserveTempFile(FILE*, const std::string&, unsigned long long)";
+    if (zxblk::recallsAhead()) return noted(reserveAhead(file, path, bytes));
     CUxError status = FXFile::ZXReserveSpace(file ? fileno(file) : -1, bytes, path);
+    if (!status.IsError() || status.Code() != -ENOSPC) return noted(status);
+    m_short = true;
     // The kept extent files go first: they hold blocks outside the account.
-    if (status.IsError() && status.Code() == -ENOSPC && dropSpares())
+    if (dropSpares()) status = FXFile::ZXReserveSpace(fileno(file), bytes, path);
+    // Room freed may be taken by another reader before this one gets it:
+    // asked again for as long as asking frees some, or a recall ahead that
+    // held room ends (its extent then arrives unread, and goes first).
+    for (int tries = 0; status.IsError() && status.Code() == -ENOSPC && tries < 64; ++tries) {
+        if (!keeper().freeSpace(bytes) && !waitForAhead()) break;
         status = FXFile::ZXReserveSpace(fileno(file), bytes, path);
-    unsigned long long freed = 1;
-    for (int tries = 0; status.IsError() && status.Code() == -ENOSPC && freed && tries < 8; ++tries) {
-        freed = keeper().freeSpace(bytes);
-        if (freed) status = FXFile::ZXReserveSpace(fileno(file), bytes, path);
     }
-    return noted(status);
+    if (!status.IsError() || status.Code() != -ENOSPC) return noted(status);
+    const unsigned long long held = keeper().usedBytes();
+    const std::string cache = held ? FXString::Format("the cache's %llu bytes are all in use by reads", held)
+                                   : std::string("the cache holds no extent to let go");
+    return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), ENOSPC,
+                                         "cache file system full: %llu bytes free at %s, a recall needs %llu and %s",
+                                         freeBytes(), m_dir.c_str(), bytes, cache.c_str()));
 }
+
+// Checked before the reservation: a file system that has room for one more
+// recall ahead but not for the readers' after it would hand the last of it
+// to the readahead. A kept file, zeroed in place, holds its blocks already.
+CUxError ZxBlkBackingStore::reserveAhead(FILE* file, const std::string& path, unsigned long long bytes) {
+    static const char* fn = "CUxError ZxBlkBackingStore::reserveAhead(FILE*, const std::string&, unsigned long long)";
+    struct stat st;
+    const int fd = file ? fileno(file) : -1;
+    const unsigned long long held = fd >= 0 && ::fstat(fd, &st) == 0 ? static_cast<unsigned long long>(st.st_blocks) * 512 : 0;
+    const unsigned long long need = bytes > held ? bytes - held : 0, room = m_readerRoom, free = need ? freeBytes() : 0;
+    if (need && free < need + room) {
+        m_short = true;
+        return FXErrorUtil::ErrorErrno(BS_LOCATION(fn), ENOSPC,
+                                       "cache file system short of space: %llu bytes free at %s, %llu kept for "
+                                       "readers; no recall ahead",
+                                       free, m_dir.c_str(), room);
+    }
+    CUxError status = FXFile::ZXReserveSpace(fd, bytes, path);
+    if (status.IsError()) {
+        if (status.Code() == -ENOSPC) m_short = true;
+        return status;
+    }
+    zxblk::MutexLock lock(m_mutex);
+    auto it = m_temps.find(std::this_thread::get_id());
+    if (it != m_temps.end() && !it->second.aheadRoom) {
+        it->second.aheadRoom = true;
+        ++m_aheadRooms;
+    }
+    return status;
+}
+
+bool ZxBlkBackingStore::waitForAhead() {
+    zxblk::MutexLock lock(m_mutex);
+    if (!m_aheadRooms) return false;
+    const unsigned long long seen = m_aheadEnded;
+    while (m_aheadEnded == seen) m_aheadRoomFreed.wait(m_mutex);
+    return true;
+}
+
+void ZxBlkBackingStore::dropTempLocked(std::thread::id thread) {
+    auto it = m_temps.find(thread);
+    if (it == m_temps.end()) return;
+    if (it->second.aheadRoom) {
+        --m_aheadRooms;
+        ++m_aheadEnded;
+        m_aheadRoomFreed.notifyAll();
+    }
+    m_temps.erase(it);
+}
+
+unsigned long long ZxBlkBackingStore::freeBytes() const {
+    struct statvfs fs;
+    if (::statvfs(m_dir.c_str(), &fs) != 0) return 0;
+    return static_cast<unsigned long long>(fs.f_bavail) * fs.f_frsize;
+}
+
+// Looked at again only while short, so a file system with room costs no
+// system call: readahead resumes once another recall ahead would leave the
+// readers their room.
+bool ZxBlkBackingStore::shortOfSpace() {
+    if (!m_short) return false;
+    unsigned long long extent;
+    {
+        zxblk::MutexLock lock(m_mutex);
+        extent = m_extentSize;
+    }
+    if (freeBytes() < m_readerRoom + extent) return true;
+    m_short = false;
+    return false;
+}
+
+void ZxBlkBackingStore::setReaderRoom(unsigned long long bytes) { m_readerRoom = bytes; }
 
 void ZxBlkBackingStore::discardTemporary() {
     std::string path;
@@ -336,8 +422,8 @@ void ZxBlkBackingStore::discardTemporary() {
         zxblk::MutexLock lock(m_mutex);
         auto it = m_temps.find(std::this_thread::get_id());
         if (it == m_temps.end()) return;
-        path = it->second;
-        m_temps.erase(it);
+        path = it->second.path;
+        dropTempLocked(it->first);
     }
     ::unlink(path.c_str());
 }
@@ -413,12 +499,15 @@ CUxError ZxBlkBackingStore::moveInExtentFile(const std::string& tempPath, long l
             dirErr = ensureDirLocked(folder);
             if (!dirErr) err = ::rename(tempPath.c_str(), target.c_str()) == 0 ? 0 : errno;
         }
-        if (!dirErr && !err) {
-            auto temp = m_temps.find(std::this_thread::get_id());
-            if (temp != m_temps.end() && temp->second == tempPath) m_temps.erase(temp);
-        }
     }
     account.settle(extentNumber, size, !dirErr && !err);
+    // Only once the keeper holds the extent: a reader waiting for the room
+    // of a recall ahead finds it there to evict.
+    if (!dirErr && !err) {
+        zxblk::MutexLock lock(m_mutex);
+        auto temp = m_temps.find(std::this_thread::get_id());
+        if (temp != m_temps.end() && temp->second.path == tempPath) dropTempLocked(temp->first);
+    }
     if (dirErr)
         return noted(FXErrorUtil::ErrorErrno(BS_LOCATION(fn), dirErr, "cannot make the directory of %s", target.c_str()));
     if (err)

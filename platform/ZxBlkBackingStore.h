@@ -59,10 +59,22 @@ public:
     // zeros throughout. Its name holds only [A-Za-z0-9._/-].
     CUxError openTempFile(std::string* path, FILE** file);
     CUxError makeParentDir(const std::string& path);
-    // Reserves the space of a temporary file. When the file system is full,
-    // the keeper is asked to free room, as for a full cache, for as long as
-    // it frees some; only then does the reservation fail.
-    CUxError reserveTempFile(FILE* file, const std::string& path, unsigned long long bytes);
+    // Reserves the space of a temporary file. A recall ahead of any reader
+    // (recallsAhead()) gives way on a file system short of space: it takes
+    // none of the room kept for readers (setReaderRoom), evicts nothing and
+    // fails at once. A reader's recall on a full file system drops the kept
+    // files, has the keeper free room (what was read ahead and never read
+    // first) and waits for the recalls ahead that hold reserved room to end,
+    // for as long as any of that helps; only then does it fail, saying how
+    // full the file system is.
+    CUxError reserveTempFile(FILE* file, const std::string& path, unsigned long long bytes)
+        EXCLUDES(m_mutex, m_sparesMutex, m_errorsMutex);
+    // Whether the file system ran short of space for a recall and has not
+    // got room back for a recall ahead besides the readers' room: recalls
+    // ahead are not worth starting meanwhile.
+    bool shortOfSpace();
+    // The room a recall ahead leaves free for readers' recalls, in bytes.
+    void setReaderRoom(unsigned long long bytes);
     // Removes the temporary file that the calling thread opened last, if it
     // was not moved in: what a failed read leaves behind.
     void discardTemporary();
@@ -130,14 +142,33 @@ private:
     int takeSpare(std::string* path) EXCLUDES(m_sparesMutex, m_mutex);
     // Removes the kept files; whether there were any.
     bool dropSpares() EXCLUDES(m_sparesMutex);
+    unsigned long long freeBytes() const;
+    // A recall ahead: reserves only what leaves the readers' room free.
+    CUxError reserveAhead(FILE* file, const std::string& path, unsigned long long bytes) EXCLUDES(m_mutex);
+    // Until a recall ahead that holds reserved room ends (moved in or
+    // discarded); false at once when none holds any.
+    bool waitForAhead() EXCLUDES(m_mutex);
+    // Forgets the calling thread's temporary, and wakes a reader waiting for
+    // its room when it was a recall ahead's.
+    void dropTempLocked(std::thread::id thread) REQUIRES(m_mutex);
     std::string m_dir;
     std::unique_ptr<OwnAccount> m_own;
     std::atomic<ZxBlkExtentKeeper*> m_keeper;
     zxblk::Mutex m_mutex;
     unsigned long long m_extentSize GUARDED_BY(m_mutex) = 0;
     std::set<std::string> m_dirs GUARDED_BY(m_mutex);
-    // Each reading thread's open temporary.
-    std::map<std::thread::id, std::string> m_temps GUARDED_BY(m_mutex);
+    // Each reading thread's open temporary, and whether a recall ahead
+    // holds room reserved in it.
+    struct TempFile {
+        std::string path;
+        bool aheadRoom = false;
+    };
+    std::map<std::thread::id, TempFile> m_temps GUARDED_BY(m_mutex);
+    unsigned m_aheadRooms GUARDED_BY(m_mutex) = 0;   // temporaries with aheadRoom
+    unsigned long long m_aheadEnded GUARDED_BY(m_mutex) = 0;  // counts their ends
+    zxblk::CondVar m_aheadRoomFreed;
+    std::atomic<bool> m_short{false};
+    std::atomic<unsigned long long> m_readerRoom{0};
     zxblk::Mutex m_errorsMutex;
     std::map<std::thread::id, std::string> m_errors GUARDED_BY(m_errorsMutex);  // each thread's last failure
     // A leaf: taken by recycleExtentFile under the keeper's own lock, and
