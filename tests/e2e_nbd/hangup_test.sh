@@ -84,7 +84,7 @@ for ((r = 1; r <= runs; r++)); do
   u="nbd+unix:///?socket=$work/s.sock"
   for _ in $(seq 300); do nbdinfo --size "$u" >/dev/null 2>&1 && break; sleep 0.05; done
   nbdinfo --size "$u" >/dev/null 2>&1 || { cat err; fail "run $r: the server did not come up"; }
-  for i in 1 2 3; do (for _ in 1 2 3 4 5; do "$py" hangup.py "$u" 2>/dev/null || break; done) & done
+  for _ in 1 2 3; do (for _ in 1 2 3 4 5; do "$py" hangup.py "$u" 2>/dev/null || break; done) & done
   nbdcopy "$u" null: 2>/dev/null &
   truncate -s $((4 * MiB)) live/snapshots/whole-snap0.vhd
   sleep 0.2
