@@ -30,6 +30,7 @@
 #include "vm_console.h"
 #include "vm_overlay.h"
 #include "vm_qemu.h"
+#include "vm_restore.h"
 
 namespace zxblk {
 namespace {
@@ -38,6 +39,7 @@ using Clock = std::chrono::steady_clock;
 
 struct BootArgs {
     PresentedOptions disks;  // one client
+    RestoreOptions restore;
     std::string client, bootDisk, overlayDir, log, qemuExtra, kernel, initrd, append;
     std::string bus = "virtio", accel = "auto";
     bool newOverlay = false, console = false;
@@ -118,7 +120,7 @@ struct Qemu {
 // VM's writes keeps the snapshot they lie on (when every disk has it).
 OverlayRecord chooseDisks(BootArgs& a, const OverlayFolder& folder, std::vector<PresentedDisk>& list) {
     Store store = Store::open(a.disks.store);
-    OverlayRecord wanted{canonicalStoreLocation(a.disks.store), a.client, {}};
+    OverlayRecord wanted{canonicalStoreLocation(a.disks.store), a.client, {}, {}};
     OverlayRecord had;
     if (a.disks.snapshot < 0 && folder.recorded(&had) && had.store == wanted.store && had.client == a.client &&
         !had.disks.empty()) {
@@ -209,6 +211,11 @@ int boot(BootArgs& a) {
     std::vector<PresentedDisk> list;
     OverlayRecord wanted = chooseDisks(a, folder, list);
     std::string why = a.newOverlay ? std::string() : folder.mismatch(wanted);
+    OverlayRecord had;
+    if (!why.empty() && folder.recorded(&had) && !had.restoredTo.empty())
+        throw Error("the overlay folder " + a.overlayDir + " " + why +
+                        "; boot from there, or --new-overlay to start again from the backup",
+                    ErrorKind::invalidArgument);
     if (!why.empty())
         throw Error("the overlay folder " + a.overlayDir + " " + why +
                         "; boot that, give --overlay-dir another folder, or --new-overlay to discard its writes",
@@ -221,6 +228,13 @@ int boot(BootArgs& a) {
     const bool useKvm = a.accel == "kvm" || (a.accel == "auto" && kvm.usable);
     const bool onTerminal = a.log.empty() && (a.console || ::isatty(1));
     const std::string consoleLog = a.log.empty() ? a.overlayDir + "/console.log" : a.log;
+    std::unique_ptr<LiveRestore> restore;
+    if (!a.restore.dir.empty()) {
+        std::vector<RestoreDisk> copies;
+        for (size_t i = 0; i < list.size(); ++i)
+            copies.push_back({list[i].name, diskNode(i), backupNode(i), wanted.disks[i].size});
+        restore.reset(new LiveRestore(a.restore, a.client, copies, qemuImg, !onTerminal));
+    }
 
     watchStopSignals();
     Server server;
@@ -289,6 +303,8 @@ int boot(BootArgs& a) {
         }
     }
 
+    if (restore) restore->start(*qmp);
+
     auto quitAt = Clock::time_point::max(), killAt = Clock::time_point::max();
     int asked = 0;
     for (;;) {
@@ -324,6 +340,15 @@ int boot(BootArgs& a) {
             killAt = now + std::chrono::seconds(10);
         }
         if (now >= killAt) ::kill(vm.pid, SIGKILL);
+        if (restore && restore->state() == LiveRestore::State::copying && asked == 0 &&
+            restore->step(*qmp) == LiveRestore::State::restored) {
+            // The VM reads nothing from the backup now.
+            int status = 0;
+            server.gone = true;
+            stopNbdkit(server.pid, server.listener, &status);
+            folder.markRestored(a.restore.dir);
+            say("restored " + a.client + " to " + restore->summary() + "; the VM now runs from " + a.restore.dir);
+        }
         qmp->poll();
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
@@ -341,6 +366,13 @@ int boot(BootArgs& a) {
                         " s; qemu was stopped (its writes so far stay in " + a.overlayDir + ")",
                     ErrorKind::unavailable);
     if (!guestOff) throw Error("qemu ended without " + a.client + " powering off", ErrorKind::unavailable);
+    if (restore && restore->state() == LiveRestore::State::restored) {
+        say(a.client + " powered off; its disks are in " + a.restore.dir + ", with all it wrote");
+        return kExitOk;
+    }
+    if (restore && restore->state() == LiveRestore::State::copying)
+        say("the live restore of " + a.client + " did not finish before it powered off: nothing is kept in " +
+            a.restore.dir);
     say(a.client + " powered off; its writes stay in " + a.overlayDir +
         " (the next zxblk boot goes on from them; --new-overlay discards them)");
     return kExitOk;
@@ -395,6 +427,7 @@ void registerBootCommand(CLI::App& app) {
     addSizeOption(cmd, "--readahead", a.disks.readahead,
                   "largest window recalled ahead of a reader that reads a disk in order (default 16M; 0: none)");
     addAllowDamagedOption(cmd, a.disks.allowDamaged);
+    addRestoreOptions(cmd, a.restore);
     cmd->footer("Exit code 0 when the guest powered off; 1, with one line saying why, otherwise.");
     addCommonOptions(cmd);
     cmd->callback([] {
@@ -402,7 +435,8 @@ void registerBootCommand(CLI::App& app) {
         if ((!a.initrd.empty() || !a.append.empty()) && a.kernel.empty())
             throw CLI::ValidationError("--initrd and --append", "need --kernel");
         a.disks.clients = {a.client};
-        for (std::string* p : {&a.disks.cache, &a.overlayDir, &a.log, &a.kernel, &a.initrd}) *p = absolutePath(*p);
+        for (std::string* p : {&a.disks.cache, &a.overlayDir, &a.log, &a.kernel, &a.initrd, &a.restore.dir})
+            *p = absolutePath(*p);
         if (int rc = boot(a)) std::exit(rc);
     });
 }

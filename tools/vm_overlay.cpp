@@ -18,8 +18,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Runs `args` with its output in `log`; the last line it wrote, or "" when
-// it succeeded.
+}  // namespace
+
 std::string runQuietly(const std::vector<std::string>& args, const std::string& log) {
     std::vector<char*> argv;
     for (const std::string& s : args) argv.push_back(const_cast<char*>(s.c_str()));
@@ -43,8 +43,6 @@ std::string runQuietly(const std::vector<std::string>& args, const std::string& 
         if (!line.empty()) last = line;
     return last;
 }
-
-}  // namespace
 
 OverlayFolder::OverlayFolder(const std::string& dir) : m_dir(dir) {
     std::error_code ec;
@@ -87,6 +85,7 @@ bool OverlayFolder::recorded(OverlayRecord* out) const {
         for (const nlohmann::json& d : j.at("disks"))
             out->disks.push_back(
                 {d.at("name").get<std::string>(), d.at("snapshot").get<int>(), d.at("size").get<uint64_t>()});
+        out->restoredTo = j.value("restored-to", std::string());
     } catch (const nlohmann::json::exception&) {
         throw Error(file +
                         " is damaged: it should name the store, client and disks the overlays lie on (remove the "
@@ -99,6 +98,8 @@ bool OverlayFolder::recorded(OverlayRecord* out) const {
 std::string OverlayFolder::mismatch(const OverlayRecord& wanted) const {
     OverlayRecord have;
     if (!recorded(&have)) return std::string();
+    if (!have.restoredTo.empty())
+        return "holds no writes: the VM was restored to " + have.restoredTo + " while it ran, and wrote there since";
     if (have.store != wanted.store) return "holds writes to the disks of store " + have.store + ", not " + wanted.store;
     if (have.client != wanted.client) return "holds writes to the disks of " + have.client + ", not " + wanted.client;
     for (const OverlayDisk& w : wanted.disks)
@@ -117,7 +118,7 @@ std::string OverlayFolder::mismatch(const OverlayRecord& wanted) const {
 std::vector<std::string> OverlayFolder::prepare(const OverlayRecord& wanted, bool fresh, const std::string& qemuImg) {
     OverlayRecord record;
     bool had = recorded(&record);
-    if (fresh || !had) record = OverlayRecord{wanted.store, wanted.client, {}};
+    if (fresh || !had) record = OverlayRecord{wanted.store, wanted.client, {}, {}};
     std::vector<std::string> paths;
     for (const OverlayDisk& d : wanted.disks) {
         const std::string path = overlayOf(d.name);
@@ -135,9 +136,24 @@ std::vector<std::string> OverlayFolder::prepare(const OverlayRecord& wanted, boo
         }
         paths.push_back(path);
     }
+    this->record(record);
+    return paths;
+}
+
+void OverlayFolder::markRestored(const std::string& dir) {
+    OverlayRecord r;
+    if (!recorded(&r)) return;
+    std::error_code ec;
+    for (const OverlayDisk& d : r.disks) fs::remove(overlayOf(d.name), ec);
+    r.restoredTo = dir;
+    record(r);
+}
+
+void OverlayFolder::record(const OverlayRecord& record) {
     nlohmann::json j = {{"store", record.store}, {"client", record.client}, {"disks", nlohmann::json::array()}};
     for (const OverlayDisk& d : record.disks)
         j["disks"].push_back({{"name", d.name}, {"snapshot", d.snapshot}, {"size", d.size}});
+    if (!record.restoredTo.empty()) j["restored-to"] = record.restoredTo;
     // Written whole and then renamed over the old record.
     const std::string file = m_dir + "/overlay.json", temp = file + ".new";
     {
@@ -148,7 +164,6 @@ std::vector<std::string> OverlayFolder::prepare(const OverlayRecord& wanted, boo
     std::error_code ec;
     fs::rename(temp, file, ec);
     if (ec) throw Error("cannot write " + file + ": " + ec.message(), ErrorKind::io);
-    return paths;
 }
 
 }  // namespace zxblk

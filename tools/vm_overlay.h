@@ -20,7 +20,14 @@ struct OverlayRecord {
     std::string store;  // as canonicalStoreLocation gives it
     std::string client;
     std::vector<OverlayDisk> disks;
+    // Where the VM was restored to while it ran (zxblk boot --restore-to):
+    // its writes went there, and the overlays are gone.
+    std::string restoredTo;
 };
+
+// Runs `args` with its output in `log`; the last line it wrote, or "" when
+// it succeeded.
+std::string runQuietly(const std::vector<std::string>& args, const std::string& log);
 
 class OverlayFolder {
 public:
@@ -43,8 +50,13 @@ public:
     // disk's overlay, in the order of wanted.disks.
     std::vector<std::string> prepare(const OverlayRecord& wanted, bool fresh, const std::string& qemuImg);
     std::string overlayOf(const std::string& disk) const;
+    // The VM now runs from copies in `dir`: the overlays are removed and
+    // the record says where the writes went, so that no later boot goes on
+    // from what is left here.
+    void markRestored(const std::string& dir);
 
 private:
+    void record(const OverlayRecord& record);
     std::string m_dir;
     int m_lock = -1;
 };

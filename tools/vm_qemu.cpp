@@ -97,6 +97,9 @@ std::vector<std::string> splitShellWords(const std::string& text) {
     return words;
 }
 
+std::string diskNode(size_t index) { return "disk" + std::to_string(index); }
+std::string backupNode(size_t index) { return diskNode(index) + "-backup"; }
+
 std::vector<std::string> qemuArgs(const VmSpec& s) {
     // A comma in an option's value is written twice.
     std::string name;
@@ -113,16 +116,16 @@ std::vector<std::string> qemuArgs(const VmSpec& s) {
                     ErrorKind::invalidArgument);
     for (size_t i = 0; i < s.disks.size(); ++i) {
         // Node names are qemu's own; the disk's name is the export's.
-        const std::string node = "disk" + std::to_string(i);
+        const std::string node = diskNode(i);
         nlohmann::json nbd = {{"driver", "nbd"},
-                              {"node-name", node + "-backup"},
+                              {"node-name", backupNode(i)},
                               {"server", {{"type", "unix"}, {"path", s.nbdSocket}}},
                               {"export", s.disks[i].name},
                               {"read-only", true}};
         nlohmann::json overlay = {{"driver", "qcow2"},
                                   {"node-name", node},
                                   {"file", {{"driver", "file"}, {"filename", s.disks[i].overlay}}},
-                                  {"backing", node + "-backup"}};
+                                  {"backing", backupNode(i)}};
         nlohmann::json device = {{"drive", node}};
         if (s.bus == "ide") {
             device["driver"] = "ide-hd";

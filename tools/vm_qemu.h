@@ -44,6 +44,11 @@ struct VmSpec {
     std::vector<std::string> extra;  // --qemu, last
 };
 
+// qemu's name of the node of disk `index` that the VM's device reads (its
+// overlay), and of the node beneath it (the backup over NBD).
+std::string diskNode(size_t index);
+std::string backupNode(size_t index);
+
 // qemu's arguments, the program first: no display and no default devices,
 // the serial console on qemu's standard input and output, QMP on
 // spec.qmpSocket, and each disk an NBD node (read-only) under a qcow2 node
