@@ -5,10 +5,13 @@
 # initramfs (busybox-static and the modules that find the root on virtio-blk,
 # virtio-scsi, IDE and AHCI) and a root whose /sbin/init prints a marker on
 # ttyS0, checks a data file against its sha256 (OK or BAD), counts its boots
-# in /written-by-guest, syncs and powers off.
+# in /written-by-guest, syncs and powers off; with --wait it first stays up
+# that many seconds, saying so each second, and then adds "waited=SECONDS"
+# to /written-by-guest.
 #
 #   make_boot_disk.sh OUT_DIR [--size MIB] [--data-size KIB] [--marker TEXT]
 #                     [--uuid UUID] [--cache DIR] [--chain MAKE_DIFF_VHD]
+#                     [--wait SECONDS]
 #   make_boot_disk.sh --fetch-only [--cache DIR]
 #
 # Writes OUT_DIR/disk.raw, OUT_DIR/disk.env (shell variables: sizes, the
@@ -30,10 +33,10 @@ say() { printf '==> %s\n' "$*" >&2; }
 die() { echo "make_boot_disk: $*" >&2; exit 1; }
 skip() { echo "skipped: $*" >&2; exit 77; }
 
-out="" size_mib=64 data_kib=1024 marker="ZXBLK-GUEST-UP" uuid="" chain_tool="" fetch_only=0
+out="" size_mib=64 data_kib=1024 marker="ZXBLK-GUEST-UP" uuid="" chain_tool="" fetch_only=0 wait_s=0
 cache=${ZXBLK_TEST_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zxblk-test}
 while [ $# -gt 0 ]; do
-  case $1 in --size | --data-size | --marker | --uuid | --cache | --chain) [ $# -ge 2 ] || die "$1 needs a value" ;; esac
+  case $1 in --size | --data-size | --marker | --uuid | --cache | --chain | --wait) [ $# -ge 2 ] || die "$1 needs a value" ;; esac
   case $1 in
     --size) size_mib=$2; shift 2 ;;
     --data-size) data_kib=$2; shift 2 ;;
@@ -41,6 +44,7 @@ while [ $# -gt 0 ]; do
     --uuid) uuid=$2; shift 2 ;;
     --cache) cache=$2; shift 2 ;;
     --chain) chain_tool=$2; shift 2 ;;
+    --wait) wait_s=$2; shift 2 ;;
     --fetch-only) fetch_only=1; shift ;;
     -*) die "unknown option $1" ;;
     *) [ -z "$out" ] || die "one output folder only ($out, $1)"; out=$1; shift ;;
@@ -50,6 +54,7 @@ case $chain_tool in */*) chain_tool=$(realpath "$chain_tool") ;; esac
 [ $fetch_only = 1 ] || [ -n "$out" ] || die "usage: make_boot_disk.sh OUT_DIR [options] (see the script's head)"
 case $size_mib in '' | *[!0-9]*) die "--size takes MiB, not '$size_mib'" ;; esac
 case $data_kib in '' | *[!0-9]*) die "--data-size takes KiB, not '$data_kib'" ;; esac
+case $wait_s in '' | *[!0-9]*) die "--wait takes seconds, not '$wait_s'" ;; esac
 [ "$size_mib" -ge 16 ] || die "--size must be at least 16 MiB"
 case $marker in *[\'\"\\\$\`]*) die "--marker may not hold quotes, \\, \$ or \`" ;; esac
 
@@ -199,6 +204,14 @@ n=\$(sed -n 's/^boot=//p' /written-by-guest 2>/dev/null)
 n=\$((\${n:-0} + 1))
 echo "boot=\$n" >/written-by-guest
 sync
+$([ "$wait_s" = 0 ] || cat <<WAIT
+# Up a while longer, for tests of what happens while a guest runs.
+i=0
+while [ \$i -lt $wait_s ]; do sleep 1; i=\$((i + 1)); echo "zxblk-test-guest: up \$i s"; done
+echo "waited=$wait_s" >>/written-by-guest
+sync
+WAIT
+)
 echo "zxblk-test-guest: wrote /written-by-guest boot=\$n, powering off"
 poweroff -f
 EOF
