@@ -18,11 +18,14 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// How much each copy holds in flight: large reads in order are what the
-// server's readahead serves best, and 16 of them are in flight at once.
-// With a speed limit, no more than a second's worth: qemu sends a whole
-// buffer before it first waits, so a larger one makes the limit lumpy.
-const uint64_t kBufSize = 32ull << 20, kSmallestBuf = 1ull << 20;
+// How much each copy holds in flight. qemu reads it in pieces of 1 MiB, in
+// order, which the server's readahead serves well; and the copy shares the
+// VM's one NBD connection, on which qemu has 16 requests at most under way:
+// 8 MiB keeps the copy to half of them, so that the VM's own reads never
+// wait for a slot behind it. With a speed limit, no more than a second's
+// worth: qemu sends a whole buffer before it first waits, so a larger one
+// makes the limit lumpy.
+const uint64_t kBufSize = 8ull << 20, kSmallestBuf = 1ull << 20;
 // How often a copy is looked at, and its progress told.
 const std::chrono::milliseconds kStepEvery(250);
 const std::chrono::seconds kProgressEvery(3);
