@@ -4,6 +4,7 @@
 //     nbdkit zxblk store=S [disk=NAME[@N]]... [client=VM]... [snapshot=N]
 //                  [cache=DIR] [cache-limit=SIZE] [readahead=SIZE]
 //                  [statsfile=FILE | statsdir=DIR] [allow-damaged=true]
+//                  [control=SOCKET] [prefetch=true]
 //
 // disk= and client= name the disks served, each opened before the server
 // starts; without them every disk of the store is served by its name (the
@@ -17,6 +18,11 @@
 // skip what no snapshot holds; NBD_CMD_CACHE recalls a range ahead of reads.
 // An extent that cannot be recalled fails its request with EIO and one log
 // line; the server goes on serving the rest.
+//
+// control= gives the server the phases of a mount (control_channel.h): the
+// extents recalled until a "mount-complete" there go to the index as mount
+// extents, and with prefetch=true each disk recalls those an earlier run
+// recorded as soon as it is open, before a client asks for them.
 #define NBDKIT_API_VERSION 2
 #define THREAD_MODEL NBDKIT_THREAD_MODEL_PARALLEL
 #include <malloc.h>
@@ -24,10 +30,7 @@
 #include <nbdkit-plugin.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -38,17 +41,18 @@
 #include <set>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <unistd.h>
 
+#include "control_channel.h"
+#include "stats_writer.h"
 #include "zxblk/zxblk.h"
 
 namespace {
 
 struct Config {
-    std::string store, cache, statsFile, statsDir;
+    std::string store, cache, statsFile, statsDir, control;
     // disk= and client=, in the order given, which is the order listed.
     struct Wanted {
         bool client;
@@ -59,7 +63,7 @@ struct Config {
     int snapshot = -1;
     uint64_t cacheLimit = 0;
     uint64_t readahead = zxblk::DiskOptions().readahead;
-    bool allowDamaged = false;
+    bool allowDamaged = false, prefetch = false;
 };
 Config g_config;
 
@@ -82,6 +86,12 @@ bool g_oneCache = false;                  // cache= is the one disk's own cache
 std::unique_ptr<zxblk::Store> g_store;
 std::mutex g_openMutex;
 std::map<std::string, std::shared_ptr<zxblk::Disk>> g_open;  // by Export::key(), under g_openMutex
+// How many recorded mount extents each open snapshot was told to recall
+// ahead (prefetch= or the "prefetch" command), by Export::key(), under
+// g_openMutex; told in its statistics.
+std::map<std::string, size_t> g_prefetched;
+bool g_serving = false;  // after_fork has run: a disk opened now is served
+std::unique_ptr<zxblk_plugin::ControlSocket> g_control;
 
 // A connection: its export and the disk, fixed when it opens. The disk
 // belongs to g_open, not to the connection: nbdkit told to stop while
@@ -113,11 +123,14 @@ int config(const char* key, const char* value) {
     std::string k(key), v(value);
     if (k == "store" && v.compare(0, 5, "s3://") == 0) {
         g_config.store = v;  // a store on S3: a URL, not a path
-    } else if (k == "store" || k == "cache" || k == "statsfile" || k == "statsdir") {
+    } else if (k == "store" || k == "cache" || k == "statsfile" || k == "statsdir" || k == "control") {
         std::string path = absolute(value);
         if (path.empty()) return -1;  // nbdkit said why
-        (k == "store" ? g_config.store : k == "cache" ? g_config.cache : k == "statsfile" ? g_config.statsFile
-                                                                                       : g_config.statsDir) = path;
+        (k == "store"       ? g_config.store
+         : k == "cache"     ? g_config.cache
+         : k == "statsfile" ? g_config.statsFile
+         : k == "statsdir"  ? g_config.statsDir
+                            : g_config.control) = path;
     } else if (k == "disk") {
         size_t at = v.rfind('@');
         int snapshot = -1;
@@ -141,13 +154,13 @@ int config(const char* key, const char* value) {
         int64_t n = nbdkit_parse_size(value);
         if (n < 0) return -1;
         (k == "readahead" ? g_config.readahead : g_config.cacheLimit) = static_cast<uint64_t>(n);
-    } else if (k == "allow-damaged") {
+    } else if (k == "allow-damaged" || k == "prefetch") {
         int b = nbdkit_parse_bool(value);
         if (b < 0) return -1;
-        g_config.allowDamaged = b;
+        (k == "prefetch" ? g_config.prefetch : g_config.allowDamaged) = b;
     } else {
         nbdkit_error("unknown parameter '%s' (the zxblk plugin takes store, disk, client, snapshot, cache, "
-                     "cache-limit, readahead, statsfile, statsdir and allow-damaged)",
+                     "cache-limit, readahead, statsfile, statsdir, allow-damaged, control and prefetch)",
                      key);
         return -1;
     }
@@ -229,6 +242,14 @@ void settleExports(const zxblk::Store& store) {
     g_oneCache = snapshots.size() == 1;
 }
 
+// Recalls in the background the mount extents recorded for the export's
+// snapshot. Caller holds g_openMutex.
+void prefetchLocked(const Export& e, zxblk::Disk& disk) {
+    size_t n = disk.prefetchMountExtents();
+    g_prefetched[e.key()] = n;
+    nbdkit_debug("%s: prefetching %zu mount extents", e.name.c_str(), n);
+}
+
 // Opens an export's snapshot, or finds it open. Caller holds g_openMutex.
 std::shared_ptr<zxblk::Disk> openLocked(const Export& e) {
     std::shared_ptr<zxblk::Disk>& disk = g_open[e.key()];
@@ -238,6 +259,9 @@ std::shared_ptr<zxblk::Disk> openLocked(const Export& e) {
     options.cacheLimit = g_config.cacheLimit;
     options.readahead = g_config.readahead;
     options.allowDamaged = g_config.allowDamaged;
+    // With a control channel someone can say when the guest is up: the
+    // extents recalled until then are its mount extents.
+    options.trackExtents = !g_config.control.empty();
     if (!g_config.cache.empty())
         options.cacheDir = g_oneCache ? g_config.cache : g_config.cache + "/" + e.disk + "-snap" + std::to_string(e.snapshot);
     try {
@@ -250,6 +274,7 @@ std::shared_ptr<zxblk::Disk> openLocked(const Export& e) {
     nbdkit_debug("export %s: %s (%llu bytes, extents of %llu bytes, cache %s)", e.name.c_str(),
                  e.description.c_str(), static_cast<unsigned long long>(disk->size()),
                  static_cast<unsigned long long>(disk->extentSize()), disk->cacheDir().c_str());
+    if (g_serving && g_config.prefetch) prefetchLocked(e, *disk);
     return disk;
 }
 
@@ -264,6 +289,7 @@ void openAll() {
 void closeAll() {
     std::lock_guard<std::mutex> lock(g_openMutex);
     g_open.clear();
+    g_prefetched.clear();
     g_store.reset();
 }
 
@@ -309,63 +335,53 @@ int getReady() {
     }
 }
 
-// The statistics of each open export, rewritten whole once a second while
-// the server runs and once more when it stops, for `zxblk stats FILE` or a
-// script: statsfile= for the one disk, or statsdir=DIR/EXPORT.stats.
-std::thread g_statsThread;
-std::mutex g_statsMutex;
-std::condition_variable g_statsCond;
-bool g_stopStats = false;
-
-void writeStatsFile(const std::string& file, zxblk::Disk& disk) {
-    std::string text;
-    try {
-        text = disk.statsText();
-    } catch (const std::exception& e) {
-        nbdkit_error("%s: statistics: %s", file.c_str(), e.what());
-        return;
-    }
-    // Written aside and renamed, so that a reader never sees half of it.
-    std::string tmp = file + ".tmp";
-    FILE* f = std::fopen(tmp.c_str(), "w");
-    bool ok = f && std::fwrite(text.data(), 1, text.size(), f) == text.size();
-    if (f && std::fclose(f) != 0) ok = false;
-    if (!ok || std::rename(tmp.c_str(), file.c_str()) != 0) {
-        nbdkit_error("%s: cannot write the statistics: %s", file.c_str(), std::strerror(errno));
-        std::remove(tmp.c_str());
-    }
-}
-
-void writeStats() {
-    std::vector<std::pair<std::string, std::shared_ptr<zxblk::Disk>>> files;
+// The statistics of each open export, for `zxblk stats FILE` or a script:
+// statsfile= for the one disk, or statsdir=DIR/EXPORT.stats.
+std::vector<std::pair<std::string, std::string>> gatherStats() {
+    std::vector<std::pair<std::string, std::string>> files;
+    std::vector<std::pair<const Export*, std::shared_ptr<zxblk::Disk>>> open;
+    std::map<std::string, size_t> prefetched;
     {
         std::lock_guard<std::mutex> lock(g_openMutex);
         for (const Export& e : g_exports) {
             auto it = g_open.find(e.key());
-            if (it == g_open.end() || !it->second) continue;
-            if (!g_config.statsFile.empty()) files.emplace_back(g_config.statsFile, it->second);
-            if (!g_config.statsDir.empty()) files.emplace_back(g_config.statsDir + "/" + e.name + ".stats", it->second);
+            if (it != g_open.end() && it->second) open.emplace_back(&e, it->second);
         }
+        prefetched = g_prefetched;
     }
-    for (auto& [file, disk] : files) writeStatsFile(file, *disk);
+    for (const auto& [e, disk] : open) {
+        std::string text;
+        try {
+            text = disk->statsText();
+        } catch (const std::exception& x) {
+            nbdkit_error("%s: statistics: %s", e->name.c_str(), x.what());
+            continue;
+        }
+        auto p = prefetched.find(e->key());
+        if (p != prefetched.end()) text += "mount_extents_prefetched " + std::to_string(p->second) + "\n";
+        if (!g_config.statsFile.empty()) files.emplace_back(g_config.statsFile, text);
+        if (!g_config.statsDir.empty()) files.emplace_back(g_config.statsDir + "/" + e->name + ".stats", text);
+    }
+    return files;
 }
+zxblk_plugin::StatsWriter g_stats(gatherStats);
 
-void statsLoop() {
-    std::unique_lock<std::mutex> lock(g_statsMutex);
-    while (!g_statsCond.wait_for(lock, std::chrono::seconds(1), [] { return g_stopStats; })) {
-        lock.unlock();
-        writeStats();
-        lock.lock();
-    }
-}
+std::string answerControl(const std::string& line);
 
 int afterFork() {
     try {
         openAll();
-        if (!g_config.statsFile.empty() || !g_config.statsDir.empty()) {
-            writeStats();
-            g_statsThread = std::thread(statsLoop);
+        {
+            std::lock_guard<std::mutex> lock(g_openMutex);
+            g_serving = true;
+            if (g_config.prefetch)
+                for (const Export& e : g_exports) {
+                    auto it = g_open.find(e.key());
+                    if (it != g_open.end() && it->second && !g_prefetched.count(e.key())) prefetchLocked(e, *it->second);
+                }
         }
+        if (!g_config.control.empty()) g_control.reset(new zxblk_plugin::ControlSocket(g_config.control, answerControl));
+        if (!g_config.statsFile.empty() || !g_config.statsDir.empty()) g_stats.start();
         return 0;
     } catch (const std::exception& e) {
         nbdkit_error("%s", e.what());
@@ -376,15 +392,8 @@ int afterFork() {
 // After the last connection: the last statistics, then the disks close
 // (their recalls end and the caches are left consistent).
 void cleanup() {
-    if (g_statsThread.joinable()) {
-        {
-            std::lock_guard<std::mutex> lock(g_statsMutex);
-            g_stopStats = true;
-        }
-        g_statsCond.notify_all();
-        g_statsThread.join();
-    }
-    writeStats();
+    g_control.reset();  // no command reaches a disk that is closing
+    g_stats.stop();
     closeAll();
     zxblk::setLogHandler(nullptr);
 }
@@ -431,6 +440,38 @@ std::string servedNames() {
     std::string out;
     for (const std::string& n : names) out += (out.empty() ? "" : ", ") + n;
     return out.empty() ? "none" : out;
+}
+
+// The disks a control command names: every open one, or the export asked for.
+std::vector<zxblk_plugin::ControlTarget> controlTargets(const std::string& name) {
+    std::vector<zxblk_plugin::ControlTarget> out;
+    std::set<std::string> seen;
+    std::lock_guard<std::mutex> lock(g_openMutex);
+    if (name.empty()) {
+        for (const Export& e : g_exports) {
+            auto it = g_open.find(e.key());
+            if (it != g_open.end() && it->second && seen.insert(e.key()).second) out.push_back({e.name, it->second});
+        }
+        return out;
+    }
+    auto it = g_byName.find(name);
+    if (it == g_byName.end())
+        throw std::runtime_error("no export '" + printable(name.c_str()) + "': this server serves " + servedNames());
+    const Export& e = g_exports[it->second];
+    out.push_back({e.name, openLocked(e)});
+    return out;
+}
+
+std::string answerControl(const std::string& line) {
+    std::string reply = zxblk_plugin::runControlLine(line, controlTargets, [](const zxblk_plugin::ControlTarget& t,
+                                                                              size_t n) {
+        std::lock_guard<std::mutex> lock(g_openMutex);
+        g_prefetched[g_exports[g_byName.at(t.name)].key()] = n;
+    });
+    nbdkit_debug("control: %s: %s", printable(line.c_str()).c_str(), reply.c_str());
+    // The statistics say at once what the phase now is.
+    if (!g_config.statsFile.empty() || !g_config.statsDir.empty()) g_stats.write();
+    return reply;
 }
 
 void* openConnection(int) {
@@ -559,7 +600,10 @@ nbdkit_plugin makePlugin() {
         "statsdir=DIR      the statistics of each export, in DIR/EXPORT.stats\n"
         "allow-damaged=true\n"
         "                  serve a disk even when a snapshot it reads from is missing or damaged\n"
-        "                  (the reads that need that snapshot fail)";
+        "                  (the reads that need that snapshot fail)\n"
+        "control=SOCKET    take mount-complete, metadata-begin, metadata-end and prefetch on this\n"
+        "                  Unix socket (zxblk control), and track the disks' mount extents\n"
+        "prefetch=true     recall each disk's recorded mount extents as soon as it is open";
     p.magic_config_key = "disk";
     p.get_ready = getReady;
     p.after_fork = afterFork;

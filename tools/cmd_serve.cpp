@@ -35,7 +35,7 @@ struct ServeArgs {
     PresentedOptions disks;
     ListenOptions listen;
     std::string run, statsPath, logFile;
-    bool writable = false, foreground = false;
+    bool writable = false, foreground = false, prefetch = false;
 };
 
 // An export of the server: a disk, and where a client finds it.
@@ -94,10 +94,12 @@ std::vector<std::string> nbdkitArgs(const ServeArgs& a, const Listener& l, size_
     args.push_back("readahead=" + std::to_string(a.disks.readahead));
     if (a.disks.allowDamaged) args.push_back("allow-damaged=true");
     if (!a.statsPath.empty()) args.push_back((exports > 1 ? "statsdir=" : "statsfile=") + a.statsPath);
+    args.push_back("control=" + l.controlPath);
+    if (a.prefetch) args.push_back("prefetch=true");
     return args;
 }
 
-void printServing(const ServeArgs& a, const std::vector<Export>& exports, const std::string& stop) {
+void printServing(const ServeArgs& a, const std::vector<Export>& exports, const Listener& l, const std::string& stop) {
     if (quiet()) return;
     std::string guestfs;
     for (const Export& e : exports) {
@@ -107,6 +109,8 @@ void printServing(const ServeArgs& a, const std::vector<Export>& exports, const 
         if (!e.guestfsUri.empty()) guestfs += " -a '" + e.guestfsUri + "'";
     }
     if (!guestfs.empty()) std::printf("libguestfs: guestfish --ro --format=raw%s\n", guestfs.c_str());
+    std::printf("once the disks are mounted or the guest is up: zxblk control %s mount-complete\n",
+                l.controlPath.c_str());
     if (!stop.empty()) std::printf("%s\n", stop.c_str());
     std::fflush(stdout);
 }
@@ -122,12 +126,14 @@ int runCommand(const ServeArgs& a, const std::vector<Export>& exports, Listener&
     }
     // Made before the fork: the child only execs, as a child of a process
     // with threads must.
-    std::vector<std::string> env = {"uri=" + exports.front().uri, "uris=" + uris, "exports=" + names};
+    std::vector<std::string> env = {"uri=" + exports.front().uri, "uris=" + uris, "exports=" + names,
+                                    "controlsocket=" + l.controlPath};
     if (!l.socketPath.empty()) env.push_back("unixsocket=" + l.socketPath);
     if (l.port) env.push_back("port=" + std::to_string(l.port));
     for (char** e = environ; *e; ++e) {
         std::string entry(*e), key = entry.substr(0, entry.find('='));
-        if (key != "uri" && key != "uris" && key != "exports" && key != "unixsocket" && key != "port")
+        if (key != "uri" && key != "uris" && key != "exports" && key != "unixsocket" && key != "port" &&
+            key != "controlsocket")
             env.push_back(entry);
     }
     std::vector<char*> envp;
@@ -201,10 +207,10 @@ int serveHere(const ServeArgs& a, const std::vector<Export>& exports, const std:
     relay.pass();
     int rc = 0;
     if (!a.run.empty()) {
-        printServing(a, exports, "");
+        printServing(a, exports, l, "");
         rc = runCommand(a, exports, l, pid);
     } else {
-        printServing(a, exports, "stop with Ctrl-C");
+        printServing(a, exports, l, "stop with Ctrl-C");
         rc = waitEnd(pid, l, &status) ? 0 : exitCodeOf(status);
     }
     removeListener(l);
@@ -253,7 +259,7 @@ void serveInBackground(const ServeArgs& a, const std::vector<Export>& exports, c
     ::close(pipeFds[0]);
     if (word == '+') {
         ::close(log);
-        printServing(a, exports, "log: " + logFile + "; stop with: kill " + std::to_string(supervisor));
+        printServing(a, exports, l, "log: " + logFile + "; stop with: kill " + std::to_string(supervisor));
         return;
     }
     // nbdkit's own words on why, from the log.
@@ -335,14 +341,20 @@ void registerServeCommand(CLI::App& app) {
     cmd->add_option("--run", a.run,
                     "run this shell command, then stop: $uri is the first export's URI, $uris every export's and "
                     "$exports their names (disk names, space-separated, in the same order), with $unixsocket or "
-                    "$port");
+                    "$port, and $controlsocket for zxblk control");
+    cmd->add_flag("--prefetch", a.prefetch,
+                  "recall in the background, as the server starts, the extents the index records as each disk's "
+                  "mount extents");
     cmd->add_flag("-f,--foreground", a.foreground, "stay in the foreground until Ctrl-C");
     cmd->add_option("--stats", a.statsPath,
                     "keep what was recalled in this file, rewritten each second; serving several disks, in this "
                     "folder, one DISK.stats each");
     cmd->add_option("--log-file", a.logFile,
                     "nbdkit's messages in the background (default: serve.log in the first disk's cache)");
-    cmd->footer("One export per disk, named by the disk; with one --disk a client that names no export gets it.");
+    cmd->footer("One export per disk, named by the disk; with one --disk a client that names no export gets it. "
+                "`zxblk control SOCKET mount-complete` tells the server that what reads the disks has mounted them "
+                "(a guest is up): the extents recalled until then go to the index as mount extents, which "
+                "--prefetch recalls at the next start.");
     addCommonOptions(cmd);
     cmd->callback([] {
         requirePresented(a.disks);

@@ -128,6 +128,13 @@ void registerStatsCommand(CLI::App& app) {
                     humanSize(restored).c_str());
         std::printf("phases           mount %s; %s\n", mounted ? "complete" : "not complete yet",
                     metadata ? "in the metadata phase" : "not in the metadata phase");
+        // A server started with --prefetch: the mount extents an earlier run recorded.
+        for (const auto& kv : unknown)
+            if (kv.first == "mount_extents_prefetched") {
+                std::printf("prefetched       %s recorded as mount extents, recalled ahead of the reads\n",
+                            plural(take("mount_extents_prefetched"), "extent").c_str());
+                break;
+            }
         // A store on S3: what its objects were asked for.
         bool remote = false;
         for (const auto& kv : unknown) remote = remote || kv.first == "store_gets";

@@ -37,5 +37,6 @@ void registerCacheCommand(CLI::App& app);
 void registerStatsCommand(CLI::App& app);
 void registerServeCommand(CLI::App& app);
 void registerBootCommand(CLI::App& app);
+void registerControlCommand(CLI::App& app);
 
 }  // namespace zxblk

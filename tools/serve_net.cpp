@@ -7,6 +7,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <poll.h>
+
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -145,6 +147,10 @@ Listener openListener(const ListenOptions& o) {
         else
             listenUnix(o.socketPath.empty() ? dir + "/nbd.sock" : o.socketPath, l);
         if (::listen(l.fd, SOMAXCONN) != 0) throw systemError("listen");
+        // Found from the NBD socket's path where it fits a Unix socket's address.
+        l.controlPath = dir + "/control.sock";
+        if (!l.socketPath.empty() && l.socketPath.size() + 8 < sizeof(sockaddr_un::sun_path))
+            l.controlPath = l.socketPath + ".control";
     } catch (...) {
         if (l.fd >= 0) ::close(l.fd);
         if (!l.socketPath.empty()) ::unlink(l.socketPath.c_str());
@@ -157,6 +163,8 @@ Listener openListener(const ListenOptions& o) {
 
 void removeListener(const Listener& l) {
     if (!l.socketPath.empty()) ::unlink(l.socketPath.c_str());
+    // nbdkit removes the control socket as it ends; not when it was killed.
+    if (!l.controlPath.empty()) ::unlink(l.controlPath.c_str());
     std::error_code ec;
     std::filesystem::remove_all(l.privateDir, ec);
 }
@@ -179,6 +187,77 @@ std::string guestfsUri(const ListenOptions& o, const Listener& l, const std::str
     if (o.port >= 0 || !o.tlsPsk.empty()) return std::string();
     return (exportName.empty() ? std::string("nbd://") : "nbd:///" + uriEscape(exportName)) +
            "?socket=" + uriEscape(l.socketPath);
+}
+
+std::string findControlSocket(const std::string& given) {
+    std::string path = given;
+    // The URI serve prints: its socket= parameter, percent-decoded.
+    size_t at = given.find("socket=");
+    if (given.compare(0, 6, "nbd+un") == 0 || given.compare(0, 7, "nbds+un") == 0) {
+        if (at == std::string::npos) throw Error(given + ": the URI names no socket", ErrorKind::invalidArgument);
+        std::string raw = given.substr(at + 7, given.find('&', at) - at - 7);
+        path.clear();
+        for (size_t i = 0; i < raw.size(); ++i) {
+            if (raw[i] == '%' && i + 2 < raw.size() && std::isxdigit(static_cast<unsigned char>(raw[i + 1])) &&
+                std::isxdigit(static_cast<unsigned char>(raw[i + 2]))) {
+                path += static_cast<char>(std::stoi(raw.substr(i + 1, 2), nullptr, 16));
+                i += 2;
+            } else {
+                path += raw[i];
+            }
+        }
+    }
+    struct stat st;
+    auto isSocket = [&](const std::string& p) { return ::stat(p.c_str(), &st) == 0 && S_ISSOCK(st.st_mode); };
+    if (isSocket(path + ".control")) return path + ".control";
+    if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        for (const char* name : {"/nbd.sock.control", "/control.sock"})
+            if (isSocket(path + name)) return path + name;
+        throw Error(path + ": no zxblk server's control socket in this folder", ErrorKind::notFound);
+    }
+    if (!isSocket(path))
+        throw Error(path + (::stat(path.c_str(), &st) == 0 ? ": not a socket" : ": no such socket"),
+                    ErrorKind::notFound);
+    return path;
+}
+
+std::string sendControl(const std::string& controlSocket, const std::string& line) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (controlSocket.size() >= sizeof addr.sun_path)
+        throw Error(controlSocket + ": too long for a Unix socket", ErrorKind::invalidArgument);
+    std::memcpy(addr.sun_path, controlSocket.c_str(), controlSocket.size() + 1);
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) throw systemError("socket");
+    struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{fd};
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
+        throw Error(controlSocket + ": no server answers there (" + std::strerror(errno) + ")", ErrorKind::unavailable);
+    std::string request = line + "\n";
+    if (::send(fd, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size()))
+        throw systemError(controlSocket);
+    // A phase waits for the recalls under way; a store far away may take a
+    // while, but a server that says nothing at all is not one of ours.
+    std::string reply;
+    char buf[512];
+    while (reply.find('\n') == std::string::npos && reply.size() < 8192) {
+        pollfd p = {fd, POLLIN, 0};
+        int r = ::poll(&p, 1, 120000);
+        if (r < 0 && errno == EINTR) continue;
+        if (r == 0) throw Error(controlSocket + ": the server did not answer within 120 s", ErrorKind::unavailable);
+        ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        reply.append(buf, static_cast<size_t>(n));
+    }
+    reply = reply.substr(0, reply.find('\n'));
+    if (reply == "ok") return std::string();
+    if (reply.compare(0, 4, "ok: ") == 0) return reply.substr(4);
+    if (reply.compare(0, 7, "error: ") == 0) throw Error(reply.substr(7), ErrorKind::invalidArgument);
+    throw Error(controlSocket + " is not the control socket of a zxblk server (give the one zxblk serve printed)",
+                ErrorKind::invalidArgument);
 }
 
 }  // namespace zxblk

@@ -14,6 +14,9 @@ struct ListenOptions {
 struct Listener {
     int fd = -1;
     std::string socketPath, privateDir;
+    // The server's control channel (zxblk control): beside a Unix socket,
+    // SOCKET.control; of a TCP port, in the private folder.
+    std::string controlPath;
     std::string host;  // of a TCP port, as a URI names it: "127.0.0.1", "[::1]"
     int port = 0;
     std::string user;  // the TLS user, from the PSK file
@@ -24,7 +27,7 @@ struct Listener {
 // the server under $XDG_RUNTIME_DIR or /tmp. A non-loopback address needs
 // TLS. Throws Error, leaving nothing behind.
 Listener openListener(const ListenOptions& options);
-// Removes the socket and the private folder.
+// Removes the sockets and the private folder.
 void removeListener(const Listener& listener);
 
 // The URI of an export as libnbd's tools take it: nbd+unix:///EXPORT?socket=
@@ -34,5 +37,14 @@ std::string exportUri(const ListenOptions& options, const Listener& listener, co
 // TLS: nbd:///EXPORT?socket=); "" where it is the same or libguestfs cannot
 // connect (TLS).
 std::string guestfsUri(const ListenOptions& options, const Listener& listener, const std::string& exportName);
+
+// The control socket of a running server from what a user has at hand:
+// the NBD socket (SOCKET.control beside it), the control socket itself, an
+// nbd+unix:// URI, or the server's private folder.
+std::string findControlSocket(const std::string& given);
+// Sends one line ("mount-complete", "prefetch DISK", ...) to a server's
+// control socket; what the server did, as it says it. Throws Error with its
+// reason when it refuses, or when nothing there answers as one.
+std::string sendControl(const std::string& controlSocket, const std::string& line);
 
 }  // namespace zxblk

@@ -135,6 +135,7 @@ int main(int argc, char** argv) {
     zxblk::registerReadCommand(app);
     zxblk::registerMountCommand(app);
     zxblk::registerServeCommand(app);
+    zxblk::registerControlCommand(app);
     zxblk::registerBootCommand(app);
     zxblk::registerIndexCommand(app);
     zxblk::registerDemoCommand(app);
