@@ -30,6 +30,7 @@
 #include "vm_console.h"
 #include "vm_overlay.h"
 #include "vm_qemu.h"
+#include "vm_ready.h"
 #include "vm_restore.h"
 
 namespace zxblk {
@@ -40,6 +41,7 @@ using Clock = std::chrono::steady_clock;
 struct BootArgs {
     PresentedOptions disks;  // one client
     RestoreOptions restore;
+    ReadyOptions ready;
     std::string client, bootDisk, overlayDir, log, qemuExtra, kernel, initrd, append;
     std::string bus = "virtio", accel = "auto";
     bool newOverlay = false, console = false;
@@ -164,6 +166,9 @@ void startServer(const BootArgs& a, Server& server) {
     if (a.disks.cacheLimit) args.push_back("cache-limit=" + std::to_string(a.disks.cacheLimit));
     args.push_back("readahead=" + std::to_string(a.disks.readahead));
     if (a.disks.allowDamaged) args.push_back("allow-damaged=true");
+    // What each disk recalled, in DISK.stats beside its overlay.
+    args.push_back("statsdir=" + a.overlayDir);
+    for (const std::string& arg : readyServerArgs(a.ready, l.controlPath)) args.push_back(arg);
     server.relay.reset(new Relay);
     server.pid = startNbdkit(args, l, server.relay->writeEnd());
     server.relay->start();
@@ -237,6 +242,7 @@ int boot(BootArgs& a) {
     }
 
     watchStopSignals();
+    settlePrefetch(a.ready, a.disks.store, list);
     Server server;
     startServer(a, server);
 
@@ -271,7 +277,9 @@ int boot(BootArgs& a) {
     say("its writes go to " + a.overlayDir + (onTerminal ? "" : "; console in " + consoleLog) + "; Ctrl-C or kill " +
         std::to_string(::getpid()) + " powers it down");
 
+    VmReady ready(a.ready, a.client, server.listener.controlPath, !restore);
     ConsoleRelay console(out, onTerminal ? 0 : -1);
+    console.watch([&ready](const std::string& line) { ready.consoleLine(line); });
     Qemu vm;
     vm.pid = startQemu(args, console, nullFd, logFd, onTerminal);
     console.start();
@@ -309,6 +317,7 @@ int boot(BootArgs& a) {
     int asked = 0;
     for (;;) {
         if (vm.reap()) break;
+        ready.tick();
         int status = 0;
         if (!server.gone && ::waitpid(server.pid, &status, WNOHANG) == server.pid) {
             server.gone = true;
@@ -428,6 +437,7 @@ void registerBootCommand(CLI::App& app) {
                   "largest window recalled ahead of a reader that reads a disk in order (default 16M; 0: none)");
     addAllowDamagedOption(cmd, a.disks.allowDamaged);
     addRestoreOptions(cmd, a.restore);
+    addReadyOptions(cmd, a.ready);
     cmd->footer("Exit code 0 when the guest powered off; 1, with one line saying why, otherwise.");
     addCommonOptions(cmd);
     cmd->callback([] {
