@@ -242,7 +242,7 @@ int boot(BootArgs& a) {
     }
 
     watchStopSignals();
-    settlePrefetch(a.ready, a.disks.store, list);
+    const std::string prefetching = settlePrefetch(a.ready, a.disks.store, list);
     Server server;
     startServer(a, server);
 
@@ -276,6 +276,7 @@ int boot(BootArgs& a) {
                                             : " (no hardware virtualisation: " + kvm.why + ")")));
     say("its writes go to " + a.overlayDir + (onTerminal ? "" : "; console in " + consoleLog) + "; Ctrl-C or kill " +
         std::to_string(::getpid()) + " powers it down");
+    if (!prefetching.empty()) say(prefetching);
 
     VmReady ready(a.ready, a.client, server.listener.controlPath, !restore);
     ConsoleRelay console(out, onTerminal ? 0 : -1);

@@ -36,8 +36,8 @@ void addReadyOptions(CLI::App* cmd, ReadyOptions& o) {
         ->excludes(on);
 }
 
-void settlePrefetch(ReadyOptions& o, const std::string& store, const std::vector<PresentedDisk>& disks) {
-    if (o.prefetch == 0) return;
+std::string settlePrefetch(ReadyOptions& o, const std::string& store, const std::vector<PresentedDisk>& disks) {
+    if (o.prefetch == 0) return std::string();
     Store s = Store::open(store);
     size_t total = 0;
     std::string each;
@@ -47,9 +47,9 @@ void settlePrefetch(ReadyOptions& o, const std::string& store, const std::vector
         each += (each.empty() ? "" : ", ") + d.name + " " + std::to_string(n);
     }
     if (o.prefetch < 0) o.prefetch = total > 0 ? 1 : 0;
-    if (o.prefetch)
-        say("prefetching " + std::to_string(total) + " mount extent" + (total == 1 ? "" : "s") +
-            " recorded at an earlier boot" + (disks.size() > 1 ? " (" + each + ")" : std::string()));
+    if (!o.prefetch) return std::string();
+    return "prefetching " + std::to_string(total) + " mount extent" + (total == 1 ? "" : "s") +
+           " recorded at an earlier boot" + (disks.size() > 1 ? " (" + each + ")" : std::string());
 }
 
 std::vector<std::string> readyServerArgs(const ReadyOptions& o, const std::string& controlSocket) {

@@ -24,9 +24,9 @@ struct ReadyOptions {
 // --ready-pattern, --ready-after, --prefetch and --no-prefetch.
 void addReadyOptions(CLI::App* cmd, ReadyOptions& options);
 
-// Settles options.prefetch for these disks from the index, and says in one
-// line how many mount extents the server will recall ahead.
-void settlePrefetch(ReadyOptions& options, const std::string& store, const std::vector<PresentedDisk>& disks);
+// Settles options.prefetch for these disks from the index; the line that
+// says how many mount extents the server will recall ahead, or "".
+std::string settlePrefetch(ReadyOptions& options, const std::string& store, const std::vector<PresentedDisk>& disks);
 // The plugin's arguments for the control channel and the prefetch.
 std::vector<std::string> readyServerArgs(const ReadyOptions& options, const std::string& controlSocket);
 
