@@ -30,7 +30,6 @@
 #include <nbdkit-plugin.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -46,10 +45,15 @@
 #include <unistd.h>
 
 #include "control_channel.h"
+#include "plugin_text.h"
 #include "stats_writer.h"
 #include "zxblk/zxblk.h"
 
 namespace {
+
+using zxblk_plugin::parseSnapshot;
+using zxblk_plugin::printable;
+using zxblk_plugin::sizeText;
 
 struct Config {
     std::string store, cache, statsFile, statsDir, control;
@@ -111,14 +115,6 @@ std::string absolute(const char* value) {
     return out;
 }
 
-// Plain decimal only: "-1" and "010" are not snapshot numbers.
-bool parseSnapshot(const std::string& text, int* out) {
-    const char* begin = text.data();
-    const char* end = begin + text.size();
-    auto r = std::from_chars(begin, end, *out);
-    return !text.empty() && r.ec == std::errc() && r.ptr == end && (text[0] != '0' || text.size() == 1) && *out >= 0;
-}
-
 int config(const char* key, const char* value) {
     std::string k(key), v(value);
     if (k == "store" && v.compare(0, 5, "s3://") == 0) {
@@ -174,19 +170,6 @@ int configComplete() {
     }
     g_everyDisk = g_config.wanted.empty();
     return 0;
-}
-
-std::string sizeText(uint64_t bytes) {
-    const char* units[] = {"bytes", "KiB", "MiB", "GiB", "TiB", "PiB"};
-    double n = static_cast<double>(bytes);
-    size_t u = 0;
-    for (; n >= 1024 && u + 1 < sizeof units / sizeof *units; ++u) n /= 1024;
-    char text[32];
-    if (u == 0)
-        std::snprintf(text, sizeof text, "%llu bytes", static_cast<unsigned long long>(bytes));
-    else
-        std::snprintf(text, sizeof text, "%.1f %s", n, units[u]);
-    return text;
 }
 
 // Lists an export of a disk's snapshot under `name`, unless one of that
@@ -421,14 +404,6 @@ int listExports(int, int, struct nbdkit_exports* out) {
 // A client that names no export gets the first: a one-disk server serves
 // its disk at a URI without a name.
 const char* defaultExport(int, int) { return g_exports.empty() ? nullptr : g_exports.front().name.c_str(); }
-
-// The name as a client sent it, safe for one log line.
-std::string printable(const char* name) {
-    std::string out(name, std::min<size_t>(std::strlen(name), 200));
-    for (char& c : out)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
-    return out;
-}
 
 // The disks served, each once, for the line that refuses an unknown name.
 std::string servedNames() {
