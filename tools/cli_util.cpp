@@ -133,6 +133,13 @@ void Progress::finish() {
     m_enabled = false;
 }
 
+std::string failureLine(const std::exception& e) {
+    std::string said = e.what();
+    auto* error = dynamic_cast<const Error*>(&e);
+    if (error && error->kind() == ErrorKind::busy && said.rfind("the extent cache ", 0) == 0) said += " (--cache DIR)";
+    return said;
+}
+
 void sayNotices(const std::vector<std::string>& notices) {
     for (const std::string& notice : notices) std::fprintf(stderr, "zxblk: note: %s\n", notice.c_str());
 }

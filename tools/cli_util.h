@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <limits>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -75,6 +76,10 @@ private:
 // How a disk was opened, as Disk::notices() tells it (a cache dropped, and
 // why), each as a line "zxblk: note: ..." on standard error.
 void sayNotices(const std::vector<std::string>& notices);
+// What a failure says on the command line: the error's text, with the
+// option that answers it where the library could not name one (a cache
+// in use is answered by --cache DIR).
+std::string failureLine(const std::exception& e);
 
 // SIGINT and SIGTERM while a command that makes files runs (export,
 // import). The first only raises a flag, which the command looks at between

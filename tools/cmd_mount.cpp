@@ -267,9 +267,9 @@ void startDaemon(const MountArgs& a) {
             serve(a, readyFd);
         } catch (const std::exception& e) {
             if (readyFd >= 0)
-                tellStarter(readyFd, '-', e.what());
+                tellStarter(readyFd, '-', failureLine(e));
             else
-                logLine(-1, kSource, e.what());
+                logLine(-1, kSource, failureLine(e));
             rc = 1;
         }
         std::fflush(nullptr);

@@ -149,15 +149,8 @@ int main(int argc, char** argv) {
         if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(e);
         std::fprintf(stderr, "%s\n", zxblk::usageLine(app, e, argc, argv).c_str());
         return zxblk::kExitUsage;
-    } catch (const zxblk::Error& e) {
-        // The library says to use a cache folder of its own without naming
-        // how, since a program linking it has its own way; here it is an option.
-        std::string said = e.what();
-        if (e.kind() == zxblk::ErrorKind::busy && said.rfind("the extent cache ", 0) == 0) said += " (--cache DIR)";
-        std::fprintf(stderr, "zxblk: %s\n", said.c_str());
-        return zxblk::kExitFailure;
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "zxblk: %s\n", e.what());
+        std::fprintf(stderr, "zxblk: %s\n", zxblk::failureLine(e).c_str());
         return zxblk::kExitFailure;
     }
     return zxblk::kExitOk;
