@@ -245,6 +245,7 @@ int boot(BootArgs& a) {
     const std::string prefetching = settlePrefetch(a.ready, a.disks.store, list);
     Server server;
     startServer(a, server);
+    if (restore) restore->setServerCause([&server] { return server.relay ? server.relay->lastError() : std::string(); });
 
     VmSpec spec;
     spec.qemu = qemu;

@@ -202,6 +202,8 @@ void Relay::run() {
         if (n <= 0 && !partial.empty() && partial.back() != '\n') partial += '\n';
         for (size_t end; (end = partial.find('\n')) != std::string::npos; partial.erase(0, end + 1)) {
             std::lock_guard<std::mutex> lock(m_mutex);
+            const size_t error = partial.find(": error: ");
+            if (error < end) m_lastError = partial.substr(error + 9, end - error - 9);
             if (m_passing)
                 std::fprintf(stderr, "%s\n", partial.substr(0, end).c_str());
             else
@@ -216,6 +218,11 @@ void Relay::pass() {
     m_passing = true;
     for (const std::string& line : m_held) std::fprintf(stderr, "%s\n", line.c_str());
     m_held.clear();
+}
+
+std::string Relay::lastError() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_lastError;
 }
 
 std::string Relay::cause() {

@@ -59,6 +59,9 @@ public:
     void pass();
     // nbdkit has ended before it served: why.
     std::string cause();
+    // The text of the last error line nbdkit wrote ("read of ... could not
+    // be recalled: ..."), or "": what a client saw only as an errno.
+    std::string lastError();
 
 private:
     void run();
@@ -68,6 +71,7 @@ private:
     std::mutex m_mutex;
     bool m_passing = false;
     std::vector<std::string> m_held;
+    std::string m_lastError;
 };
 
 }  // namespace zxblk

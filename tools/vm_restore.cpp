@@ -279,8 +279,9 @@ void LiveRestore::fail(QmpClient& qmp, const std::string& why) {
     }
     std::error_code ec;
     for (const RestoreDisk& d : m_disks) fs::remove(partial(d), ec);
-    std::fprintf(stderr, "zxblk: warning: live restore of %s failed: %s; the VM goes on running from the backup\n",
-                 m_vm.c_str(), why.c_str());
+    const std::string server = m_serverCause ? m_serverCause() : std::string();
+    std::fprintf(stderr, "zxblk: warning: live restore of %s failed: %s%s; the VM goes on running from the backup\n",
+                 m_vm.c_str(), why.c_str(), server.empty() ? "" : (" (the server: " + server + ")").c_str());
 }
 
 std::string LiveRestore::summary() const {

@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,9 @@ public:
     State state() const { return m_state; }
     // "DIR/sys.qcow2 (64 MiB in 3 s)" once restored.
     std::string summary() const;
+    // Where a failed copy's cause is found: qemu says only "Input/output
+    // error" of a read the server could not answer, the server says why.
+    void setServerCause(std::function<std::string()> cause) { m_serverCause = std::move(cause); }
 
 private:
     void fail(QmpClient& qmp, const std::string& why);
@@ -75,6 +79,7 @@ private:
     uint64_t m_copied = 0;
     int64_t m_took = 0;  // seconds from start to the move onto the copies
     std::chrono::steady_clock::time_point m_started, m_lastStep, m_lastProgress;
+    std::function<std::string()> m_serverCause;
 };
 
 }  // namespace zxblk
