@@ -12,25 +12,18 @@
 #   boot_s3_test.sh ZXBLK MAKE_DIFF_VHD
 set -euo pipefail
 zxblk=$1 diff_vhd=$2
-for tool in qemu-system-x86_64 qemu-img debugfs curl; do
-  command -v $tool >/dev/null || { echo "skipped: $tool is not installed"; exit 77; }
-done
-here=$(cd "$(dirname "$0")" && pwd)
-export ZXBLK_TEST_CACHE=${ZXBLK_TEST_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zxblk-test}
-. "$here/../s3/e2e_scratch.sh"
-export XDG_CACHE_HOME=$work/xdg XDG_RUNTIME_DIR=$work/run
-mkdir -p run
+tests=$(cd "$(dirname "$0")/.." && pwd)
+. "$tests/s3/e2e_scratch.sh"
+. "$tests/boot/boot_common.sh"
+needs qemu-system-x86_64 qemu-img debugfs curl
 
 # Once radosgw is gone the copy goes on through what the guest's boot
 # cached (some 20 MiB at 1 MiB/s), and at the first extent it must fetch
 # the S3 client retries the GET for 20 s before the read fails: the
 # warning comes 35-40 s after the kill. The guest stays up well beyond.
 wait_s=75
-rc=0
-"$here/make_boot_disk.sh" d --size 64 --chain "$diff_vhd" 2>make.err &&
-  "$here/make_boot_disk.sh" w --size 64 --wait $wait_s --chain "$diff_vhd" 2>>make.err || rc=$?
-[ $rc = 77 ] && { grep '^skipped:' make.err; exit 77; }
-[ $rc = 0 ] || fail "make_boot_disk.sh: $(tail -3 make.err)"
+make_disk d
+make_disk w --wait $wait_s
 . d/disk.env
 . "$s3/ceph_env.sh"
 make_bucket bkt

@@ -11,29 +11,9 @@
 #   boot_test.sh ZXBLK MAKE_DIFF_VHD
 set -euo pipefail
 zxblk=$1 diff_vhd=$2
-for tool in qemu-system-x86_64 qemu-img debugfs; do
-  command -v $tool >/dev/null || { echo "skipped: $tool is not installed"; exit 77; }
-done
-here=$(cd "$(dirname "$0")" && pwd)
-export ZXBLK_TEST_CACHE=${ZXBLK_TEST_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zxblk-test}
-work=$(mktemp -d)
-boot_pid=""
-cleanup() {
-  # qemu and nbdkit end with the zxblk that started them.
-  [ -z "$boot_pid" ] || kill -KILL "$boot_pid" 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() { echo "FAIL: $*"; exit 1; }
-ok() { echo "ok: $*"; }
-export XDG_CACHE_HOME=$work/xdg XDG_RUNTIME_DIR=$work/run
-mkdir -p "$work/run"
-cd "$work"
-
-rc=0
-"$here/make_boot_disk.sh" d --size 64 --chain "$diff_vhd" 2>make.err || rc=$?
-[ $rc = 77 ] && { grep '^skipped:' make.err; exit 77; }
-[ $rc = 0 ] || fail "make_boot_disk.sh: $(tail -3 make.err)"
+. "$(dirname "$0")/boot_common.sh"
+needs qemu-system-x86_64 qemu-img debugfs
+make_disk d
 . d/disk.env
 store=$work/store ov=$work/overlays
 "$zxblk" import -q --store "$store" --client vm --disk sys d/base.vhd d/child.vhd >/dev/null || fail "import"
