@@ -423,9 +423,9 @@ row3 "zxblk boot, folder store" "$(extents_of "$work/folder.1.fig.login")" "$(ex
 row3 "zxblk boot, S3 over wan" "$(extents_of "$work/s3.1.fig.login")" "$(extents_of "$work/s3.1.fig.work")" "$sw"
 if [ "$have_prefetch" = 1 ]; then
     pf=$work/folder-prefetch.$done_rounds.fig.login ps=$work/s3-prefetch.$done_rounds.fig.login
-    row3 "  a second boot, --prefetch (last round)" "$(extents_of "$pf")" - -
-    row3 "  a second boot, --prefetch (last round)" "$(extents_of "$ps")" - -
-    echo "  (the second boots prefetched $(stat_of "$pf" mount_extents_prefetched) (folder) and" \
+    row3 "  folder store, a second boot with --prefetch" "$(extents_of "$pf")" - -
+    row3 "  S3 over wan, a second boot with --prefetch" "$(extents_of "$ps")" - -
+    echo "  (in the last round, the second boots prefetched $(stat_of "$pf" mount_extents_prefetched) (folder) and" \
         "$(stat_of "$ps" mount_extents_prefetched) (S3) mount extents the first boots recorded)"
 fi
 echo "  (the workload: dpkg -V, then sha256sum of every file in /usr/bin, typed at the prompt)"
