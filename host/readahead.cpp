@@ -1,6 +1,8 @@
 #include "host/readahead.h"
 
 #include <algorithm>
+#include <atomic>
+#include <system_error>
 
 #include "platform/Log.h"
 #include "store/store_error.h"
@@ -186,23 +188,41 @@ void Readahead::dropQueue() {
     m_inQueue.clear();
 }
 
+// The extents are recalled several at once, as many as the readahead has
+// workers: one after another, each a round trip to a store a network away,
+// a prefetch of a boot's extents fell behind the guest that asked for them.
+// They are recalls ahead: a reader's recall still goes first, and a disk
+// object is left to the readers.
 void Readahead::prefetch(std::vector<uint64_t> extents) {
     MutexLock lock(m_prefetchMutex);
     if (m_prefetch.joinable()) m_prefetch.join();
-    m_prefetch = std::thread([this, extents] {
-        for (uint64_t e : extents) {
-            if (stopping()) return;
-            // Skipped while the readers need the file system's room; a
-            // reader recalls them when it comes for them.
-            if (e >= m_extentCount || m_cache.store().shortOfSpace()) continue;
-            try {
-                // A recorded extent that no snapshot holds reads as zeros
-                // without a recall; recalling it would only fill the cache.
-                if (m_pool.holdsData(e)) m_pool.ensure(e, false);
-            } catch (const StoreError& err) {
-                LogSink::write(kLevelError, kTag, std::string("prefetch: ") + err.what());
+    const size_t lanes = std::max<size_t>(1, std::min(m_workers.size(), extents.size()));
+    m_prefetch = std::thread([this, extents, lanes] {
+        std::atomic<size_t> next{0};
+        auto lane = [&] {
+            for (size_t i; (i = next++) < extents.size();) {
+                if (stopping()) return;
+                const uint64_t e = extents[i];
+                // Skipped while the readers need the file system's room; a
+                // reader recalls them when it comes for them.
+                if (e >= m_extentCount || m_cache.store().shortOfSpace()) continue;
+                try {
+                    // A recorded extent that no snapshot holds reads as zeros
+                    // without a recall; recalling it would only fill the cache.
+                    if (m_pool.holdsData(e)) m_pool.ensure(e, true);
+                } catch (const StoreError& err) {
+                    LogSink::write(kLevelError, kTag, std::string("prefetch: ") + err.what());
+                }
             }
+        };
+        std::vector<std::thread> others;
+        try {
+            for (size_t k = 1; k < lanes; ++k) others.emplace_back(lane);
+        } catch (const std::system_error&) {
+            // No thread to spare: the lanes there are do the rest.
         }
+        lane();
+        for (std::thread& t : others) t.join();
     });
 }
 
