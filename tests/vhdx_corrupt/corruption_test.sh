@@ -1,0 +1,126 @@
+#!/usr/bin/env bash
+# Corruption sweep of `zxblk import` over VHDX files: every named mutant of
+# vhdx_mutate.py (of qemu-img's dynamic and fixed VHDX files and of a
+# differencing file made from them) goes into a store that already holds a
+# disk. It must be refused with one line on standard error, a non-zero exit
+# and the store exactly as it was, or be accepted and export byte-identical
+# to qemu-img's reading of it (or, for a differencing file, which qemu-img
+# does not read with its parent, to the mutator's own reading). Then bytes of
+# the stored copies are damaged: export must fail in one line naming the
+# file and the block, and verify must report it.
+#   corruption_test.sh ZXBLK MUTATE_PY [NAME]
+# NAME runs that mutant alone and keeps its files.
+set -euo pipefail
+zxblk=$1 mutate=$2 only=${3:-}
+for t in qemu-img qemu-io python3; do
+  command -v $t >/dev/null || { echo "skip: the VHDX corruption sweep needs $t"; exit 77; }
+done
+work=$(mktemp -d "${TMPDIR:-/tmp}/vhdx_corrupt.XXXXXX")
+if [ -z "$only" ]; then trap 'rm -rf "$work"' EXIT; else echo "files kept in $work"; fi
+export HOME=$work/home XDG_CACHE_HOME=$work/home/.cache
+mkdir -p "$HOME" "$work/m"
+cd "$work"
+t() { timeout 60 "$@"; }
+
+# Mutants qemu-img reads that zxblk refuses on purpose, and mutants zxblk
+# takes that qemu-img refuses: name|why. Anything else of either kind fails.
+stricter=(
+)
+lenient=(
+)
+listed() { local e; for e in "${@:2}"; do [ "${e%%|*}" = "$1" ] && { echo "${e#*|}"; return 0; }; done; return 1; }
+
+# Sources: 8 MiB disks of 1 MiB blocks, some written whole, some in part.
+vhdx() { qemu-img create -q -f vhdx -o block_size=1M${3:+,$3} "$1" "$2"; }
+io() { local f=$1; shift; for c in "$@"; do qemu-io -f vhdx -c "write -P $c" "$f" >/dev/null; done; }
+vhdx dyn.vhdx 8M && io dyn.vhdx "0x11 0 1M" "0x22 2M 300K" "0x23 3M 4K" "0x33 7M 1M"
+vhdx fixed.vhdx 4M subformat=fixed && io fixed.vhdx "0x44 1M 1M" "0x45 3M 64K"
+vhdx parent.vhdx 8M && io parent.vhdx "0x51 0 2M" "0x52 2M 1M" "0x54 4M 3M"
+vhdx c0.vhdx 8M && io c0.vhdx "0x61 512K 4K" "0x62 2M 1M" "0x63 3M 8K"
+python3 "$mutate" child c0.vhdx parent.vhdx child.vhdx
+qemu-img convert -f vhdx -O raw parent.vhdx parent.raw
+t "$zxblk" import -q --store clean --disk c parent.vhdx
+
+fails=0 n=0
+fail() { echo "FAIL $*"; fails=$((fails + 1)); }
+one_line() { [ "$(grep -c . "$1")" = 1 ] && ! grep -qE 'Sanitizer|runtime error' "$1"; }
+
+check() {
+  local name=$1 src=$2 judge=$3 disk=m rc=0 qrc=1 why
+  [ "$src" = child ] && disk=c
+  rm -rf s x.raw q.raw cache; cp -a clean s
+  t "$zxblk" import -q --store s --disk $disk m/mutant.vhdx >/dev/null 2>err || rc=$?
+  if [ "$judge" != refuse ] && [ "$judge" != ref ]; then
+    qemu-img convert -f vhdx -O raw m/mutant.vhdx q.raw 2>/dev/null && qrc=0
+  fi
+  if [ $rc -ge 124 ] || grep -qE 'Sanitizer|runtime error' err; then
+    fail "$name: import crashed or hung (exit $rc): $(tail -c 300 err)"; return
+  fi
+  if [ $rc != 0 ]; then
+    one_line err || { fail "$name: refused with $(grep -c . err) lines: $(head -c 400 err)"; return; }
+    diff -rq clean s >/dev/null || { fail "$name: refused ($(cat err)) but the store changed"; return; }
+    if [ $qrc = 0 ] || [ "$judge" = ref ]; then
+      why=$(listed "$name" "${stricter[@]}") ||
+        { fail "$name: refused although $([ $qrc = 0 ] && echo qemu-img reads it || echo it is legal): $(cat err)"; return; }
+      echo "ok $name: refused, stricter than qemu-img on purpose ($why): $(cat err)"
+    else
+      echo "ok $name: refused: $(cat err)"
+    fi
+    return
+  fi
+  if [ "$judge" = refuse ]; then fail "$name: accepted, must be refused"; return; fi
+  rc=0; t "$zxblk" export -q --store s --disk $disk --cache cache --out x.raw >/dev/null 2>err || rc=$?
+  [ $rc = 0 ] || { fail "$name: accepted, but export exits $rc: $(head -c 300 err)"; return; }
+  if [ $qrc = 0 ] && cmp -s x.raw q.raw; then echo "ok $name: accepted, exports as qemu-img reads it"; return; fi
+  if [[ $judge == *ref ]] && cmp -s x.raw m/mutant.ref; then echo "ok $name: accepted, exports as the format reads it"; return; fi
+  if [ $qrc = 0 ] || [[ $judge == *ref ]]; then
+    fail "$name: accepted, export ($(stat -c %s x.raw) bytes) differs from $([ $qrc = 0 ] && echo "qemu-img's reading" || echo "the format's reading")"
+    return
+  fi
+  why=$(listed "$name" "${lenient[@]}") || { fail "$name: accepted, qemu-img refuses it"; return; }
+  echo "ok $name: accepted where qemu-img refuses ($why)"
+}
+
+# The clean sources first: the harness itself must hold.
+for s in dyn fixed; do
+  rm -rf s; cp -a clean s
+  t "$zxblk" import -q --store s --disk m $s.vhdx && t "$zxblk" export -q --store s --disk m --cache cache --out x.raw &&
+    qemu-img convert -f vhdx -O raw $s.vhdx q.raw && cmp x.raw q.raw || { echo "FAIL: the clean $s source"; exit 1; }
+done
+
+coproc MUT { python3 "$mutate" mutants "$work/m" dyn.vhdx fixed.vhdx child.vhdx parent.raw $only; }
+exec 3<&"${MUT[0]}" 4>&"${MUT[1]}"
+while read -r name src judge <&3; do
+  check "$name" "$src" "$judge"
+  n=$((n + 1))
+  echo >&4 || true
+done
+exec 4>&-
+wait "$MUT_PID" || { echo "FAIL: the mutator stopped"; exit 1; }
+[ -n "$only" ] && exit $((fails > 0))
+
+# Bytes of the stored copies damaged after a clean import: export fails in
+# one line naming the file (and the block, where one block's data is hit),
+# and verify reports the file.
+rm -rf stored; cp -a clean stored
+t "$zxblk" import -q --store stored --disk m dyn.vhdx && t "$zxblk" import -q --store stored --disk c child.vhdx
+for c in "payload m snap0 block" "bitmap c snap1 block" "bat m snap0 " "headers m snap0 "; do
+  read -r what disk snap word <<<"$c"
+  rm -rf s cache x.raw; cp -a stored s
+  file=$(cd s && ls snapshots/$disk-$snap.*)
+  at=$(python3 "$mutate" locate "s/$file" "$what")
+  python3 -c 'import sys; f = open(sys.argv[1], "r+b"); f.seek(int(sys.argv[2])); b = f.read(16); f.seek(int(sys.argv[2])); f.write(bytes(x ^ 0xA5 for x in b))' "s/$file" "$at"
+  rc=0; t "$zxblk" export -q --store s --disk $disk --cache cache --out x.raw >/dev/null 2>err || rc=$?
+  if [ $rc != 1 ] || ! one_line err || ! grep -q "$file.*$word" err; then
+    fail "stored $what: export exits $rc with: $(head -c 300 err)"; continue
+  fi
+  [ ! -e x.raw ] || { fail "stored $what: export left its output"; continue; }
+  rc=0; t "$zxblk" verify --store s >out 2>&1 || rc=$?
+  if [ $rc = 0 ] || ! grep -q "$file" out || grep -qE 'Sanitizer|runtime error' out; then
+    fail "stored $what: verify exits $rc with: $(head -c 300 out)"; continue
+  fi
+  echo "ok stored $what: export: $(cat err); verify: $(grep -m1 "$file" out)"
+done
+
+echo "$n mutants and 4 damaged stored copies, $fails failures"
+[ $fails = 0 ]

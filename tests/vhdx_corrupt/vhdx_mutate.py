@@ -1,0 +1,503 @@
+#!/usr/bin/env python3
+"""Named mutants of VHDX files, written from Microsoft's published format
+(MS-VHDX) with a parser of its own, for the corruption test of import.
+
+vhdx_mutate.py child DYNAMIC PARENT OUT
+    Turns a dynamic VHDX (qemu-img's, the same size and block size as
+    PARENT) into a differencing file of PARENT: a parent locator naming
+    PARENT's DataWriteGuid, a sector bitmap block, block 2 partially present
+    (its first 256 KiB held, the rest from the parent), block 5 ZERO (hides
+    the parent), blocks never written left to the parent.
+vhdx_mutate.py read FILE PARENT_RAW OUT
+    What FILE reads as (a differencing FILE over PARENT_RAW, the parent's
+    disk): the reference for mutants whose change is legal content.
+vhdx_mutate.py locate FILE payload|bitmap|bat|headers
+    The file offset of the first present block's data, of the sector bitmap
+    of block 2, of the first present block's BAT entry, of the current header.
+vhdx_mutate.py mutants OUTDIR DYNAMIC FIXED CHILD PARENT_RAW [NAME]
+    Writes one mutant at a time to OUTDIR/mutant.vhdx, prints a line for it,
+    NAME SOURCE JUDGE, and waits for a line on standard input before the next
+    (with NAME: that mutant alone, no waiting). SOURCE is dyn, fixed or child
+    (a child goes on top of its parent, the others in as a new disk). JUDGE:
+    "qemu" (qemu-img's reading is the truth, whether it refuses or reads),
+    "refuse" (no reader may take it), "ref" (it must read as
+    OUTDIR/mutant.ref, computed here from the format) or "qemu|ref" (either).
+Structures with a CRC-32C (headers, region tables) are mutated in two
+flavours: NAME.raw leaves the checksum wrong, NAME.crc recomputes it, so the
+reader's field checks are reached and not only its checksums.
+"""
+import struct
+import sys
+import uuid
+
+MB, KB = 1 << 20, 1 << 10
+BAT_GUID = uuid.UUID("2DC27766-F623-4200-9D64-115E9BFD4A08").bytes_le
+META_GUID = uuid.UUID("8B7CA206-4790-4B9A-B8FE-575F050F886E").bytes_le
+ITEM = {k: uuid.UUID(v).bytes_le for k, v in {
+    "params": "CAA16737-FA36-4D43-B3B6-33F0AA44E76B", "size": "2FA54224-CD1B-4876-B211-5DBED83BF4B8",
+    "diskid": "BECA12AB-B2E6-4523-93EF-C309E000C746", "lss": "8141BF1D-A96F-4709-BA47-F233A8FAAB5F",
+    "pss": "CDA348C7-445D-4471-9CC9-E9885251C556", "locator": "A8D35F2D-B30B-454D-ABF7-D3D84834AB0C"}.items()}
+VHDX_LOCATOR = uuid.UUID("B04AEFB7-D19E-4A81-B789-25B8E9445913").bytes_le
+UNKNOWN = uuid.UUID("5d1c0f2e-9a7b-4c3d-8e6f-0a1b2c3d4e5f").bytes_le
+NOT_PRESENT, UNDEFINED, ZERO, UNMAPPED, FULLY, PARTIAL = 0, 1, 2, 3, 6, 7
+
+
+def _crc_table():
+    t = []
+    for i in range(256):
+        c = i
+        for _ in range(8):
+            c = (c >> 1) ^ 0x82F63B78 if c & 1 else c >> 1
+        t.append(c)
+    return t
+
+
+CRC_TABLE = _crc_table()
+
+
+def crc32c(b):
+    c = 0xFFFFFFFF
+    for x in b:
+        c = CRC_TABLE[(c ^ x) & 0xFF] ^ (c >> 8)
+    return c ^ 0xFFFFFFFF
+
+
+def fix_crc(d, at, length):
+    """The checksum at byte 4 of the structure at `at`, recomputed over `length` bytes."""
+    d[at + 4:at + 8] = bytes(4)
+    d[at + 4:at + 8] = struct.pack("<I", crc32c(bytes(d[at:at + length])))
+
+
+def u(d, at, fmt):
+    return struct.unpack_from("<" + fmt, d, at)[0]
+
+
+def put(d, at, fmt, v):
+    struct.pack_into("<" + fmt, d, at, v)
+
+
+class Vhdx:
+    """Where the structures of a well-formed file are (the sources, not the mutants)."""
+
+    HEADERS, TABLES = (64 * KB, 128 * KB), (192 * KB, 256 * KB)
+
+    def __init__(self, d):
+        self.d = d
+        assert d[:8] == b"vhdxfile"
+        for h in self.HEADERS + self.TABLES:
+            length = 4 * KB if h in self.HEADERS else 64 * KB
+            c = bytearray(d[h:h + length])
+            c[4:8] = bytes(4)
+            assert crc32c(bytes(c)) == u(d, h + 4, "I"), f"bad checksum at {h}"
+        seqs = [u(d, h + 8, "Q") for h in self.HEADERS]
+        self.cur, self.old = (self.HEADERS[1], self.HEADERS[0]) if seqs[1] > seqs[0] else self.HEADERS
+        self.data_write_guid = bytes(d[self.cur + 32:self.cur + 48])
+        self.regions = {}
+        for i in range(u(d, self.TABLES[0] + 8, "I")):
+            e = self.TABLES[0] + 16 + 32 * i
+            self.regions[bytes(d[e:e + 16])] = (e - self.TABLES[0], u(d, e + 16, "Q"), u(d, e + 24, "I"))
+        self.bat, self.meta = self.regions[BAT_GUID][1], self.regions[META_GUID][1]
+        self.items = {}
+        for i in range(u(d, self.meta + 10, "H")):
+            e = self.meta + 32 + 32 * i
+            self.items[bytes(d[e:e + 16])] = (e, u(d, e + 16, "I"), u(d, e + 20, "I"))
+        self.count = u(d, self.meta + 10, "H")
+        self.block = u(d, self.item("params"), "I")
+        self.has_parent = u(d, self.item("params") + 4, "I") & 2 != 0
+        self.size = u(d, self.item("size"), "Q")
+        self.lss = u(d, self.item("lss"), "I")
+        self.chunk = (1 << 23) * self.lss // self.block
+        self.blocks = -(-self.size // self.block)
+
+    def item(self, name):
+        return self.meta + self.items[ITEM[name]][1]
+
+    def entry_at(self, block):
+        """File offset of payload block `block`'s BAT entry."""
+        return self.bat + 8 * (block + block // self.chunk)
+
+    def sb_entry_at(self, chunk):
+        return self.bat + 8 * (chunk * (self.chunk + 1) + self.chunk)
+
+    def entry(self, block):
+        e = u(self.d, self.entry_at(block), "Q")
+        return e & 7, (e >> 20) * MB
+
+    def present(self):
+        return [b for b in range(self.blocks) if self.entry(b)[0] in (FULLY, PARTIAL)]
+
+
+def read_disk(d, parent):
+    """A differencing file's disk over its parent's bytes (one bitmap chunk is
+    enough for the small disks of the test)."""
+    v = Vhdx(d)
+    out = bytearray(parent[:v.size].ljust(v.size, b"\0"))
+    sb = u(d, v.sb_entry_at(0), "Q") >> 20 << 20
+    for b in range(v.blocks):
+        state, at = v.entry(b)
+        lo, hi = b * v.block, min(v.size, (b + 1) * v.block)
+        if state in (ZERO, UNMAPPED, UNDEFINED):
+            out[lo:hi] = bytes(hi - lo)
+        elif state == FULLY:
+            out[lo:hi] = d[at:at + hi - lo]
+        elif state == PARTIAL:
+            for s in range(lo // v.lss, hi // v.lss):
+                if d[sb + s // 8] >> (s % 8) & 1:
+                    out[s * v.lss:(s + 1) * v.lss] = d[at + s * v.lss - lo:at + (s + 1) * v.lss - lo]
+    return bytes(out)
+
+
+def make_child(d, parent):
+    """A differencing file of `parent` from the dynamic file `d` (see the usage)."""
+    d, p = bytearray(d), Vhdx(parent)
+    v = Vhdx(d)
+    assert (v.size, v.block, v.lss) == (p.size, p.block, p.lss) and not v.has_parent
+    put(d, v.item("params") + 4, "I", 2)
+    # The parent locator after the last item: a header, then key/value entries
+    # whose offsets count from the item's start, then the UTF-16 strings.
+    guid = uuid.UUID(bytes_le=p.data_write_guid)
+    pairs = [("parent_linkage", "{%s}" % guid), ("relative_path", ".\\parent.vhdx")]
+    blob, table = b"", b""
+    base = 20 + 12 * len(pairs)
+    for k, val in pairs:
+        k16, v16 = k.encode("utf-16-le"), val.encode("utf-16-le")
+        table += struct.pack("<IIHH", base + len(blob), base + len(blob) + len(k16), len(k16), len(v16))
+        blob += k16 + v16
+    item = VHDX_LOCATOR + struct.pack("<HH", 0, len(pairs)) + table + blob
+    at = max(off + ln for _, off, ln in v.items.values())
+    d[v.meta + at:v.meta + at + len(item)] = item
+    e = v.meta + 32 + 32 * v.count
+    d[e:e + 32] = ITEM["locator"] + struct.pack("<IIII", at, len(item), 4, 0)
+    put(d, v.meta + 10, "H", v.count + 1)
+    # Blocks qemu-img marks ZERO because they were never written go to the
+    # parent; block 5 stays ZERO; block 2 (written whole by the caller) is held
+    # for its first 256 KiB only.
+    for b in range(v.blocks):
+        if v.entry(b)[0] == ZERO and b != 5:
+            put(d, v.entry_at(b), "Q", NOT_PRESENT)
+    assert v.entry(2)[0] == FULLY and v.entry(5)[0] == ZERO
+    put(d, v.entry_at(2), "Q", v.entry(2)[1] | PARTIAL)
+    sb = len(d)
+    d += bytes(MB)
+    first = 2 * v.block // v.lss
+    for s in range(first, first + 256 * KB // v.lss):
+        d[sb + s // 8] |= 1 << (s % 8)
+    put(d, v.sb_entry_at(0), "Q", sb | 6)
+    return d
+
+
+def hdr(v, which):
+    return v.cur if which == "cur" else v.old
+
+
+def set_hdr(field, value, which="cur"):
+    at = {"sig": (0, "4s"), "seq": (8, "Q"), "logguid": (48, "16s"), "logver": (64, "H"), "ver": (66, "H"),
+          "loglen": (68, "I"), "logoff": (72, "Q"), "filewrite": (16, "16s")}[field]
+    return lambda d, v: put(d, hdr(v, which) + at[0], at[1], value(v) if callable(value) else value)
+
+
+def old_current(*more):
+    """The older header made current (a sequence number above the other's), with other values."""
+    def f(d, v):
+        put(d, v.old + 8, "Q", u(d, v.cur + 8, "Q") + 1)
+        for m in more:
+            m(d, v)
+    return f
+
+
+def region(guid, field, value):
+    """A field of a region's entry, in both region tables."""
+    def f(d, v):
+        off = v.regions[guid][0]
+        for t in v.TABLES:
+            at = t + off + {"guid": 0, "offset": 16, "length": 24, "required": 28}[field]
+            put(d, at, "16s" if field == "guid" else "Q" if field == "offset" else "I", value(v) if callable(value) else value)
+    return f
+
+
+def tables(at, fmt, value, which=Vhdx.TABLES):
+    def f(d, v):
+        for t in which:
+            put(d, t + at, fmt, value(v) if callable(value) else value)
+    return f
+
+
+def add_region(required):
+    def f(d, v):
+        for t in v.TABLES:
+            n = u(d, t + 8, "I")
+            d[t + 16 + 32 * n:t + 48 + 32 * n] = UNKNOWN + struct.pack("<QII", 4 * MB, MB, required)
+            put(d, t + 8, "I", n + 1)
+    return f
+
+
+def item(name, field, value):
+    """A metadata table entry's field, or (field "value") the item's own bytes."""
+    def f(d, v):
+        e, off, _ = v.items[ITEM[name]]
+        val = value(v) if callable(value) else value
+        if field == "value":
+            d[v.meta + off:v.meta + off + len(val)] = val
+        else:
+            put(d, e + {"guid": 0, "offset": 16, "length": 20, "flags": 24}[field], "16s" if field == "guid" else "I", val)
+    return f
+
+
+def add_item(flags):
+    def f(d, v):
+        e = v.meta + 32 + 32 * v.count
+        d[e:e + 32] = UNKNOWN + struct.pack("<IIII", 128 * KB, 8, flags, 0)
+        put(d, v.meta + 10, "H", v.count + 1)
+    return f
+
+
+def bat(block, state=None, offset=None):
+    """A payload entry: its state and/or file offset (a function of the source)."""
+    def f(d, v):
+        b = block(v) if callable(block) else block
+        s, at = v.entry(b)
+        s = s if state is None else state
+        at = at if offset is None else offset(v) if callable(offset) else offset
+        put(d, v.entry_at(b), "Q", at | s)
+    return f
+
+
+def sb(state=None, offset=None):
+    def f(d, v):
+        e = u(d, v.sb_entry_at(0), "Q")
+        s, at = (e & 7 if state is None else state), (e >> 20 << 20 if offset is None else offset(v))
+        put(d, v.sb_entry_at(0), "Q", at | s)
+    return f
+
+
+def xor(at, mask=0xFF, n=1):
+    def f(d, v):
+        a = at(v) if callable(at) else at
+        for k in range(a, a + n):
+            d[k] ^= mask
+    return f
+
+
+def truncate(at):
+    def f(d, v):
+        del d[at(v):]
+    return f
+
+
+def locator(fn):
+    """A change to the parent locator item (its bytes and its position)."""
+    def f(d, v):
+        fn(d, v.item("locator"), v)
+    return f
+
+
+def loc_value(old, new):
+    def f(d, at, v):
+        i = d.find(old.encode("utf-16-le"), at)
+        d[i:i + len(new) * 2] = new.encode("utf-16-le")
+    return f
+
+
+def other_guid(d, at, v):
+    """parent_linkage naming another disk: its first hex digit changed."""
+    i = d.find("{".encode("utf-16-le"), at) + 2
+    d[i] = ord("0123456789abcdef"[(int(chr(d[i]), 16) + 1) % 16])
+
+
+def end_mb(v):
+    return (len(v.d) + MB - 1) // MB * MB
+
+
+def payload(v, block=None):
+    return v.entry(v.present()[0] if block is None else block)[1]
+
+
+def both(*fs):
+    def f(d, v):
+        for g in fs:
+            g(d, v)
+    return f
+
+
+# name: (source, judge, mutation, flavours). Flavours True: NAME.raw (the
+# checksums left as the change leaves them) and NAME.crc (recomputed).
+Q, R, REF = "qemu", "refuse", "ref"
+MUTANTS = {
+    "ident-signature": ("dyn", Q, xor(0, 0x01), False),
+    "ident-creator": ("dyn", Q, xor(8, 0x5A, 16), False),
+    "hdr-current": ("dyn", Q, xor(lambda v: v.cur + 20), False),
+    "hdr-older": ("dyn", Q, xor(lambda v: v.old + 20), False),
+    "hdr-both": ("dyn", Q, both(xor(lambda v: v.cur + 20), xor(lambda v: v.old + 20)), False),
+    "hdr-both-signature": ("dyn", Q, both(set_hdr("sig", b"hea\0"), set_hdr("sig", b"hea\0", "old")), True),
+    "seq-older-current": ("dyn", Q, old_current(set_hdr("filewrite", UNKNOWN, "old")), True),
+    "seq-older-current-version": ("dyn", Q, old_current(set_hdr("ver", 2, "old")), True),
+    "seq-older-current-log": ("dyn", Q, old_current(set_hdr("logguid", UNKNOWN, "old")), True),
+    "seq-equal": ("dyn", Q, set_hdr("seq", lambda v: u(v.d, v.cur + 8, "Q"), "old"), True),
+    "seq-older-bad-version": ("dyn", Q, set_hdr("ver", 2, "old"), True),
+    "version": ("dyn", Q, set_hdr("ver", 2), True),
+    "version-both": ("dyn", Q, both(set_hdr("ver", 0), set_hdr("ver", 0, "old")), True),
+    "log-version-empty-log": ("dyn", Q, both(set_hdr("logver", 1), set_hdr("logver", 1, "old")), True),
+    "log-guid": ("dyn", Q, set_hdr("logguid", UNKNOWN), True),
+    "log-guid-both": ("dyn", Q, both(set_hdr("logguid", UNKNOWN), set_hdr("logguid", UNKNOWN, "old")), True),
+    "log-offset-past-end": ("dyn", Q, both(set_hdr("logoff", lambda v: end_mb(v) + 64 * MB),
+                                          set_hdr("logoff", lambda v: end_mb(v) + 64 * MB, "old")), True),
+    "log-offset-unaligned": ("dyn", Q, both(set_hdr("logoff", MB + 4 * KB), set_hdr("logoff", MB + 4 * KB, "old")), True),
+    "log-length-huge": ("dyn", Q, both(set_hdr("loglen", 0xFFF00000), set_hdr("loglen", 0xFFF00000, "old")), True),
+    "log-on-bat": ("dyn", Q, both(set_hdr("logoff", lambda v: v.bat), set_hdr("logoff", lambda v: v.bat, "old")), True),
+    "rt1-alone": ("dyn", Q, xor(192 * KB + 40), False),
+    "rt2-alone": ("dyn", Q, xor(256 * KB + 40), False),
+    "rt-both": ("dyn", Q, both(xor(192 * KB + 40), xor(256 * KB + 40)), False),
+    "rt-signature": ("dyn", Q, tables(0, "4s", b"regj"), True),
+    "rt-count-0": ("dyn", Q, tables(8, "I", 0), True),
+    "rt-count-1": ("dyn", Q, tables(8, "I", 1), True),
+    "rt-count-2048": ("dyn", Q, tables(8, "I", 2048), True),
+    "rt-bat-unaligned": ("dyn", Q, region(BAT_GUID, "offset", lambda v: v.bat + 4 * KB), True),
+    "rt-bat-past-end": ("dyn", Q, region(BAT_GUID, "offset", lambda v: end_mb(v) + 64 * MB), True),
+    "rt-bat-in-header": ("dyn", Q, region(BAT_GUID, "offset", 0), True),
+    "rt-bat-on-metadata": ("dyn", Q, region(BAT_GUID, "offset", lambda v: v.meta), True),
+    "rt-bat-length-0": ("dyn", Q, region(BAT_GUID, "length", 0), True),
+    "rt-bat-length-unaligned": ("dyn", Q, region(BAT_GUID, "length", 4 * KB), True),
+    "rt-bat-missing": ("dyn", Q, region(BAT_GUID, "guid", UNKNOWN), True),
+    "rt-meta-past-end": ("dyn", Q, region(META_GUID, "offset", lambda v: end_mb(v) + 64 * MB), True),
+    "rt-meta-unaligned": ("dyn", Q, region(META_GUID, "offset", lambda v: v.meta + 512), True),
+    "rt-meta-length-huge": ("dyn", Q, region(META_GUID, "length", 0xFFF00000), True),
+    "rt-meta-missing": ("dyn", Q, region(META_GUID, "guid", UNKNOWN), True),
+    "rt-unknown-required": ("dyn", Q, add_region(1), True),
+    "rt-unknown-optional": ("dyn", Q, add_region(0), True),
+    "md-signature": ("dyn", Q, xor(lambda v: v.meta, 0x01), False),
+    "md-count-0": ("dyn", Q, lambda d, v: put(d, v.meta + 10, "H", 0), False),
+    "md-count-2048": ("dyn", Q, lambda d, v: put(d, v.meta + 10, "H", 2048), False),
+    "md-item-past-region": ("dyn", Q, item("size", "offset", lambda v: v.regions[META_GUID][2] - 4), False),
+    "md-item-in-table": ("dyn", Q, item("size", "offset", 512), False),
+    "md-item-too-long": ("dyn", Q, item("diskid", "length", 2 * MB), False),
+    "md-items-overlap": ("dyn", Q, item("lss", "offset", lambda v: v.items[ITEM["pss"]][1]), False),
+    "md-unknown-required": ("dyn", Q, add_item(4), False),
+    "md-unknown-optional": ("dyn", Q, add_item(0), False),
+    "md-missing-size": ("dyn", Q, item("size", "guid", UNKNOWN), False),
+    "md-missing-params": ("dyn", Q, item("params", "guid", UNKNOWN), False),
+    "md-missing-lss": ("dyn", Q, item("lss", "guid", UNKNOWN), False),
+    "block-size-0": ("dyn", Q, item("params", "value", struct.pack("<I", 0)), False),
+    "block-size-3m": ("dyn", Q, item("params", "value", struct.pack("<I", 3 * MB)), False),
+    "block-size-512k": ("dyn", Q, item("params", "value", struct.pack("<I", 512 * KB)), False),
+    "block-size-512m": ("dyn", Q, item("params", "value", struct.pack("<I", 512 * MB)), False),
+    "params-has-parent": ("dyn", Q, item("params", "value", struct.pack("<II", MB, 2)), False),
+    "params-reserved": ("dyn", Q, item("params", "value", struct.pack("<II", MB, 1 << 7)), False),
+    "size-0": ("dyn", Q, item("size", "value", struct.pack("<Q", 0)), False),
+    "size-unaligned": ("dyn", Q, item("size", "value", struct.pack("<Q", 8 * MB - 100)), False),
+    "size-huge": ("dyn", Q, item("size", "value", struct.pack("<Q", 1 << 50)), False),
+    "size-smaller": ("dyn", Q, item("size", "value", struct.pack("<Q", 5 * MB + 512)), False),
+    "size-larger": ("dyn", Q, item("size", "value", struct.pack("<Q", 12 * MB)), False),
+    "lss-1024": ("dyn", Q, item("lss", "value", struct.pack("<I", 1024)), False),
+    "lss-0": ("dyn", Q, item("lss", "value", struct.pack("<I", 0)), False),
+    "lss-4096": ("dyn", "qemu|ref", item("lss", "value", struct.pack("<I", 4096)), False),
+    "pss-1024": ("dyn", Q, item("pss", "value", struct.pack("<I", 1024)), False),
+    "pss-4096": ("dyn", Q, item("pss", "value", struct.pack("<I", 4096)), False),
+    "bat-state-4": ("dyn", Q, bat(0, 4), False),
+    "bat-state-5": ("dyn", Q, bat(0, 5), False),
+    "bat-partial-no-parent": ("dyn", Q, bat(0, PARTIAL), False),
+    "bat-past-end": ("dyn", Q, bat(0, offset=lambda v: end_mb(v) + 16 * MB), False),
+    "bat-in-header": ("dyn", Q, bat(0, offset=0), False),
+    "bat-in-log": ("dyn", Q, bat(0, offset=MB), False),
+    "bat-in-bat": ("dyn", Q, bat(0, offset=lambda v: v.bat), False),
+    "bat-in-metadata": ("dyn", Q, bat(0, offset=lambda v: v.meta), False),
+    "bat-two-at-one": ("dyn", Q, bat(lambda v: v.present()[1], offset=lambda v: payload(v)), False),
+    "bat-reserved-bits": ("dyn", Q, bat(0, offset=lambda v: payload(v) | 1 << 12), False),
+    "bat-zero": ("dyn", Q, bat(0, ZERO), False),
+    "bat-unmapped": ("dyn", "qemu|ref", bat(0, UNMAPPED), False),
+    "bat-undefined": ("dyn", "qemu|ref", bat(0, UNDEFINED), False),
+    "bat-not-present": ("dyn", "qemu|ref", bat(0, NOT_PRESENT), False),
+    "bat-new-block": ("dyn", Q, bat(1, FULLY, 4 * MB), False),
+    "payload-flip": ("dyn", Q, xor(lambda v: payload(v) + 4097, 0x5A, 700), False),
+    "trunc-header": ("dyn", Q, truncate(lambda v: 100 * KB), False),
+    "trunc-bat": ("dyn", Q, truncate(lambda v: v.bat + 4 * KB), False),
+    "trunc-metadata": ("dyn", Q, truncate(lambda v: v.meta + 64 * KB + 12), False),
+    "trunc-last-block": ("dyn", Q, truncate(lambda v: len(v.d) - 512 * KB), False),
+    "trunc-last-mib": ("dyn", Q, truncate(lambda v: len(v.d) - MB), False),
+    "fixed-payload-flip": ("fixed", Q, xor(lambda v: payload(v, 1) + 512, 0xA5, 3000), False),
+    "fixed-bat-zero": ("fixed", Q, bat(1, ZERO), False),
+    "fixed-bat-past-end": ("fixed", Q, bat(3, offset=lambda v: end_mb(v)), False),
+    "fixed-trunc-last-block": ("fixed", Q, truncate(lambda v: len(v.d) - 300 * KB), False),
+    "child-clean": ("child", REF, lambda d, v: None, False),
+    "child-bitmap-clear": ("child", REF, xor(lambda v: sb_at(v) + 2 * v.block // v.lss // 8 + 3, 0x0F), False),
+    "child-bitmap-set": ("child", REF, xor(lambda v: sb_at(v) + 2 * v.block // v.lss // 8 + 40, 0xF0, 3), False),
+    "child-bitmap-unused-block": ("child", REF, xor(lambda v: sb_at(v) + 4 * v.block // v.lss // 8, 0xFF, 8), False),
+    "child-payload-flip": ("child", REF, xor(lambda v: payload(v, 2) + 1000, 0x3C, 100), False),
+    "child-zero-unmapped": ("child", REF, bat(5, UNMAPPED), False),
+    "child-undefined": ("child", REF, bat(4, UNDEFINED), False),
+    "child-sb-missing": ("child", R, sb(NOT_PRESENT, lambda v: 0), False),
+    "child-sb-past-end": ("child", R, sb(offset=lambda v: end_mb(v) + 8 * MB), False),
+    "child-sb-reserved-state": ("child", R, sb(state=7), False),
+    "child-sb-on-bat": ("child", R, sb(offset=lambda v: v.bat), False),
+    "child-partial-past-end": ("child", R, bat(2, offset=lambda v: end_mb(v) + 8 * MB), False),
+    "child-trunc-bitmap": ("child", R, truncate(lambda v: len(v.d) - 512 * KB), False),
+    "child-locator-type": ("child", R, locator(lambda d, at, v: d.__setitem__(slice(at, at + 16), UNKNOWN)), False),
+    "child-locator-no-linkage": ("child", R, locator(loc_value("parent_linkage", "parent_linkagX")), False),
+    "child-locator-bad-guid": ("child", R, locator(loc_value("{", "{zz")), False),
+    "child-locator-other-guid": ("child", R, locator(other_guid), False),
+    "child-locator-key-past": ("child", R, locator(lambda d, at, v: put(d, at + 20, "I", 1 << 20)), False),
+    "child-locator-missing": ("child", R, lambda d, v: put(d, v.meta + 10, "H", v.count - 1), False),
+    "child-no-parent-bit": ("child", R, item("params", "value", struct.pack("<II", MB, 0)), False),
+}
+
+
+def sb_at(v):
+    return u(v.d, v.sb_entry_at(0), "Q") >> 20 << 20
+
+
+def write_sparse(path, d):
+    """Zero runs of 64 KiB left as holes: a mutant costs what its source holds."""
+    with open(path, "wb") as f:
+        for at in range(0, len(d), 64 * KB):
+            piece = d[at:at + 64 * KB]
+            if piece.count(0) == len(piece):
+                f.seek(len(piece), 1)
+            else:
+                f.write(piece)
+        f.truncate(len(d))
+
+
+def main():
+    cmd = sys.argv[1]
+    rd = lambda p: bytearray(open(p, "rb").read())
+    if cmd == "child":
+        write_sparse(sys.argv[4], make_child(rd(sys.argv[2]), rd(sys.argv[3])))
+    elif cmd == "read":
+        open(sys.argv[4], "wb").write(read_disk(rd(sys.argv[2]), rd(sys.argv[3])))
+    elif cmd == "locate":
+        # Where to damage a stored copy: the first byte of a structure.
+        v, what = Vhdx(rd(sys.argv[2])), sys.argv[3]
+        print({"payload": lambda: payload(v), "bitmap": lambda: sb_at(v) + 2 * v.block // v.lss // 8,
+               "bat": lambda: v.entry_at(v.present()[0]), "headers": lambda: v.cur}[what]())
+    elif cmd == "mutants":
+        out, srcs = sys.argv[2], {k: rd(p) for k, p in zip(("dyn", "fixed", "child"), sys.argv[3:6])}
+        parent_raw, views = rd(sys.argv[6]), {k: Vhdx(d) for k, d in srcs.items()}
+        only = sys.argv[7] if len(sys.argv) > 7 else None
+        for name, (src, judge, fn, flavours) in MUTANTS.items():
+            for flavour in ("raw", "crc") if flavours else ("",):
+                full = name + (f".{flavour}" if flavour else "")
+                if only and full != only:
+                    continue
+                d = bytearray(srcs[src])
+                fn(d, views[src])
+                if flavour == "crc":
+                    for at in Vhdx.HEADERS:
+                        fix_crc(d, at, 4 * KB)
+                    for at in Vhdx.TABLES:
+                        fix_crc(d, at, 64 * KB)
+                if d == srcs[src] and name != "child-clean":
+                    sys.exit(f"mutant {full} changes nothing")
+                # One mutant on disk at a time: the caller reads its line,
+                # tests it, and answers with a line of its own for the next.
+                write_sparse(f"{out}/mutant.vhdx", d)
+                if judge in (REF, "qemu|ref"):
+                    parent = parent_raw if src == "child" else bytes(len(parent_raw))
+                    open(f"{out}/mutant.ref", "wb").write(read_disk(d, parent))
+                print(full, src, judge, flush=True)
+                if not only and not sys.stdin.readline():
+                    return
+    else:
+        sys.exit(__doc__)
+
+
+if __name__ == "__main__":
+    main()
