@@ -13,6 +13,11 @@ const char* kindName(SnapshotKind kind) {
     return "?";
 }
 
+std::string kindName(const SnapshotInfo& snapshot) {
+    std::string name = kindName(snapshot.kind);
+    return snapshot.vhdx ? name + "X" : name;
+}
+
 const char* statusName(SnapshotStatus status) {
     switch (status) {
         case SnapshotStatus::ok: return "ok";

@@ -54,6 +54,7 @@ SnapshotInfo snapshotInfo(const Storage& storage, const DiskRecord& disk, size_t
     SnapshotInfo s;
     s.number = static_cast<int>(index);
     s.kind = kindOf(copy.type);
+    s.vhdx = copy.format == "vhdx";
     s.file = copy.file;
     s.fileSize = copy.fileSize;
     s.importedAt = copy.importedAt;
@@ -63,7 +64,7 @@ SnapshotInfo snapshotInfo(const Storage& storage, const DiskRecord& disk, size_t
         // openCopyImage keeps a bad side file for the reads to report; here
         // it is the answer.
         if (!img->sumsError().empty()) throw StoreError(ErrorKind::corruption, img->sumsError());
-        s.kind = kindOf(typeCode(img->kind()));
+        s.kind = img->isFixedVhdx() ? SnapshotKind::fixed : kindOf(typeCode(img->kind()));
     } catch (const StoreError& e) {
         // Opened without asking first whether it is there: a store a
         // network away answers both in one request.
@@ -216,6 +217,7 @@ std::vector<std::string> Store::importImages(const std::string& location, const 
         o.extentSize = static_cast<int64_t>(std::min<uint64_t>(options.extentSize, INT64_MAX));
         o.format = options.format == ImageFormat::raw   ? ImportFormat::Raw
                    : options.format == ImageFormat::vhd ? ImportFormat::Vhd
+                   : options.format == ImageFormat::vhdx ? ImportFormat::Vhdx
                                                         : ImportFormat::Auto;
         o.progress = options.progress;
         return zxblk::importImages(*openStorage(location, connections()), disk, images, o);

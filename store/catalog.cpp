@@ -21,6 +21,8 @@ namespace zxblk {
 using nlohmann::json;
 
 const char* const kCatalogName = "catalog.json";
+// The largest disk a VHDX describes.
+const uint64_t kMaxDiskSize = 64ULL << 40;
 // Far above any real catalog; a bigger file is not one.
 const uint64_t kMaxCatalogBytes = 256ull << 20;
 
@@ -105,6 +107,8 @@ void checkInvariants(const Catalog& c, const Reader& r) {
                 r.fail(cw + "parentUniqueId", cr.parentUniqueId + " is not the unique id of the snapshot before it (" +
                                                   d.copies[k - 1].uniqueId + ")");
             if (!cr.parentUniqueId.empty() && !differencing) r.fail(cw + "parentUniqueId", "only a differencing VHD has a parent");
+            if (k > 0 && cr.format != d.copies[0].format)
+                r.fail(cw + "format", "a chain of snapshots is all VHD or all VHDX, not both");
         }
     }
     if (!c.disks.empty() && c.nextDiskId <= topDiskId)
@@ -166,7 +170,7 @@ Catalog Catalog::load(const Storage& storage, bool* found) {
         std::string where = "disks[" + std::to_string(i) + "].";
         DiskRecord d;
         d.name = r.str(disks[i], "name", where);
-        d.size = r.u64(disks[i], "size", where, 2040ULL << 30);
+        d.size = r.u64(disks[i], "size", where, kMaxDiskSize);
         d.sectorSize = static_cast<uint32_t>(r.u64(disks[i], "sectorSize", where, 4096));
         d.extentSize = static_cast<int64_t>(r.u64(disks[i], "extentSize", where, 2 << 20));
         d.subclientId = static_cast<uint32_t>(r.u64(disks[i], "subclientId", where, UINT32_MAX));
@@ -187,12 +191,16 @@ Catalog Catalog::load(const Storage& storage, bool* found) {
             cr.archiveFileId = r.u64(copies[k], "archiveFileId", cw);
             cr.uniqueId = r.str(copies[k], "uniqueId", cw);
             cr.importedAt = r.str(copies[k], "importedAt", cw);
-            cr.size = r.optionalU64(copies[k], "size", cw, 2040ULL << 30);
+            cr.size = r.optionalU64(copies[k], "size", cw, kMaxDiskSize);
             cr.fileSize = r.optionalU64(copies[k], "fileSize", cw, UINT64_MAX);
             cr.parentUniqueId = r.optionalStr(copies[k], "parentUniqueId", cw);
             cr.sums = r.optionalStr(copies[k], "sums", cw);
             cr.sumsChecksum = r.optionalStr(copies[k], "sumsChecksum", cw);
             cr.etag = r.optionalStr(copies[k], "etag", cw);
+            cr.format = r.optionalStr(copies[k], "format", cw);
+            if (!cr.format.empty() && cr.format != "vhdx") r.fail(cw + "format", "'" + cr.format + "' is not a format this store knows");
+            if (!cr.format.empty() && cr.type != kTypeDynamic && cr.type != kTypeDifferencing)
+                r.fail(cw + "format", "a VHDX snapshot is dynamic or differencing");
             if (!cr.sums.empty() && (cr.sums[0] == '/' || cr.sums.find("..") != std::string::npos))
                 r.fail(cw + "sums", "must name a file inside the store");
             bool hex = cr.sumsChecksum.size() == 16 &&
@@ -251,6 +259,7 @@ void Catalog::save(const Storage& storage) const {
             if (!c.parentUniqueId.empty()) cj["parentUniqueId"] = c.parentUniqueId;
             if (!c.sums.empty()) cj["sums"] = c.sums, cj["sumsChecksum"] = c.sumsChecksum;
             if (!c.etag.empty()) cj["etag"] = c.etag;
+            if (!c.format.empty()) cj["format"] = c.format;
             dj["copies"].push_back(cj);
         }
         j["disks"].push_back(dj);

@@ -41,6 +41,8 @@ struct CopyRecord {
     // The object's ETag at import, in a store on S3: another one is a
     // replaced object.
     std::string etag;
+    // "vhdx" for a VHDX file; empty for a VHD or a raw image.
+    std::string format;
     // The extent length the provider works with for this copy.
     int64_t copyExtentLength() const { return storedExtentSize - (type == kTypeDifferencing ? 512 : 0); }
 };

@@ -56,12 +56,7 @@ std::string StoreServices::stream(const RecallJob& job, uint64_t& bytes) {
             }
             if (disk->copies[i].type != kTypeDifferencing) break;
         }
-    int64_t firstHeld = -1;
-    for (const Piece& p : pieces)
-        if (p.fileOffset >= 0) {
-            firstHeld = p.fileOffset;
-            break;
-        }
+    const int64_t firstHeld = img->holdingPosition(offset, C);
     if (firstHeld < 0 || static_cast<uint64_t>(firstHeld) != meta.position)
         return "recall metadata position " + std::to_string(meta.position) + " does not match extent " + std::to_string(k) +
                " of " + copy->browsePath;
@@ -110,15 +105,15 @@ std::string StoreServices::stream(const RecallJob& job, uint64_t& bytes) {
             uint64_t sector = offset / 512 + s;
             bool present = false;
             if (sector * 512 < disk->size) {
+                // A block the file does not hold has a bitmap of zeros; one a
+                // VHDX holds as zeros, of ones over the holes streamed for it.
                 uint64_t block = sector / perBlock;
-                if (img->isBlockAllocated(block)) {
-                    auto it = blockBitmaps.find(block);
-                    if (it == blockBitmaps.end()) {
-                        bitmapsRead.push_back(img->readBlockBitmap(block));
-                        it = blockBitmaps.emplace(block, bitmapsRead.back().data()).first;
-                    }
-                    present = it->second[(sector % perBlock) / 8] & (0x80u >> (sector % perBlock % 8));
+                auto it = blockBitmaps.find(block);
+                if (it == blockBitmaps.end()) {
+                    bitmapsRead.push_back(img->readBlockBitmap(block));
+                    it = blockBitmaps.emplace(block, bitmapsRead.back().data()).first;
                 }
+                present = it->second[(sector % perBlock) / 8] & (0x80u >> (sector % perBlock % 8));
             }
             if (present) setBitMsbFirst(bitmap, s);
             allPresent = allPresent && present;

@@ -31,7 +31,6 @@ struct Signature {
 const char* const kConvert = "convert it to a VHD with qemu-img convert -O vpc and import that";
 
 const Signature kSignatures[] = {
-    {"a VHDX image", 0, "vhdxfile", kConvert},
     {"a qcow image", 0, "QFI\xfb\0\0\0\x01"s, kConvert},  // version 1; 2 and 3 are qcow2
     {"a qcow2 image", 0, "QFI\xfb"s, kConvert},
     {"a QED image", 0, "QED\0"s, kConvert},
@@ -55,6 +54,7 @@ const Signature kSignatures[] = {
 struct Probe {
     bool regular = false;
     bool vhd = false;  // a footer cookie at the end, or at the start where a dynamic disk keeps its copy
+    bool vhdx = false;  // the file type identifier at the start
     const Signature* other = nullptr;
 };
 
@@ -81,6 +81,9 @@ Probe probe(const std::string& path) {
         if (at < 0) return size >= 512 && -at <= 512 && std::memcmp(tail + 512 + at, bytes.data(), bytes.size()) == 0;
         return static_cast<uint64_t>(at) + bytes.size() <= headBytes && std::memcmp(head + at, bytes.data(), bytes.size()) == 0;
     };
+    // A fixed VHD holds its disk from offset 0: a footer at the end says it
+    // is one, whatever its disk starts with.
+    p.vhdx = !p.vhd && headBytes >= 8 && std::memcmp(head, "vhdxfile", 8) == 0;
     for (const Signature& s : kSignatures)
         if (!p.vhd && !p.other && has(s.at, s.bytes) && has(s.at2, s.bytes2)) p.other = &s;
     return p;
@@ -91,13 +94,17 @@ Probe probe(const std::string& path) {
 // Opens an image as the import's format says, refusing what it is not.
 VhdImage openImage(const std::string& path, ImportFormat format) {
     if (format == ImportFormat::Raw) return VhdImage::open(path, true);
+    if (format == ImportFormat::Vhdx) return VhdImage::open(path, FileFormat::Vhdx);
     Probe p = probe(path);
+    if (p.vhdx && format == ImportFormat::Vhd)
+        throw StoreError(ErrorKind::invalidArgument, path + " is a VHDX image, not a VHD; import it without --format vhd");
+    if (p.vhdx) return VhdImage::open(path, FileFormat::Vhdx);
     // The reader says what is wrong with a file that is not a regular one,
     // or whose footer cookie is there but whose footer is not sound.
     if (!p.regular || p.vhd) return VhdImage::open(path);
     if (p.other) throw StoreError(ErrorKind::invalidArgument, path + " is " + p.other->name + "; " + p.other->advice);
     throw StoreError(ErrorKind::invalidArgument,
-                     path + " is not a VHD image (no footer); to import a raw disk image give --format raw");
+                     path + " is neither a VHD (no footer) nor a VHDX image; to import a raw disk image give --format raw");
 }
 
 }  // namespace zxblk

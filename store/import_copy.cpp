@@ -92,8 +92,12 @@ std::string copyWithSums(const VhdImage& img, const std::string& name, Storage::
     // The checksum units in file order: a fixed VHD or raw image's chunks
     // lie in order at their disk offsets, a VHD's blocks where its table says.
     const bool flat = img.kind() == ImageKind::Raw || img.kind() == ImageKind::Fixed;
+    // A VHDX keeps its bitmaps apart from its blocks and its blocks' data
+    // may be zeros the file never wrote: each block is hashed as a recall
+    // reads it, and the walk below only copies.
+    const bool vhdx = img.format() == FileFormat::Vhdx;
     std::vector<std::pair<uint64_t, uint64_t>> order;  // (offset of the block's bitmap, block)
-    if (!flat) {
+    if (!flat && !vhdx) {
         for (uint64_t u = img.nextHeldUnit(0); u < img.sumUnits(); u = img.nextHeldUnit(u + 1))
             order.emplace_back(img.blockDataOffset(u) - img.bitmapBytes(), u);
         std::sort(order.begin(), order.end());
@@ -104,6 +108,8 @@ std::string copyWithSums(const VhdImage& img, const std::string& name, Storage::
     sums.unitBytes = img.sumUnitBytes();
     sums.units = img.sumUnits();
     sums.entries.reserve(count);
+    for (uint64_t u = vhdx ? img.nextHeldUnit(0) : img.sumUnits(); u < img.sumUnits(); u = img.nextHeldUnit(u + 1))
+        sums.entries.push_back({u, img.sumOf(u)});
     std::map<uint64_t, uint64_t> zeroSums;  // by length
     auto sumOfZeros = [&](uint64_t length) {
         auto it = zeroSums.find(length);

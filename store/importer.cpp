@@ -55,6 +55,9 @@ void checkChain(const Catalog& catalog, const std::string& diskName, const std::
     // takes a base image as a new disk would.
     bool noSnapshots = !existing || existing->copies.empty();
     std::string previousId = noSnapshots ? "" : existing->copies.back().uniqueId;
+    // A chain is all VHD or all VHDX: a VHD names its parent by the
+    // parent's unique id, a VHDX by its data write GUID.
+    const bool vhdxChain = noSnapshots ? opened.front().format() == FileFormat::Vhdx : existing->copies.front().format == "vhdx";
     uint64_t size = existing ? existing->size : opened.front().virtualSize();
     for (size_t i = 0; i < opened.size(); ++i) {
         const VhdImage& img = opened[i];
@@ -66,6 +69,11 @@ void checkChain(const Catalog& catalog, const std::string& diskName, const std::
                 if (existing->copies[n].uniqueId == uniqueIdText(img.uniqueId()))
                     throw StoreError(ErrorKind::invalidArgument, img.path() + ": already imported as snapshot " +
                                                                      std::to_string(n) + " of disk " + diskName);
+        const bool vhdx = img.format() == FileFormat::Vhdx;
+        if (vhdx != vhdxChain)
+            throw StoreError(ErrorKind::invalidArgument,
+                             img.path() + ": a " + img.kindText() + " cannot be a snapshot of a chain of " +
+                                 (vhdxChain ? "VHDX" : "VHD") + " files; convert the chain to one format first");
         if (img.virtualSize() != size)
             throw StoreError(ErrorKind::invalidArgument, img.path() +
                                                              ": current size: " + std::to_string(img.virtualSize()) +
@@ -76,12 +84,13 @@ void checkChain(const Catalog& catalog, const std::string& diskName, const std::
                                  uniqueIdText(img.parentUniqueId()) + ")");
         if (!first && img.kind() != ImageKind::Differencing)
             throw StoreError(ErrorKind::invalidArgument, img.path() + ": a newer snapshot of disk " + diskName +
-                                                             " must be a differencing VHD, not a " +
-                                                             kindName(img.kind()));
+                                                             " must be a differencing " + (vhdx ? "VHDX" : "VHD") +
+                                                             ", not a " + img.kindText());
         if (!first && uniqueIdText(img.parentUniqueId()) != previousId)
             throw StoreError(ErrorKind::invalidArgument,
-                             img.path() + ": parent unique id: " + uniqueIdText(img.parentUniqueId()) +
-                                 " is not the previous snapshot's " + previousId);
+                             img.path() + (vhdx ? ": parent_linkage: " : ": parent unique id: ") +
+                                 uniqueIdText(img.parentUniqueId()) + " is not the previous snapshot's " +
+                                 (vhdx ? "data write GUID " : "") + previousId);
         if (img.kind() != ImageKind::Raw && img.kind() != ImageKind::Fixed && img.blockSize() < 512)
             throw StoreError(ErrorKind::invalidArgument, img.path() + ": block size: too small");
         previousId = img.kind() == ImageKind::Raw ? "" : uniqueIdText(img.uniqueId());
@@ -165,7 +174,12 @@ std::vector<std::string> importLocked(const Storage& storage, Storage::Staging& 
     const size_t firstNew = disk.copies.size();
     for (const VhdImage& img : opened) {
         size_t index = disk.copies.size();
-        std::string name = diskName + "-snap" + std::to_string(index) + (img.kind() == ImageKind::Raw ? ".raw" : ".vhd");
+        const bool vhdx = img.format() == FileFormat::Vhdx;
+        const char* extension = img.kind() == ImageKind::Raw ? ".raw"
+                                 : !vhdx                      ? ".vhd"
+                                 : img.kind() == ImageKind::Differencing ? ".avhdx"
+                                                                         : ".vhdx";
+        std::string name = diskName + "-snap" + std::to_string(index) + extension;
         CopyRecord copy;
         copy.file = "snapshots/" + name;
         copy.sums = "sums/" + name + ".sums";
@@ -189,9 +203,10 @@ std::vector<std::string> importLocked(const Storage& storage, Storage::Staging& 
         copy.size = img.virtualSize();
         copy.fileSize = img.fileSize();
         if (img.kind() == ImageKind::Differencing) copy.parentUniqueId = uniqueIdText(img.parentUniqueId());
+        if (vhdx) copy.format = "vhdx";
         disk.copies.push_back(copy);
         lines.push_back("imported " + img.path() + (storage.remote() ? " into " + storage.location() : std::string()) +
-                        " as " + diskName + " snapshot " + std::to_string(index) + " (" + kindName(img.kind()) + ", " +
+                        " as " + diskName + " snapshot " + std::to_string(index) + " (" + img.kindText() + ", " +
                         std::to_string(img.virtualSize()) + " bytes" +
                         (img.note().empty() ? std::string() : "; " + img.note()) + ")");
     }

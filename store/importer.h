@@ -14,8 +14,9 @@ namespace zxblk {
 
 // How the images given to an import are to be read.
 enum class ImportFormat {
-    Auto,  // VHD; any other file is refused, naming its format when its first bytes declare one
-    Vhd,   // the same, asked for by name
+    Auto,  // VHD or VHDX; any other file is refused, naming its format when its first bytes declare one
+    Vhd,   // a VHD, asked for by name
+    Vhdx,  // a VHDX or AVHDX, asked for by name
     Raw,   // every file is a raw disk image, whatever it holds
 };
 

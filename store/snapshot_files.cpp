@@ -144,6 +144,12 @@ OpenHints openHints(const DiskRecord& disk, const CopyRecord& copy) {
         hints.ranges = {{copy.fileSize - std::min<uint64_t>(512, copy.fileSize), 512}};
         return hints;
     }
+    if (!copy.format.empty()) {
+        // A VHDX's headers and region tables; where its table and metadata
+        // lie is known only from those.
+        hints.ranges = {{0, std::min<uint64_t>(320 << 10, copy.fileSize)}};
+        return hints;
+    }
     const uint64_t granule = 64 << 10, table = 4 * ((disk.size + (2u << 20) - 1) >> 21);
     const uint64_t head = (1536 + table + granule - 1) / granule * granule;
     if (head + 512 >= copy.fileSize)
@@ -316,8 +322,10 @@ std::shared_ptr<VhdImage> openCopyImage(const Storage& storage, const DiskRecord
         sumsBytes = std::async(std::launch::async, [&storage, copy] {
                         return fetchBlockSums(storage, copy, copy.fileSize / 512 + 1);
                     }).share();
-    auto img = std::make_shared<VhdImage>(VhdImage::open(storage.openReader(copy.file, openHints(disk, copy)),
-                                                         copy.type == kTypeRaw, disk.size));
+    const FileFormat format = copy.type == kTypeRaw ? FileFormat::Raw
+                               : copy.format == "vhdx" ? FileFormat::Vhdx
+                                                       : FileFormat::Vhd;
+    auto img = std::make_shared<VhdImage>(VhdImage::open(storage.openReader(copy.file, openHints(disk, copy)), format, disk.size));
     checkAgainstRecord(*img, disk, index);
     if (!img->note().empty()) LogSink::write(0, "store", img->path() + ": " + img->note());
     const VhdImage* self = img.get();

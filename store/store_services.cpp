@@ -218,14 +218,11 @@ int StoreServices::lookup(const SCParams&, const std::string& path, unsigned lon
     uint64_t C = static_cast<uint64_t>(copy->copyExtentLength());
     if (extent >= (disk->size + C - 1) / C) return 1;  // past the end of the disk
     try {
-        std::shared_ptr<VhdImage> img = image(*copy);
-        for (const Piece& p : img->pieces(extent * C, C))
-            if (p.fileOffset >= 0) {
-                first = copy->archiveFileId;
-                second = static_cast<unsigned long long>(p.fileOffset);
-                return 0;
-            }
-        return 1;
+        const int64_t position = image(*copy)->holdingPosition(extent * C, C);
+        if (position < 0) return 1;
+        first = copy->archiveFileId;
+        second = static_cast<unsigned long long>(position);
+        return 0;
     } catch (const StoreError& e) {
         noteFailure(local + "/Extent" + std::to_string(extent), e);
         LogSink::write(kLevelError, kTag, std::string("extent lookup: ") + e.what());
@@ -235,10 +232,14 @@ int StoreServices::lookup(const SCParams&, const std::string& path, unsigned lon
 
 bool StoreServices::holdsData(const DiskRecord& disk, int snapshot, uint64_t offset, uint64_t length) {
     try {
-        for (int i = std::min<int>(snapshot, static_cast<int>(disk.copies.size()) - 1); i >= 0; --i)
+        for (int i = std::min<int>(snapshot, static_cast<int>(disk.copies.size()) - 1); i >= 0; --i) {
             // Which blocks a file allocates is asked per extent ahead of any
             // recall; the recall itself checks the file again.
-            if (image(disk.copies[i], false)->holdsAny(offset, length)) return true;
+            std::shared_ptr<VhdImage> img = image(disk.copies[i], false);
+            if (img->holdsAny(offset, length)) return true;
+            // Zeros that hide whatever the older snapshots hold there.
+            if (img->hidesAll(offset, length)) return false;
+        }
         return false;
     } catch (const StoreError&) {
         return true;
@@ -419,10 +420,13 @@ std::vector<StoreServices::Gap> StoreServices::salvageRead(const DiskRecord& dis
         for (const Piece& p : img->pieces(offset, length))
             for (uint64_t at = p.virtualOffset, end = p.virtualOffset + p.length; at < end;) {
                 const uint64_t n = std::min(end - at, U - at % U);
-                units.push_back({at, n, p.fileOffset < 0 ? -1 : p.fileOffset + int64_t(at - p.virtualOffset), at / U});
+                units.push_back({at, n, p.fileOffset < 0 ? p.fileOffset : p.fileOffset + int64_t(at - p.virtualOffset), at / U});
                 at += n;
             }
         for (const Piece& p : units) {
+            if (p.fileOffset == kZeroHeld)  // zeros that hide the older snapshots
+                for (uint64_t s = (p.virtualOffset - offset) / S; s < (p.virtualOffset + p.length - offset + S - 1) / S; ++s)
+                    settled[s] = true;
             if (p.fileOffset < 0) continue;
             const uint64_t from = (p.virtualOffset - offset) / S, to = (p.virtualOffset + p.length - offset + S - 1) / S;
             buffer.resize(p.length);

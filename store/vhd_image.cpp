@@ -88,6 +88,8 @@ VhdImage& VhdImage::operator=(VhdImage&& o) noexcept {
         m_reader = std::move(o.m_reader);
         m_stamp = o.m_stamp;
         m_kind = o.m_kind;
+        m_format = o.m_format;
+        m_vhdx = std::move(o.m_vhdx);
         m_size = o.m_size;
         m_blockSize = o.m_blockSize;
         m_bitmapBytes = o.m_bitmapBytes;
@@ -175,17 +177,28 @@ VhdImage::Footer VhdImage::chooseFooter(std::string& note) const {
     return tail;
 }
 
-VhdImage VhdImage::open(const std::string& path, bool raw, uint64_t rawSize) {
-    return open(openLocalFile(path), raw, rawSize);
+std::string VhdImage::kindText() const {
+    if (m_format != FileFormat::Vhdx) return kindName(m_kind);
+    return m_kind == ImageKind::Differencing ? "differencing VHDX" : m_vhdx->fixed() ? "fixed VHDX" : "dynamic VHDX";
 }
 
-VhdImage VhdImage::open(std::unique_ptr<ObjectReader> reader, bool raw, uint64_t rawSize) {
+VhdImage VhdImage::open(const std::string& path, FileFormat format, uint64_t rawSize) {
+    return open(openLocalFile(path), format, rawSize);
+}
+
+VhdImage VhdImage::open(std::unique_ptr<ObjectReader> reader, FileFormat format, uint64_t rawSize) {
     VhdImage img;
     img.m_path = reader->name();
     img.m_stamp = reader->stamp();
     img.m_reader = std::move(reader);
+    img.m_format = format;
     const uint64_t fileSize = img.m_stamp.size;
-    if (raw) {
+    if (format == FileFormat::Vhdx) {
+        img.openVhdx();
+        img.m_reader->opened();
+        return img;
+    }
+    if (format == FileFormat::Raw) {
         img.m_kind = ImageKind::Raw;
         if (fileSize == 0 && rawSize == 0) img.fail("size", "an empty image holds no disk");
         if (fileSize % 512) img.fail("size", std::to_string(fileSize) + " bytes is not a whole number of 512-byte sectors");
@@ -215,6 +228,22 @@ VhdImage VhdImage::open(std::unique_ptr<ObjectReader> reader, bool raw, uint64_t
     img.m_note = note;
     img.m_reader->opened();
     return img;
+}
+
+void VhdImage::openVhdx() {
+    m_vhdx.reset(new VhdxLayout(VhdxLayout::read(*m_reader)));
+    const VhdxLayout& x = *m_vhdx;
+    m_kind = x.hasParent() ? ImageKind::Differencing : ImageKind::Dynamic;
+    m_size = x.size();
+    m_blockSize = x.blockSize();
+    m_blocks = static_cast<uint32_t>(x.blocks());
+    // The bitmap a VHD of these blocks would keep: what the stream of a
+    // differencing copy sends, whatever the file's logical sector size.
+    m_bitmapBytes = static_cast<uint32_t>((m_blockSize / 512 / 8 + 511) / 512 * 512);
+    m_uniqueId = x.dataWriteGuid();
+    m_parentId = x.parentLinkage();
+    m_parentName = x.parentPath();
+    m_note = x.note();
 }
 
 void VhdImage::readDynamic(uint64_t headerOffset) {
@@ -314,6 +343,10 @@ uint32_t VhdImage::sectorOf(uint64_t block) const {
 
 bool VhdImage::isBlockAllocated(uint64_t block) const {
     if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) return true;
+    if (m_vhdx) {
+        VhdxLayout::Held held = m_vhdx->block(block).held;
+        return held == VhdxLayout::Held::Data || held == VhdxLayout::Held::Partial;
+    }
     return sectorOf(block) != kUnallocated;
 }
 
@@ -321,6 +354,18 @@ void VhdImage::prefetch(uint64_t offset, uint64_t length) const {
     if (offset >= m_size) return;
     length = std::min(length, m_size - offset);
     if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) return m_reader->prefetch(offset, length);
+    if (m_vhdx) {
+        for (uint64_t u = nextHeldUnit(offset / m_blockSize); u < sumUnits() && u * m_blockSize < offset + length;
+             u = nextHeldUnit(u + 1)) {
+            const VhdxLayout::Block b = m_vhdx->block(u);
+            if (b.held == VhdxLayout::Held::Partial) {
+                const auto place = m_vhdx->bitmapPlace(u);
+                m_reader->prefetch(place.first, place.second);
+            }
+            m_reader->prefetch(b.offset, m_vhdx->blockBytes(u));
+        }
+        return;
+    }
     for (uint64_t u = nextHeldUnit(offset / m_blockSize); u < sumUnits() && u * m_blockSize < offset + length;
          u = nextHeldUnit(u + 1))
         m_reader->prefetch(blockDataOffset(u) - m_bitmapBytes, uint64_t(m_bitmapBytes) + m_blockSize);
@@ -328,6 +373,10 @@ void VhdImage::prefetch(uint64_t offset, uint64_t length) const {
 
 uint64_t VhdImage::blockDataOffset(uint64_t block) const {
     if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) return 0;
+    if (m_vhdx) {
+        if (!isBlockAllocated(block)) fail("block " + std::to_string(block), "not allocated");
+        return m_vhdx->block(block).offset;
+    }
     uint32_t sector = sectorOf(block);
     if (sector == kUnallocated) fail("block " + std::to_string(block), "not allocated");
     return uint64_t(sector) * 512 + m_bitmapBytes;
@@ -336,6 +385,10 @@ uint64_t VhdImage::blockDataOffset(uint64_t block) const {
 std::vector<uint8_t> VhdImage::readBlockBitmap(uint64_t block) const {
     std::vector<uint8_t> bitmap(m_bitmapBytes, 0);
     if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) return std::vector<uint8_t>(m_bitmapBytes, 0xFF);
+    if (m_vhdx) {
+        m_vhdx->bitmap(*m_reader, block, bitmap.data(), bitmap.size());
+        return bitmap;
+    }
     uint32_t sector = sectorOf(block);
     if (sector == kUnallocated) return bitmap;
     readAt(uint64_t(sector) * 512, bitmap.data(), m_bitmapBytes);
@@ -353,6 +406,7 @@ std::vector<Piece> VhdImage::pieces(uint64_t offset, uint64_t length) const {
         uint64_t block = at / m_blockSize, within = at % m_blockSize;
         uint64_t n = std::min<uint64_t>(end - at, m_blockSize - within);
         int64_t file = isBlockAllocated(block) ? static_cast<int64_t>(blockDataOffset(block) + within) : -1;
+        if (file < 0 && m_vhdx && m_vhdx->block(block).held == VhdxLayout::Held::Zeros) file = kZeroHeld;
         out.push_back({at, n, file, block});
         at += n;
     }
@@ -363,6 +417,23 @@ bool VhdImage::holdsAny(uint64_t offset, uint64_t length) const {
     for (const Piece& p : pieces(offset, length))
         if (p.fileOffset >= 0) return true;
     return false;
+}
+
+bool VhdImage::hidesAll(uint64_t offset, uint64_t length) const {
+    if (!m_vhdx || m_kind != ImageKind::Differencing) return false;
+    std::vector<Piece> all = pieces(offset, length);
+    for (const Piece& p : all)
+        if (p.fileOffset != kZeroHeld) return false;
+    return !all.empty();
+}
+
+int64_t VhdImage::holdingPosition(uint64_t offset, uint64_t length) const {
+    int64_t zeros = -1;
+    for (const Piece& p : pieces(offset, length)) {
+        if (p.fileOffset >= 0) return p.fileOffset;
+        if (p.fileOffset == kZeroHeld && zeros < 0) zeros = static_cast<int64_t>(p.virtualOffset);
+    }
+    return zeros;
 }
 
 uint32_t VhdImage::sumUnitBytes() const {
@@ -378,6 +449,7 @@ bool VhdImage::unitHeld(uint64_t unit) const { return unit < sumUnits() && isBlo
 uint64_t VhdImage::nextHeldUnit(uint64_t from) const {
     const uint64_t units = sumUnits();
     if (from >= units || m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) return std::min(from, units);
+    if (m_vhdx) return m_vhdx->nextWithBytes(from);
     if (m_dense.empty()) {  // walks what is allocated, never the whole table of a huge sparse disk
         auto it = std::lower_bound(m_sparse.begin(), m_sparse.end(), from,
                                    [](const Allocation& e, uint64_t b) { return e.first < b; });
@@ -399,7 +471,7 @@ UnitSum VhdImage::sumOf(uint64_t unit, uint64_t copyFrom, uint64_t copyLength, u
     if (place.bitmap) {
         // The bitmap and the data that follows it in one read where they fit
         // in a slice: one request to a store on S3, not two.
-        if (place.size <= kSlice) {
+        if (place.size <= kSlice && !m_vhdx) {
             buffer.resize(static_cast<size_t>(place.size));
             readAt(place.at, buffer.data(), buffer.size());
             sum = sumOfWhole(buffer.data(), place);
@@ -409,10 +481,13 @@ UnitSum VhdImage::sumOf(uint64_t unit, uint64_t copyFrom, uint64_t copyLength, u
             return sum;
         }
         std::vector<uint8_t> bitmap(place.bitmap);
-        readAt(place.at, bitmap.data(), bitmap.size());
+        if (m_vhdx)
+            bitmap = readBlockBitmap(unit);
+        else
+            readAt(place.at, bitmap.data(), bitmap.size());
         sum.bitmap = xxh3(bitmap.data(), bitmap.size());
     }
-    const uint64_t at = place.at + place.bitmap, length = place.size - place.bitmap;
+    const uint64_t at = place.dataAt, length = place.size - place.bitmap;
     buffer.resize(std::min<uint64_t>(length, kSlice));
     std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> state(XXH3_createState(), XXH3_freeState);
     if (!state) throw StoreError(m_path + ": block " + std::to_string(unit) + ": out of memory for its checksum");

@@ -18,17 +18,25 @@
 #include "store/block_sums.h"
 #include "store/storage.h"
 #include "store/store_error.h"
+#include "store/vhdx_image.h"
 
 namespace zxblk {
 
 enum class ImageKind { Raw, Fixed, Dynamic, Differencing };
 const char* kindName(ImageKind kind);
+// How a snapshot file lays out its disk. A VHDX opens as a dynamic or a
+// differencing image (a fixed VHDX too: its blocks lie where its table
+// says, not in the disk's order) and is read through the same calls as a
+// VHD, so nothing above the reader tells the two apart.
+enum class FileFormat { Vhd, Vhdx, Raw };
 
 using UniqueId = std::array<uint8_t, 16>;
 std::string uniqueIdText(const UniqueId& id);
 
 // A stretch of the virtual disk and where it lies in the file. `fileOffset`
-// is -1 when no block holds it (it reads from the parent, or as zeros).
+// is -1 when no block holds it (it reads from the parent, or as zeros), and
+// kZeroHeld where a differencing VHDX holds it as zeros that hide the parent.
+constexpr int64_t kZeroHeld = -2;
 struct Piece {
     uint64_t virtualOffset;
     uint64_t length;
@@ -50,15 +58,25 @@ public:
     // size is its file's, or `rawSize` when given (the size recorded at
     // import): a raw file cut short afterwards then fails only the reads
     // past its end.
-    static VhdImage open(const std::string& path, bool raw = false, uint64_t rawSize = 0);
+    static VhdImage open(const std::string& path, FileFormat format, uint64_t rawSize = 0);
     // The same, of an object already opened (a store's, perhaps on S3).
-    static VhdImage open(std::unique_ptr<ObjectReader> reader, bool raw = false, uint64_t rawSize = 0);
+    static VhdImage open(std::unique_ptr<ObjectReader> reader, FileFormat format, uint64_t rawSize = 0);
+    static VhdImage open(const std::string& path, bool raw = false, uint64_t rawSize = 0) {
+        return open(path, raw ? FileFormat::Raw : FileFormat::Vhd, rawSize);
+    }
+    static VhdImage open(std::unique_ptr<ObjectReader> reader, bool raw = false, uint64_t rawSize = 0) {
+        return open(std::move(reader), raw ? FileFormat::Raw : FileFormat::Vhd, rawSize);
+    }
     VhdImage(VhdImage&& other) noexcept;
     VhdImage& operator=(VhdImage&& other) noexcept;
     ~VhdImage();
 
     const std::string& path() const { return m_path; }
     ImageKind kind() const { return m_kind; }
+    FileFormat format() const { return m_format; }
+    // "dynamic VHD", "fixed VHDX", "raw", ... as a user knows the file.
+    std::string kindText() const;
+    bool isFixedVhdx() const { return m_vhdx && m_vhdx->fixed(); }
     uint64_t virtualSize() const { return m_size; }
     uint64_t fileSize() const { return m_stamp.size; }
     // The file as it was when it was opened and checked.
@@ -91,6 +109,12 @@ public:
     void prefetch(uint64_t offset, uint64_t length) const;
     // Whether any byte of the range lies in the file (always for raw/fixed).
     bool holdsAny(uint64_t offset, uint64_t length) const;
+    // Whether the file holds the whole range as zeros that hide its parent.
+    bool hidesAll(uint64_t offset, uint64_t length) const;
+    // Where a recall of the range starts: the file offset of its first byte
+    // the file holds, or, for a range held only as zeros, the disk offset of
+    // the first of them; -1 when the file holds none of it.
+    int64_t holdingPosition(uint64_t offset, uint64_t length) const;
 
     // Checksum units: the blocks of a dynamic or differencing VHD, chunks of
     // kSumChunk bytes of the disk of a fixed VHD or raw image.
@@ -146,6 +170,7 @@ private:
     // Fails for a unit past the disk or not allocated.
     struct UnitPlace {
         uint64_t at, bitmap, size;
+        uint64_t dataAt;  // at + bitmap in a VHD; a VHDX keeps its bitmaps apart
     };
     UnitPlace placeOf(uint64_t unit) const;
     // The sums of a unit read whole, laid out as placeOf() says.
@@ -162,6 +187,7 @@ private:
     SoundMark soundMark(const BlockSums::Entry* recorded) const;
     Footer chooseFooter(std::string& note) const;
     void readDynamic(uint64_t headerOffset);
+    void openVhdx();
     void readTable(uint64_t tableOffset, uint64_t tableBytes, uint64_t headerOffset,
                    const std::vector<std::pair<uint64_t, uint64_t>>& locators);
     // The block's first sector in the file, or kUnallocated.
@@ -173,6 +199,8 @@ private:
     FileStamp m_stamp;
     std::string m_note;
     ImageKind m_kind = ImageKind::Raw;
+    FileFormat m_format = FileFormat::Raw;
+    std::unique_ptr<VhdxLayout> m_vhdx;
     uint64_t m_size = 0;
     uint32_t m_blockSize = 0;
     uint32_t m_bitmapBytes = 0;

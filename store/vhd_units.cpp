@@ -19,11 +19,19 @@ VhdImage::UnitPlace VhdImage::placeOf(uint64_t unit) const {
     if (m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) {
         const uint64_t at = unit * kSumChunk;
         if (at >= m_size) fail("block " + std::to_string(unit), "past the end of the disk");
-        return {at, 0, std::min<uint64_t>(kSumChunk, m_size - at)};
+        return {at, 0, std::min<uint64_t>(kSumChunk, m_size - at), at};
+    }
+    if (m_vhdx) {
+        if (!isBlockAllocated(unit)) fail("block " + std::to_string(unit), "not allocated");
+        // Only a differencing file's blocks carry a bitmap; the data is the
+        // disk's bytes in the block, the last one shorter.
+        const uint64_t bitmap = m_kind == ImageKind::Differencing ? m_bitmapBytes : 0;
+        return {0, bitmap, bitmap + m_vhdx->blockBytes(unit), m_vhdx->block(unit).offset};
     }
     const uint32_t sector = sectorOf(unit);
     if (sector == kUnallocated) fail("block " + std::to_string(unit), "not allocated");
-    return {uint64_t(sector) * 512, m_bitmapBytes, uint64_t(m_bitmapBytes) + m_blockSize};
+    return {uint64_t(sector) * 512, m_bitmapBytes, uint64_t(m_bitmapBytes) + m_blockSize,
+            uint64_t(sector) * 512 + m_bitmapBytes};
 }
 
 UnitSum VhdImage::sumOfWhole(const uint8_t* bytes, const UnitPlace& place) {
@@ -49,7 +57,12 @@ std::shared_ptr<const UnitBytes> VhdImage::readUnit(uint64_t unit) const {
     read->size = place.size;
     // Not zeroed first: every byte is read over at once.
     read->bytes.reset(new uint8_t[read->size]);
-    readAt(place.at, read->bytes.get(), read->size);
+    if (m_vhdx) {
+        if (place.bitmap) m_vhdx->bitmap(*m_reader, unit, read->bytes.get(), place.bitmap);
+        readAt(place.dataAt, read->bytes.get() + place.bitmap, place.size - place.bitmap);
+    } else {
+        readAt(place.at, read->bytes.get(), read->size);
+    }
     if (!m_sums) return read;
     const BlockSums::Entry* recorded = m_sums->entry(unit);
     const SoundMark sound = soundMark(recorded);

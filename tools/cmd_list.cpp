@@ -32,7 +32,7 @@ nlohmann::json toJson(const std::string& store, const std::vector<DiskInfo>& dis
                                {"extentSize", d.extentSize}, {"snapshots", nlohmann::json::array()}};
         for (const SnapshotInfo& s : d.snapshots)
             disk["snapshots"].push_back({{"number", s.number},
-                                         {"kind", kindName(s.kind)},
+                                         {"kind", kindName(s)},
                                          {"file", s.file},
                                          {"fileSize", s.fileSize},
                                          {"importedAt", s.importedAt},
@@ -48,7 +48,7 @@ void printDisk(const DiskInfo& d) {
                 d.snapshots.size(), d.snapshots.size() == 1 ? "" : "s", humanSize(d.extentSize).c_str());
     std::printf("  %-9s %-17s %-10s %-21s %-8s %s\n", "snapshot", "kind", "file size", "imported", "status", "file");
     for (const SnapshotInfo& s : d.snapshots) {
-        std::printf("  %-9d %-17s %-10s %-21s %-8s %s\n", s.number, kindName(s.kind), humanSize(s.fileSize).c_str(),
+        std::printf("  %-9d %-17s %-10s %-21s %-8s %s\n", s.number, kindName(s).c_str(), humanSize(s.fileSize).c_str(),
                     s.importedAt.c_str(), statusName(s.status), s.file.c_str());
         if (!s.problem.empty()) std::printf("  %9s %s\n", "", s.problem.c_str());
     }

@@ -8,16 +8,16 @@
 namespace zxblk {
 
 void registerImportCommand(CLI::App& app) {
-    auto* cmd = app.add_subcommand("import", "import a VHD chain (base first) or one image as a disk's snapshots");
+    auto* cmd = app.add_subcommand("import", "import a VHD or VHDX chain (base first) or one image as a disk's snapshots");
     static std::string store, disk, format = "auto";
     static std::vector<std::string> images;
     static ImportOptions options;
     addStoreOption(cmd, store, false);
     cmd->add_option("--disk", disk, "disk name")->required();
     cmd->add_option("--format", format,
-                    "vhd: fixed, dynamic or differencing VHD files; raw: any file, taken as the disk's bytes; "
-                    "auto: VHD, naming any other format it refuses")
-        ->check(CLI::IsMember({"auto", "vhd", "raw"}))
+                    "vhd: fixed, dynamic or differencing VHD files; vhdx: VHDX and AVHDX files; raw: any file, "
+                    "taken as the disk's bytes; auto: VHD or VHDX, naming any other format it refuses")
+        ->check(CLI::IsMember({"auto", "vhd", "vhdx", "raw"}))
         ->capture_default_str();
     cmd->add_option("--client", options.client, "client name")->capture_default_str();
     addNumberOption<uint64_t>(cmd, "--client-id", options.clientId,
@@ -41,13 +41,16 @@ void registerImportCommand(CLI::App& app) {
             },
             ""))
         ->default_str("1M");
-    cmd->add_option("images", images, "VHD files base first, or one raw image with --format raw")->required();
+    cmd->add_option("images", images, "VHD or VHDX files base first, or one raw image with --format raw")->required();
     addCommonOptions(cmd);
     addProgressOption(cmd);
     cmd->callback([] {
         applyCommonOptions();
         ImportOptions run = options;
-        run.format = format == "raw" ? ImageFormat::raw : format == "vhd" ? ImageFormat::vhd : ImageFormat::automatic;
+        run.format = format == "raw"    ? ImageFormat::raw
+                     : format == "vhd"  ? ImageFormat::vhd
+                     : format == "vhdx" ? ImageFormat::vhdx
+                                        : ImageFormat::automatic;
         StopSignals stop;
         std::unique_ptr<Progress> progress;
         run.progress = [&progress, &stop](uint64_t done, uint64_t total) {

@@ -94,11 +94,15 @@ enum class SnapshotStatus {
 };
 // "fixed VHD", "dynamic VHD", "differencing VHD", "raw"; "ok", "missing", "damaged".
 ZXBLK_API const char* kindName(SnapshotKind kind);
+struct SnapshotInfo;
+// The kind with the file's format: "dynamic VHDX", "fixed VHD", "raw", ...
+ZXBLK_API std::string kindName(const SnapshotInfo& snapshot);
 ZXBLK_API const char* statusName(SnapshotStatus status);
 
 struct SnapshotInfo {
     int number = 0;  // 0 is the oldest
     SnapshotKind kind = SnapshotKind::raw;
+    bool vhdx = false;       // a VHDX (or AVHDX) file rather than a VHD
     std::string file;        // in the store, relative to its folder or prefix
     uint64_t fileSize = 0;   // bytes, as recorded at import
     std::string importedAt;  // UTC, "2024-05-01T12:00:00Z"
@@ -122,8 +126,9 @@ struct ClientInfo {
 
 // How the images given to an import are read.
 enum class ImageFormat {
-    automatic,  // VHD; any other file is refused, naming its format when its first bytes declare one
-    vhd,        // the same, asked for by name
+    automatic,  // VHD or VHDX; any other file is refused, naming its format when its first bytes declare one
+    vhd,        // VHD files, asked for by name
+    vhdx,       // VHDX and AVHDX files, asked for by name
     raw,        // every file is a raw disk image, whatever it holds
 };
 

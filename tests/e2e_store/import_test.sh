@@ -55,18 +55,22 @@ while read -r fmt name; do
 done <<'EOF'
 qcow2 a qcow2 image
 qcow a qcow image
-vhdx a VHDX image
 vmdk a VMDK image
 vdi a VDI image
 qed a QED image
 parallels a Parallels image
 luks a LUKS encrypted volume
 EOF
+# A VHDX is read as one, not refused; asked for as a VHD, it is refused by name.
+qemu-img convert -q -f raw -O vhdx "$work/disk.raw" "$work/disk.vhdx"
+try 1 import --store "$store" --disk x --format vhd "$work/disk.vhdx"
+grep -qF "is a VHDX image, not a VHD; import it without --format vhd" "$work/err" || { cat "$work/err"; fail "VHDX as --format vhd"; }
+[ "$(state)" = "$before" ] || fail "VHDX as --format vhd: the refusal changed the store"
 gzip -c "$work/disk.raw" >"$work/disk.raw.gz"
 try 1 import --store "$store" --disk z "$work/disk.raw.gz"
 grep -qF "is a gzip-compressed file" "$work/err" || { cat "$work/err"; fail "gzip file not named"; }
 try 1 import --store "$store" --disk r "$work/disk.raw"
-grep -qF "not a VHD image (no footer); to import a raw disk image give --format raw" "$work/err" ||
+grep -qF "is neither a VHD (no footer) nor a VHDX image; to import a raw disk image give --format raw" "$work/err" ||
   { cat "$work/err"; fail "raw image without --format: $(cat "$work/err")"; }
 [ "$(state)" = "$before" ] || fail "refusals changed the store"
 echo "ok: a compressed file and a raw image without --format raw are refused"
