@@ -209,7 +209,7 @@ TEST(Api, ListingAndErrors) {
         {[&] { disk.allocation(size, 1); }, "is past the end of disk raw", Kind::invalidArgument},
         {[&] { disk.extent(disk.extentCount()); }, "is past the end of disk raw", Kind::invalidArgument},
         {[&] { zxblk::Disk::open(store, "raw", options); }, "is in use by another zxblk process", Kind::busy},
-        {[&] { zxblk::Store::importImages(store, "e", {store + "/catalog.json"}); }, "is not a VHD image",
+        {[&] { zxblk::Store::importImages(store, "e", {store + "/catalog.json"}); }, "is neither a VHD",
          Kind::invalidArgument},
     };
     for (const auto& e : errors) {
