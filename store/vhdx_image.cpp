@@ -406,8 +406,9 @@ void VhdxLayout::readTable(const ObjectReader& file, uint64_t batOffset, uint64_
                 // entries say does not matter.
                 if (!m_hasParent || state == 0) continue;
                 if (state != 6) fail(where, "sector bitmap state " + std::to_string(state) + " is reserved");
+                // Checked in MiB first: 44 bits of MiB overflow 64 bits of bytes.
                 const uint64_t at = offsetMiB * MiB;
-                if (offsetMiB == 0 || at > fileSize || fileSize - at < MiB)
+                if (offsetMiB == 0 || offsetMiB > fileSize / MiB || fileSize - at < MiB)
                     fail(where, "sector bitmap block at " + std::to_string(at) + " is not inside the file (" +
                                     std::to_string(fileSize) + " bytes)");
                 m_bitmaps.emplace_back(group, at);
@@ -439,7 +440,7 @@ void VhdxLayout::readTable(const ObjectReader& file, uint64_t batOffset, uint64_
                 fail(where, "more than " + std::to_string(kMostZeroBlocks) + " zero blocks, the most a file here may have");
             if (what != Held::Zeros) {
                 const uint64_t at = offsetMiB * MiB, length = blockBytes(b);
-                if (offsetMiB == 0 || at > fileSize || fileSize - at < length)
+                if (offsetMiB == 0 || offsetMiB > fileSize / MiB || fileSize - at < length)
                     fail(where, "block at " + std::to_string(at) + " of " + std::to_string(length) +
                                     " bytes is not inside the file (" + std::to_string(fileSize) + " bytes)");
                 used.emplace_back(at, length);
