@@ -231,7 +231,11 @@ VhdImage VhdImage::open(std::unique_ptr<ObjectReader> reader, FileFormat format,
 }
 
 void VhdImage::openVhdx() {
-    m_vhdx.reset(new VhdxLayout(VhdxLayout::read(*m_reader)));
+    // A file not closed cleanly is read as its log says it is.
+    const VhdxLayout::Log log = VhdxLayout::logOf(*m_reader);
+    std::string replayed;
+    if (log.guid != VhdxLayout::Guid{}) m_reader = replayVhdxLog(std::move(m_reader), log.guid, log.offset, log.length, replayed);
+    m_vhdx.reset(new VhdxLayout(VhdxLayout::read(*m_reader, !replayed.empty())));
     const VhdxLayout& x = *m_vhdx;
     m_kind = x.hasParent() ? ImageKind::Differencing : ImageKind::Dynamic;
     m_size = x.size();
@@ -243,7 +247,7 @@ void VhdImage::openVhdx() {
     m_uniqueId = x.dataWriteGuid();
     m_parentId = x.parentLinkage();
     m_parentName = x.parentPath();
-    m_note = x.note();
+    m_note = x.note().empty() ? replayed : replayed.empty() ? x.note() : x.note() + "; " + replayed;
 }
 
 void VhdImage::readDynamic(uint64_t headerOffset) {

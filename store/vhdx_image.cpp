@@ -150,7 +150,20 @@ struct VhdxLayout::Header {
     const uint8_t* bytes = nullptr;
 };
 
-VhdxLayout VhdxLayout::read(const ObjectReader& file) {
+VhdxLayout::Log VhdxLayout::logOf(const ObjectReader& file) {
+    VhdxLayout x;
+    x.m_path = file.name();
+    if (file.size() < kHeaderSection)
+        x.fail("header section", "file of " + std::to_string(file.size()) + " bytes is too short for it (1 MiB)");
+    std::unique_ptr<uint8_t[]> section(new uint8_t[192 * KiB]);
+    file.readAt(0, section.get(), 192 * KiB);
+    if (std::memcmp(section.get(), "vhdxfile", 8) != 0) x.fail("file type identifier", "not a VHDX file (no \"vhdxfile\" signature)");
+    Log log;
+    x.readHeaders(file, section.get(), log);
+    return log;
+}
+
+VhdxLayout VhdxLayout::read(const ObjectReader& file, bool replayed) {
     VhdxLayout x;
     x.m_path = file.name();
     const uint64_t fileSize = file.size();
@@ -160,8 +173,11 @@ VhdxLayout VhdxLayout::read(const ObjectReader& file) {
     std::unique_ptr<uint8_t[]> section(new uint8_t[320 * KiB]);
     file.readAt(0, section.get(), 320 * KiB);
     if (std::memcmp(section.get(), "vhdxfile", 8) != 0) x.fail("file type identifier", "not a VHDX file (no \"vhdxfile\" signature)");
-    uint64_t logOffset = 0, logLength = 0, batOffset = 0, batLength = 0, metaOffset = 0, metaLength = 0;
-    x.readHeaders(file, section.get(), logOffset, logLength);
+    uint64_t batOffset = 0, batLength = 0, metaOffset = 0, metaLength = 0;
+    Log log;
+    x.readHeaders(file, section.get(), log);
+    if (log.guid != Guid{} && !replayed) x.fail("log", "the file has a log to replay");
+    const uint64_t logOffset = log.offset, logLength = log.length;
     x.readRegions(section.get(), fileSize, batOffset, batLength, metaOffset, metaLength);
     if (logLength && (overlaps(logOffset, logLength, batOffset, batLength) || overlaps(logOffset, logLength, metaOffset, metaLength)))
         x.fail("log offset", "the log at " + std::to_string(logOffset) + " overlaps a region");
@@ -172,7 +188,7 @@ VhdxLayout VhdxLayout::read(const ObjectReader& file) {
     return x;
 }
 
-void VhdxLayout::readHeaders(const ObjectReader& file, const uint8_t* section, uint64_t& logOffset, uint64_t& logLength) {
+void VhdxLayout::readHeaders(const ObjectReader& file, const uint8_t* section, Log& log) {
     Header h[2];
     for (int i = 0; i < 2; ++i) {
         const uint8_t* p = section + (i + 1) * 64 * KiB;
@@ -199,16 +215,15 @@ void VhdxLayout::readHeaders(const ObjectReader& file, const uint8_t* section, u
     const uint8_t* p = h[current].bytes;
     const std::string field = "header " + std::to_string(current + 1);
     m_dataWriteGuid = guidAt(p + 32);
-    Guid logGuid = guidAt(p + 48);
+    log.guid = guidAt(p + 48);
     const uint16_t logVersion = le16(p + 64), version = le16(p + 66);
+    uint64_t& logLength = log.length;
+    uint64_t& logOffset = log.offset;
     logLength = le32(p + 68);
     logOffset = le64(p + 72);
     if (version != 1) fail(field + " version", std::to_string(version) + " is not 1, the only version this reader knows");
-    if (logGuid != Guid{}) {
-        if (logVersion != 0) fail(field + " log version", std::to_string(logVersion) + " is not 0");
-        fail("log", "the file has a log to replay (it was not closed cleanly); open it read-write once to replay it, "
-                    "for example with qemu-img check -r all, then import it again");
-    }
+    if (log.guid != Guid{} && logVersion != 0)
+        fail(field + " log version", std::to_string(logVersion) + " is not 0, the only log this reader can replay");
     if (logLength % MiB || logOffset % MiB || (logLength && logOffset < kHeaderSection) || logOffset > file.size() ||
         file.size() - logOffset < logLength)
         fail(field + " log offset", "a log of " + std::to_string(logLength) + " bytes at " + std::to_string(logOffset) +

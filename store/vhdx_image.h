@@ -8,6 +8,7 @@
 #pragma once
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,8 +33,16 @@ public:
         uint64_t offset;  // in the file, of the block's first byte (Data and Partial)
     };
 
-    // Reads and checks the structure; throws StoreError.
-    static VhdxLayout read(const ObjectReader& file);
+    // Reads and checks the structure; throws StoreError. A file with a log
+    // to replay is read through replayLog()'s reader, `replayed`.
+    static VhdxLayout read(const ObjectReader& file, bool replayed = false);
+    // The current header's log: its GUID (zero when there is nothing to
+    // replay), offset and length. Throws StoreError for bad headers.
+    struct Log {
+        Guid guid{};
+        uint64_t offset = 0, length = 0;
+    };
+    static Log logOf(const ObjectReader& file);
 
     uint64_t size() const { return m_size; }
     uint32_t blockSize() const { return m_blockSize; }
@@ -67,7 +76,7 @@ public:
 
 private:
     struct Header;
-    void readHeaders(const ObjectReader& file, const uint8_t* section, uint64_t& logOffset, uint64_t& logLength);
+    void readHeaders(const ObjectReader& file, const uint8_t* section, Log& log);
     void readRegions(const uint8_t* section, uint64_t fileSize, uint64_t& batOffset, uint64_t& batLength,
                      uint64_t& metaOffset, uint64_t& metaLength);
     void readMetadata(const ObjectReader& file, uint64_t offset, uint64_t length);
@@ -92,6 +101,12 @@ private:
     // Chunks whose sector bitmap block the file holds: (chunk, offset), by chunk.
     std::vector<std::pair<uint64_t, uint64_t>> m_bitmaps;
 };
+
+// The file as its log says it is, the log replayed in memory (the file is
+// not written); `note` says so. Throws StoreError for a log that cannot be
+// replayed.
+std::unique_ptr<ObjectReader> replayVhdxLog(std::unique_ptr<ObjectReader> file, const VhdxLayout::Guid& logGuid,
+                                            uint64_t logOffset, uint64_t logLength, std::string& note);
 
 // The CRC-32C (Castagnoli) the format's checksums use.
 uint32_t crc32c(const uint8_t* data, size_t length, uint32_t crc = 0);
