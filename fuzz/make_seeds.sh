@@ -41,7 +41,8 @@ cp "$work/chain/snap1.vhd" "$vhd/differencing.vhd"
 # with the file whatever the bytes are. From qemu-img a dynamic disk (unwritten
 # blocks ZERO, a short last block) and a fixed one; from the tests' writer a
 # differencing file of 512-byte and one of 4096-byte sectors (every block
-# state, sector bitmaps, a parent locator) and the base of the first.
+# state, sector bitmaps, a parent locator) and the base of the first; and
+# the dynamic disk not closed cleanly, its table's truth in two log entries.
 vhdx=fuzz/vhdx_reader/corpus
 rm -rf "$vhdx" && mkdir -p "$vhdx" "$work/x"
 qemu-img create -q -f vhdx -o block_size=1M,log_size=1M "$work/x/dynamic.vhdx" 3584K
@@ -51,7 +52,8 @@ qemu-io -f vhdx -c 'write -P 0x77 1m 4k' "$work/x/fixed.vhdx" >/dev/null
 mkdir "$work/x/c512" "$work/x/c4k"
 "$xchain" "$work/x/c512" --size 3145728 --block-size 1048576 --levels 2 --seed 1 >/dev/null
 "$xchain" "$work/x/c4k" --size 3145728 --block-size 1048576 --logical-sector 4096 --levels 2 --seed 2 >/dev/null
-python3 - "$vhdx" "$work/x/dynamic.vhdx:dynamic" "$work/x/fixed.vhdx:fixed" "$work/x/c512/base.vhdx:base" \
+python3 tests/vhdx_log/vhdx_log.py "$work/x/dynamic.vhdx" "$work/x/logged.vhdx" two-entries
+python3 - "$vhdx" "$work/x/logged.vhdx:logged" "$work/x/dynamic.vhdx:dynamic" "$work/x/fixed.vhdx:fixed" "$work/x/c512/base.vhdx:base" \
   "$work/x/c512/snap1.avhdx:differencing" "$work/x/c4k/snap1.avhdx:differencing_4k" <<'PY'
 import re, struct, sys
 
