@@ -5,7 +5,9 @@
 # disk. It must be refused with one line on standard error, a non-zero exit
 # and the store exactly as it was, or be accepted and export byte-identical
 # to qemu-img's reading of it (or, for a differencing file, which qemu-img
-# does not read with its parent, to the mutator's own reading). Then bytes of
+# does not read with its parent, and a file with a log to replay, which it
+# reads only after writing the replay into the file, to the mutator's own
+# reading from the format; qemu-img's replay agreed when this was written). Then bytes of
 # the stored copies are damaged: export must fail in one line naming the
 # file and the block, and verify must report it.
 #   corruption_test.sh ZXBLK MUTATE_PY [NAME]
@@ -27,9 +29,9 @@ t() { timeout 60 "$@"; }
 stricter=(
   "seq-older-current-version.crc|the current header is of another version, a file not to be processed; qemu-img takes the other header"
   "version.crc|the current header is of another version, a file not to be processed; qemu-img takes the other header"
-  "seq-older-current-log.crc|a log to replay is refused, not replayed; qemu-img finds no valid entry in it and reads on"
-  "log-guid.crc|a log to replay is refused, not replayed; qemu-img finds no valid entry in it and reads on"
-  "log-guid-both|a log to replay is refused, not replayed; qemu-img finds no valid entry in it and reads on"
+  "seq-older-current-log.crc|a log with no whole sequence of entries makes the file corrupt; qemu-img reads on as if it were empty"
+  "log-guid.crc|a log with no whole sequence of entries makes the file corrupt; qemu-img reads on as if it were empty"
+  "log-guid-both|a log with no whole sequence of entries makes the file corrupt; qemu-img reads on as if it were empty"
   "log-offset-past-end|a log outside the file; qemu-img does not look at an empty log"
   "rt-bat-past-end|a BAT region past the end of the file, which qemu-img reads as zeros"
   "rt-bat-length-unaligned|a region length not a multiple of 1 MiB"

@@ -22,9 +22,11 @@ vhdx_mutate.py mutants OUTDIR DYNAMIC FIXED CHILD PARENT_RAW [NAME]
     "qemu" (qemu-img's reading is the truth, whether it refuses or reads),
     "refuse" (no reader may take it), "ref" (it must read as
     OUTDIR/mutant.ref, computed here from the format) or "qemu|ref" (either).
-Structures with a CRC-32C (headers, region tables) are mutated in two
-flavours: NAME.raw leaves the checksum wrong, NAME.crc recomputes it, so the
-reader's field checks are reached and not only its checksums.
+Structures with a CRC-32C (headers, region tables, log entries) are mutated
+with the checksum recomputed, so the reader's field checks are reached and
+not only its checksums, and where one header is changed also with it left
+wrong (NAME.raw, NAME.crc). Files with a log to replay are written here too:
+entries that rewrite a sector of the BAT, whole, torn or stale.
 """
 import struct
 import sys
@@ -319,6 +321,70 @@ def both(*fs):
     return f
 
 
+LOG_GUID = uuid.UUID("3c1e5a7b-2d4f-4e6a-8b9c-0d1e2f3a4b5c").bytes_le
+
+
+def log_entry(v, seq, tail, updates, zeros=(), guid=LOG_GUID, flushed=None):
+    """One log entry: a descriptor sector (header, data and zero descriptors),
+    then a data sector per update (file offset, 4 KiB), checksum over it all."""
+    flushed = end_mb(v) if flushed is None else flushed
+    desc = bytearray(4 * KB)
+    struct.pack_into("<4sIIIQII16sQQ", desc, 0, b"loge", 0, 4 * KB * (1 + len(updates)), tail, seq,
+                     len(updates) + len(zeros), 0, guid, flushed, end_mb(v))
+    sectors = b""
+    for i, (at, data) in enumerate(updates):
+        struct.pack_into("<4s4s8sQQ", desc, 64 + 32 * i, b"desc", data[4092:], data[:8], at, seq)
+        sectors += b"data" + struct.pack("<I", seq >> 32) + data[8:4092] + struct.pack("<I", seq & 0xFFFFFFFF)
+    for i, (at, length) in enumerate(zeros):
+        struct.pack_into("<4sIQQQ", desc, 64 + 32 * (len(updates) + i), b"zero", 0, length, at, seq)
+    entry = bytearray(desc + sectors)
+    fix_crc(entry, 0, len(entry))
+    return entry
+
+
+def bat_sector(d, v, *states):
+    """The BAT's first 4 KiB with the given (block, state) changes."""
+    sector = bytearray(d[v.bat:v.bat + 4 * KB])
+    for b, state in states:
+        put(sector, 8 * b, "Q", v.entry(b)[1] | state)
+    return bytes(sector)
+
+
+def with_log(*entries, damage=None):
+    """A log to replay in the current header's log: entries (functions of the
+    file, each giving a list of entries laid one after another), a damage to
+    them, and what the file reads as once the good ones are replayed."""
+    def f(d, v):
+        put(d, v.cur + 48, "16s", LOG_GUID)
+        fix_crc(d, v.cur, 4 * KB)
+        at, log = u(d, v.cur + 72, "Q"), b""
+        replayed = bytearray(d)
+        for make, good in entries:
+            entry = make(replayed, v)
+            if good:  # laid over the file as replay would
+                n = u(entry, 16, "I")
+                for i in range(n):
+                    sig, length_or_trail, lead, off = struct.unpack_from("<4s4s8sQ", entry, 64 + 32 * i)
+                    if sig == b"desc":
+                        k = 4 * KB * (1 + i)
+                        replayed[off:off + 4 * KB] = lead + entry[k + 8:k + 4092] + length_or_trail
+                    else:
+                        length = u(entry, 64 + 32 * i + 8, "Q")
+                        replayed[off:off + length] = bytes(length)
+            log += entry
+        d[at:at + len(log)] = log
+        if damage:
+            damage(d, at)
+        return replayed
+    return f
+
+
+def data_sequence(d, at):
+    """The first entry's data sector with another sequence number, its checksum recomputed."""
+    d[at + 8 * KB - 1] ^= 1
+    fix_crc(d, at, 8 * KB)
+
+
 # name: (source, judge, mutation, flavours). BOTH: NAME.raw (the checksums
 # left as the change leaves them) and NAME.crc (recomputed), for a change to
 # one header, whose checksum decides whether the other one is read; CRC:
@@ -348,6 +414,22 @@ MUTANTS = {
     "log-offset-unaligned": ("dyn", Q, both(set_hdr("logoff", MB + 4 * KB), set_hdr("logoff", MB + 4 * KB, "old")), CRC),
     "log-length-huge": ("dyn", Q, both(set_hdr("loglen", 0xFFF00000), set_hdr("loglen", 0xFFF00000, "old")), CRC),
     "log-on-bat": ("dyn", Q, both(set_hdr("logoff", lambda v: v.bat), set_hdr("logoff", lambda v: v.bat, "old")), CRC),
+    "log-replay": ("dyn", REF, with_log((lambda d, v: log_entry(v, 1, 0, [(v.bat, bat_sector(d, v, (0, ZERO)))]), 1)), ONE),
+    "log-replay-two": ("dyn", REF, with_log((lambda d, v: log_entry(v, 7, 0, [(v.bat, bat_sector(d, v, (0, ZERO)))]), 1),
+                                            (lambda d, v: log_entry(v, 8, 0, [(v.bat, bat_sector(d, v, (2, ZERO)))]), 1)), ONE),
+    "log-replay-torn-second": ("dyn", REF, with_log(
+        (lambda d, v: log_entry(v, 7, 0, [(v.bat, bat_sector(d, v, (0, ZERO)))]), 1),
+        (lambda d, v: log_entry(v, 8, 0, [(v.bat, bat_sector(d, v, (2, ZERO)))]), 0),
+        damage=lambda d, at: d.__setitem__(at + 8 * KB + 4, d[at + 8 * KB + 4] ^ 1)), ONE),
+    "log-replay-zero-descriptor": ("dyn", REF, with_log((lambda d, v: log_entry(v, 1, 0, [], [(v.bat, 4 * KB)]), 1)), ONE),
+    "log-replay-checksum": ("dyn", R, with_log((lambda d, v: log_entry(v, 1, 0, [(v.bat, bat_sector(d, v, (0, ZERO)))]), 0),
+                                               damage=lambda d, at: d.__setitem__(at + 4, d[at + 4] ^ 1)), ONE),
+    "log-replay-other-guid": ("dyn", R, with_log((lambda d, v: log_entry(v, 1, 0, [(v.bat, bat_sector(d, v, (0, ZERO)))],
+                                                                   guid=UNKNOWN), 0)), ONE),
+    "log-replay-data-sequence": ("dyn", R, with_log((lambda d, v: log_entry(v, 1, 0, [(v.bat, bat_sector(d, v, (0, ZERO)))]), 0),
+                                                    damage=data_sequence), ONE),
+    "log-replay-file-cut": ("dyn", R, with_log((lambda d, v: log_entry(v, 1, 0, [(v.bat, bat_sector(d, v, (0, ZERO)))],
+                                                                 flushed=end_mb(v) + MB), 0)), ONE),
     "rt1-alone": ("dyn", Q, xor(192 * KB + 40), ONE),
     "rt2-alone": ("dyn", Q, xor(256 * KB + 40), ONE),
     "rt-both": ("dyn", Q, both(xor(192 * KB + 40), xor(256 * KB + 40)), ONE),
@@ -482,7 +564,7 @@ def main():
                 if only and full != only:
                     continue
                 d = bytearray(srcs[src])
-                fn(d, views[src])
+                replayed = fn(d, views[src])  # a file with a log: what replay makes of it
                 if flavour == "crc":
                     for at in Vhdx.HEADERS:
                         fix_crc(d, at, 4 * KB)
@@ -495,7 +577,7 @@ def main():
                 write_sparse(f"{out}/mutant.vhdx", d)
                 if judge in (REF, "qemu|ref"):
                     parent = parent_raw if src == "child" else bytes(len(parent_raw))
-                    open(f"{out}/mutant.ref", "wb").write(read_disk(d, parent))
+                    open(f"{out}/mutant.ref", "wb").write(read_disk(replayed or d, parent))
                 print(full, src, judge, flush=True)
                 if not only and not sys.stdin.readline():
                     return
