@@ -58,8 +58,12 @@ vhdx fixed.vhdx 4M subformat=fixed && io fixed.vhdx "0x44 1M 1M" "0x45 3M 64K"
 vhdx parent.vhdx 8M && io parent.vhdx "0x51 0 2M" "0x52 2M 1M" "0x54 4M 3M"
 vhdx c0.vhdx 8M && io c0.vhdx "0x61 512K 4K" "0x62 2M 1M" "0x63 3M 8K"
 python3 "$mutate" child c0.vhdx parent.vhdx child.vhdx
+# The same chain with 4096-byte sectors (which qemu-img does not read).
+python3 "$mutate" sectors4k parent.vhdx parent4k.vhdx && python3 "$mutate" sectors4k c0.vhdx c04k.vhdx
+python3 "$mutate" child c04k.vhdx parent4k.vhdx child4k.vhdx
 qemu-img convert -f vhdx -O raw parent.vhdx parent.raw
 t "$zxblk" import -q --store clean --disk c parent.vhdx >/dev/null
+t "$zxblk" import -q --store clean --disk k parent4k.vhdx >/dev/null
 
 fails=0 n=0
 fail() { echo "FAIL $*"; fails=$((fails + 1)); }
@@ -68,6 +72,7 @@ one_line() { [ "$(grep -c . "$1")" = 1 ] && ! grep -qE 'Sanitizer|runtime error'
 check() {
   local name=$1 src=$2 judge=$3 disk=m rc=0 qrc=1 why
   [ "$src" = child ] && disk=c
+  [ "$src" = child4k ] && disk=k
   rm -rf s x.raw q.raw cache; cp -a clean s
   t "$zxblk" import -q --store s --disk $disk m/mutant.vhdx >/dev/null 2>err || rc=$?
   if [ "$judge" != refuse ] && [ "$judge" != ref ]; then
@@ -109,7 +114,11 @@ for s in dyn fixed; do
     qemu-img convert -f vhdx -O raw $s.vhdx $s.raw && cmp x.raw $s.raw || { echo "FAIL: the clean $s source"; exit 1; }
 done
 
-coproc MUT { python3 "$mutate" mutants "$work/m" dyn.vhdx fixed.vhdx child.vhdx parent.raw $only; }
+# A child of 4096-byte sectors on top of a parent of 512-byte ones, which
+# names it as its parent.
+cp child4k.vhdx m/mutant.vhdx && check child4k-over-512-byte-sectors child refuse && n=1
+
+coproc MUT { python3 "$mutate" mutants "$work/m" dyn.vhdx fixed.vhdx child.vhdx child4k.vhdx parent.raw $only; }
 mut_pid=$MUT_PID
 exec 3<&"${MUT[0]}" 4>&"${MUT[1]}"
 while read -r name src judge <&3; do

@@ -14,11 +14,15 @@ vhdx_mutate.py read FILE PARENT_RAW OUT
 vhdx_mutate.py locate FILE payload|bitmap|bat|headers
     The file offset of the first present block's data, of the sector bitmap
     of block 2, of the first present block's BAT entry, of the current header.
-vhdx_mutate.py mutants OUTDIR DYNAMIC FIXED CHILD PARENT_RAW [NAME]
+vhdx_mutate.py sectors4k IN OUT
+    IN with 4096-byte logical and physical sectors: the same disk.
+vhdx_mutate.py mutants OUTDIR DYNAMIC FIXED CHILD CHILD4K PARENT_RAW [NAME]
     Writes one mutant at a time to OUTDIR/mutant.vhdx, prints a line for it,
     NAME SOURCE JUDGE, and waits for a line on standard input before the next
-    (with NAME: that mutant alone, no waiting). SOURCE is dyn, fixed or child
-    (a child goes on top of its parent, the others in as a new disk). JUDGE:
+    (with NAME: that mutant alone, no waiting). SOURCE is dyn, fixed, child
+    or child4k (CHILD4K: a child as CHILD of 4096-byte sectors over a parent
+    of the same disk; a child goes on top of its parent, the others in as a
+    new disk). JUDGE:
     "qemu" (qemu-img's reading is the truth, whether it refuses or reads),
     "refuse" (no reader may take it), "ref" (it must read as
     OUTDIR/mutant.ref, computed here from the format) or "qemu|ref" (either).
@@ -505,7 +509,7 @@ MUTANTS = {
     "fixed-trunc-last-block": ("fixed", Q, truncate(lambda v: len(v.d) - 300 * KB), ONE),
     "child-clean": ("child", REF, lambda d, v: None, ONE),
     "child-bitmap-clear": ("child", REF, xor(lambda v: sb_at(v) + 2 * v.block // v.lss // 8 + 3, 0x0F), ONE),
-    "child-bitmap-set": ("child", REF, xor(lambda v: sb_at(v) + 2 * v.block // v.lss // 8 + 40, 0xF0, 3), ONE),
+    "child-bitmap-set": ("child", REF, xor(lambda v: sb_at(v) + (2 * v.block + 256 * KB) // v.lss // 8 + 2, 0xF0, 3), ONE),
     "child-bitmap-unused-block": ("child", REF, xor(lambda v: sb_at(v) + 4 * v.block // v.lss // 8, 0xFF, 8), ONE),
     "child-payload-flip": ("child", REF, xor(lambda v: payload(v, 2) + 1000, 0x3C, 100), ONE),
     "child-zero-unmapped": ("child", REF, bat(5, UNMAPPED), ONE),
@@ -524,6 +528,9 @@ MUTANTS = {
     "child-locator-missing": ("child", R, lambda d, v: put(d, v.meta + 10, "H", v.count - 1), ONE),
     "child-no-parent-bit": ("child", R, item("params", "value", struct.pack("<II", MB, 0)), ONE),
 }
+# A chain of 4096-byte logical sectors: one bit of the bitmap per 4 KiB.
+for _n in ("child-clean", "child-bitmap-clear", "child-bitmap-set", "child-payload-flip"):
+    MUTANTS[_n.replace("child", "child4k")] = ("child4k",) + MUTANTS[_n][1:]
 
 
 def sb_at(v):
@@ -549,15 +556,23 @@ def main():
         write_sparse(sys.argv[4], make_child(rd(sys.argv[2]), rd(sys.argv[3])))
     elif cmd == "read":
         open(sys.argv[4], "wb").write(read_disk(rd(sys.argv[2]), rd(sys.argv[3])))
+    elif cmd == "sectors4k":
+        # The same disk with 4096-byte logical and physical sectors (its
+        # blocks are addressed in bytes, so it reads as before).
+        d = rd(sys.argv[2])
+        v = Vhdx(d)
+        put(d, v.item("lss"), "I", 4096)
+        put(d, v.item("pss"), "I", 4096)
+        write_sparse(sys.argv[3], d)
     elif cmd == "locate":
         # Where to damage a stored copy: the first byte of a structure.
         v, what = Vhdx(rd(sys.argv[2])), sys.argv[3]
         print({"payload": lambda: payload(v), "bitmap": lambda: sb_at(v) + 2 * v.block // v.lss // 8,
                "bat": lambda: v.entry_at(v.present()[0]), "headers": lambda: v.cur}[what]())
     elif cmd == "mutants":
-        out, srcs = sys.argv[2], {k: rd(p) for k, p in zip(("dyn", "fixed", "child"), sys.argv[3:6])}
-        parent_raw, views = rd(sys.argv[6]), {k: Vhdx(d) for k, d in srcs.items()}
-        only = sys.argv[7] if len(sys.argv) > 7 else None
+        out, srcs = sys.argv[2], {k: rd(p) for k, p in zip(("dyn", "fixed", "child", "child4k"), sys.argv[3:7])}
+        parent_raw, views = rd(sys.argv[7]), {k: Vhdx(d) for k, d in srcs.items()}
+        only = sys.argv[8] if len(sys.argv) > 8 else None
         for name, (src, judge, fn, flavours) in MUTANTS.items():
             for flavour in flavours:
                 full = name + (f".{flavour}" if len(flavours) > 1 else "")
@@ -570,13 +585,13 @@ def main():
                         fix_crc(d, at, 4 * KB)
                     for at in Vhdx.TABLES:
                         fix_crc(d, at, 64 * KB)
-                if d == srcs[src] and name != "child-clean":
+                if d == srcs[src] and not name.endswith("-clean"):
                     sys.exit(f"mutant {full} changes nothing")
                 # One mutant on disk at a time: the caller reads its line,
                 # tests it, and answers with a line of its own for the next.
                 write_sparse(f"{out}/mutant.vhdx", d)
                 if judge in (REF, "qemu|ref"):
-                    parent = parent_raw if src == "child" else bytes(len(parent_raw))
+                    parent = parent_raw if src.startswith("child") else bytes(len(parent_raw))
                     open(f"{out}/mutant.ref", "wb").write(read_disk(replayed or d, parent))
                 print(full, src, judge, flush=True)
                 if not only and not sys.stdin.readline():
