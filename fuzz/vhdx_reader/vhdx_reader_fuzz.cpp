@@ -70,8 +70,9 @@ uint32_t le32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | 
 uint64_t le64(const uint8_t* p) { return le32(p) | uint64_t(le32(p + 4)) << 32; }
 
 // CRC-32C (Castagnoli): the processor's instruction, which computes just
-// that; a table where it is missing. Every run checks 136 KiB of headers
-// and region tables, so this is most of what a run costs.
+// that, where there is one; a table elsewhere. Every run checks 136 KiB of
+// headers and region tables, so this is most of what a run costs.
+#if defined(__x86_64__)
 NO_COVERAGE __attribute__((target("sse4.2"))) uint32_t crc32cFast(const uint8_t* p, size_t n) {
     uint64_t c = 0xFFFFFFFFu;
     for (; n >= 8; p += 8, n -= 8) {
@@ -83,10 +84,13 @@ NO_COVERAGE __attribute__((target("sse4.2"))) uint32_t crc32cFast(const uint8_t*
     for (; n; ++p, --n) c32 = __builtin_ia32_crc32qi(c32, *p);
     return ~c32;
 }
+#endif
 
 NO_COVERAGE uint32_t crc32c(const uint8_t* p, size_t n) {
+#if defined(__x86_64__)
     static const bool fast = __builtin_cpu_supports("sse4.2");
     if (fast) return crc32cFast(p, n);
+#endif
     static uint32_t table[256];
     if (!table[1])
         for (uint32_t i = 0; i < 256; ++i) {
@@ -99,7 +103,15 @@ NO_COVERAGE uint32_t crc32c(const uint8_t* p, size_t n) {
     return ~c;
 }
 
-// A GUID as the file stores it: the first three fields little-endian.
+// A GUID as the file stores it (its first three fields little-endian) and
+// in the order its text is written (what uniqueId() gives): each is the
+// other with these bytes swapped.
+Guid swapped(const uint8_t* p) {
+    const int order[16] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
+    Guid g{};
+    for (int i = 0; i < 16; ++i) g[i] = p[order[i]];
+    return g;
+}
 Guid guidBinary(const char* text) {
     Guid g{};
     int k = 0;
@@ -109,17 +121,7 @@ Guid guidBinary(const char* text) {
         g[k / 2] = static_cast<uint8_t>(g[k / 2] << 4 | v);
         ++k;
     }
-    const Guid t = g;
-    const int order[16] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
-    for (int i = 0; i < 16; ++i) g[i] = t[order[i]];
-    return g;
-}
-// And back, in the order its text is written: what uniqueId() gives.
-Guid canonical(const uint8_t* binary) {
-    Guid g{};
-    const int order[16] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
-    for (int i = 0; i < 16; ++i) g[i] = binary[order[i]];
-    return g;
+    return swapped(g.data());
 }
 
 const Guid kBatRegion = guidBinary("2DC27766-F623-4200-9D64-115E9BFD4A08");
@@ -185,15 +187,11 @@ public:
         return h;
     }
     NO_COVERAGE void writeOut(const char* path) const {
-        FILE* out = std::fopen(path, "wb");
-        if (!out) return;
-        Bytes chunk(MiB);
-        for (uint64_t at = 0; at < m_size; at += chunk.size()) {
-            size_t n = static_cast<size_t>(std::min<uint64_t>(chunk.size(), m_size - at));
-            read(at, chunk.data(), n);
-            std::fwrite(chunk.data(), 1, n, out);
+        if (FILE* out = std::fopen(path, "wb")) {
+            Bytes all = bytes(0, static_cast<size_t>(m_size));
+            std::fwrite(all.data(), 1, all.size(), out);
+            std::fclose(out);
         }
-        std::fclose(out);
     }
 
 private:
@@ -308,7 +306,7 @@ NO_COVERAGE std::optional<Model> modelOf(const SparseFile& f) {
         m.logged = true;
         return m;
     }
-    m.dataWrite = canonical(hd + 32);
+    m.dataWrite = swapped(hd + 32);
     m.logLength = le32(hd + 68), m.logOffset = le64(hd + 72);
 
     // The first sound region table.
@@ -357,12 +355,13 @@ NO_COVERAGE std::optional<Model> modelOf(const SparseFile& f) {
     uint64_t chunks = (m.blocks() + m.chunkRatio - 1) / m.chunkRatio;
     m.entries = m.hasParent ? chunks * (m.chunkRatio + 1) : m.blocks() + (m.blocks() - 1) / m.chunkRatio;
 
-    // parent_linkage, when it is written as the format writes a GUID:
-    // "{xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}" in UTF-16.
+    // parent_linkage, when the locator names it once and writes it as the
+    // format writes a GUID: "{xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}" in UTF-16.
     if (m.hasParent) {
         auto loc = item(kParentLocator, 20);
         if (!loc) return std::nullopt;
         const Bytes& l = *loc;
+        std::vector<std::string> linkages;
         for (uint32_t i = 0, n = le16(l.data() + 18); i < n && 20 + 12 * (i + 1) <= l.size(); ++i) {
             const uint8_t* e = l.data() + 20 + 12 * i;
             uint64_t ko = le32(e), vo = le32(e + 4), kn = le16(e + 8), vn = le16(e + 10);
@@ -370,15 +369,17 @@ NO_COVERAGE std::optional<Model> modelOf(const SparseFile& f) {
             std::string key, value;
             for (uint64_t k = 0; k + 1 < kn; k += 2) key += static_cast<char>(l[ko + k] | l[ko + k + 1] << 8);
             for (uint64_t k = 0; k + 1 < vn; k += 2) value += static_cast<char>(l[vo + k] | l[vo + k + 1] << 8);
-            if (key != "parent_linkage" || value.size() != 38 || value[0] != '{' || value[37] != '}') continue;
-            std::string hex;
+            if (key == "parent_linkage") linkages.push_back(value);
+        }
+        const std::string value = linkages.size() == 1 ? linkages[0] : std::string();
+        std::string hex;
+        if (value.size() == 38 && value[0] == '{' && value[37] == '}')
             for (char c : value.substr(1, 36))
                 if (c != '-') hex += c;
-            if (hex.size() != 32 || hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) continue;
+        if (hex.size() == 32 && hex.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos) {
             Guid g{};
             for (int k = 0; k < 16; ++k) g[k] = static_cast<uint8_t>(std::stoul(hex.substr(2 * k, 2), nullptr, 16));
             m.linkage = g;
-            break;
         }
     }
     return m;
