@@ -527,6 +527,7 @@ MUTANTS = {
     "child-locator-key-past": ("child", R, locator(lambda d, at, v: put(d, at + 20, "I", 1 << 20)), ONE),
     "child-locator-missing": ("child", R, lambda d, v: put(d, v.meta + 10, "H", v.count - 1), ONE),
     "child-no-parent-bit": ("child", R, item("params", "value", struct.pack("<II", MB, 0)), ONE),
+    "child-size-not-parents": ("child", R, item("size", "value", struct.pack("<Q", 12 * MB)), ONE),
 }
 # A chain of 4096-byte logical sectors: one bit of the bitmap per 4 KiB.
 for _n in ("child-clean", "child-bitmap-clear", "child-bitmap-set", "child-payload-flip"):
