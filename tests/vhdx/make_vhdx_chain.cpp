@@ -427,6 +427,16 @@ void writeVhdx(Chain& c, int level, const Identity& id, const Guid& diskId, cons
             for (uint64_t s = r.first; s < std::min(r.second, c.sectorsPerBlock); ++s)
                 bm[(first + s) / 8] |= static_cast<uint8_t>(1u << ((first + s) % 8));
     }
+    // Only a partially present block's bits count: the bits of a zero block
+    // sharing the chunk are set (and a fully present one's left clear), so
+    // a reader that consults the bitmap for them shows it.
+    for (auto& [b, p] : planned) {
+        auto bm = bitmaps.find(b / c.chunkRatio);
+        if (bm == bitmaps.end() || p.state == Full || p.state == Partial) continue;
+        uint64_t first = (b % c.chunkRatio) * c.sectorsPerBlock;
+        for (uint64_t s = first; s < first + std::min<uint64_t>(8, c.sectorsPerBlock); ++s)
+            bm->second[s / 8] |= static_cast<uint8_t>(1u << (s % 8));
+    }
     for (auto& [ch, bm] : bitmaps) f.write(bitmapAt[ch], bm.data(), bm.size());
 }
 
