@@ -10,6 +10,7 @@
 #include "store/image_probe.h"
 #include "store/import_copy.h"
 #include "store/storage.h"
+#include "store/store_services.h"
 #include "store/vhd_image.h"
 
 namespace zxblk {
@@ -49,7 +50,8 @@ bool validName(const std::string& name) {
 
 // The chain checked against the catalog: one size, a base first, then
 // differencing images each naming the one before it.
-void checkChain(const Catalog& catalog, const std::string& diskName, const std::vector<VhdImage>& opened) {
+void checkChain(const Storage& storage, const Catalog& catalog, const std::string& diskName,
+                const std::vector<VhdImage>& opened) {
     const DiskRecord* existing = catalog.findDisk(diskName);
     // The loader refuses a disk without snapshots; one that got here anyway
     // takes a base image as a new disk would.
@@ -58,6 +60,11 @@ void checkChain(const Catalog& catalog, const std::string& diskName, const std::
     // A chain is all VHD or all VHDX: a VHD names its parent by the
     // parent's unique id, a VHDX by its data write GUID.
     const bool vhdxChain = noSnapshots ? opened.front().format() == FileFormat::Vhdx : existing->copies.front().format == "vhdx";
+    // A differencing VHDX shares its parent's logical sector size; the
+    // store's newest snapshot says what that is.
+    uint32_t previousSector = 0;
+    if (!noSnapshots && vhdxChain && opened.front().format() == FileFormat::Vhdx)
+        previousSector = openCopyImage(storage, *existing, existing->copies.size() - 1)->logicalSectorSize();
     uint64_t size = existing ? existing->size : opened.front().virtualSize();
     for (size_t i = 0; i < opened.size(); ++i) {
         const VhdImage& img = opened[i];
@@ -93,6 +100,11 @@ void checkChain(const Catalog& catalog, const std::string& diskName, const std::
                                  (vhdx ? "data write GUID " : "") + previousId);
         if (img.kind() != ImageKind::Raw && img.kind() != ImageKind::Fixed && img.blockSize() < 512)
             throw StoreError(ErrorKind::invalidArgument, img.path() + ": block size: too small");
+        if (!first && previousSector && img.logicalSectorSize() != previousSector)
+            throw StoreError(ErrorKind::invalidArgument, img.path() + ": logical sector size: " +
+                                                             std::to_string(img.logicalSectorSize()) +
+                                                             " bytes, but its parent's is " + std::to_string(previousSector));
+        previousSector = img.logicalSectorSize();
         previousId = img.kind() == ImageKind::Raw ? "" : uniqueIdText(img.uniqueId());
     }
 }
@@ -159,7 +171,7 @@ DiskRecord newDisk(Catalog& catalog, const std::string& diskName, uint64_t size,
 std::vector<std::string> importLocked(const Storage& storage, Storage::Staging& staging, const std::string& diskName,
                                       const std::vector<VhdImage>& opened, const ImportSettings& options) {
     Catalog catalog = Catalog::load(storage);
-    checkChain(catalog, diskName, opened);
+    checkChain(storage, catalog, diskName, opened);
     DiskRecord* existing = catalog.findDisk(diskName);
     DiskRecord fresh;
     if (!existing) fresh = newDisk(catalog, diskName, opened.front().virtualSize(), options);

@@ -77,6 +77,8 @@ public:
     // "dynamic VHD", "fixed VHDX", "raw", ... as a user knows the file.
     std::string kindText() const;
     bool isFixedVhdx() const { return m_vhdx && m_vhdx->fixed(); }
+    // The disk's sector size as the file declares it (a VHD's is 512).
+    uint32_t logicalSectorSize() const { return m_vhdx ? m_vhdx->logicalSectorSize() : 512; }
     uint64_t virtualSize() const { return m_size; }
     uint64_t fileSize() const { return m_stamp.size; }
     // The file as it was when it was opened and checked.

@@ -224,10 +224,11 @@ void VhdxLayout::readHeaders(const ObjectReader& file, const uint8_t* section, L
     if (version != 1) fail(field + " version", std::to_string(version) + " is not 1, the only version this reader knows");
     if (log.guid != Guid{} && logVersion != 0)
         fail(field + " log version", std::to_string(logVersion) + " is not 0, the only log this reader can replay");
-    if (logLength % MiB || logOffset % MiB || (logLength && logOffset < kHeaderSection) || logOffset > file.size() ||
-        file.size() - logOffset < logLength)
-        fail(field + " log offset", "a log of " + std::to_string(logLength) + " bytes at " + std::to_string(logOffset) +
-                                        " is not 1 MiB aligned inside the file");
+    const std::string what = "a log of " + std::to_string(logLength) + " bytes at " + std::to_string(logOffset);
+    if (logLength % MiB || logOffset % MiB) fail(field + " log offset", what + " is not 1 MiB aligned");
+    if (logLength && logOffset < kHeaderSection) fail(field + " log offset", what + " lies in the header section");
+    if (logOffset > file.size() || file.size() - logOffset < logLength)
+        fail(field + " log offset", what + " runs past the end of the file (" + std::to_string(file.size()) + " bytes)");
 }
 
 void VhdxLayout::readRegions(const uint8_t* section, uint64_t fileSize, uint64_t& batOffset, uint64_t& batLength,
@@ -264,9 +265,10 @@ void VhdxLayout::readRegions(const uint8_t* section, uint64_t fileSize, uint64_t
             continue;
         }
         if ((isBat && bat) || (isMeta && meta)) fail(where, "the " + std::string(isBat ? "BAT" : "metadata") + " region is listed twice");
-        if (offset % MiB || offset < kHeaderSection || length % MiB || length == 0)
-            fail(where, "region at " + std::to_string(offset) + " of " + std::to_string(length) +
-                            " bytes is not 1 MiB aligned after the header section");
+        const std::string region = "region at " + std::to_string(offset) + " of " + std::to_string(length) + " bytes";
+        if (length == 0) fail(where, region + " is empty");
+        if (offset % MiB || length % MiB) fail(where, region + " is not 1 MiB aligned");
+        if (offset < kHeaderSection) fail(where, region + " lies in the header section");
         if (offset > fileSize || fileSize - offset < length)
             fail(where, "region at " + std::to_string(offset) + " of " + std::to_string(length) +
                             " bytes runs past the end of the file (" + std::to_string(fileSize) + " bytes)");
@@ -423,7 +425,8 @@ void VhdxLayout::readTable(const ObjectReader& file, uint64_t batOffset, uint64_
                 if (state != 6) fail(where, "sector bitmap state " + std::to_string(state) + " is reserved");
                 // Checked in MiB first: 44 bits of MiB overflow 64 bits of bytes.
                 const uint64_t at = offsetMiB * MiB;
-                if (offsetMiB == 0 || offsetMiB > fileSize / MiB || fileSize - at < MiB)
+                if (offsetMiB == 0) fail(where, "sector bitmap block at 0 lies in the header section");
+                if (offsetMiB > fileSize / MiB || fileSize - at < MiB)
                     fail(where, "sector bitmap block at " + std::to_string(at) + " is not inside the file (" +
                                     std::to_string(fileSize) + " bytes)");
                 m_bitmaps.emplace_back(group, at);
@@ -455,7 +458,8 @@ void VhdxLayout::readTable(const ObjectReader& file, uint64_t batOffset, uint64_
                 fail(where, "more than " + std::to_string(kMostZeroBlocks) + " zero blocks, the most a file here may have");
             if (what != Held::Zeros) {
                 const uint64_t at = offsetMiB * MiB, length = blockBytes(b);
-                if (offsetMiB == 0 || offsetMiB > fileSize / MiB || fileSize - at < length)
+                if (offsetMiB == 0) fail(where, "block at 0 lies in the header section");
+                if (offsetMiB > fileSize / MiB || fileSize - at < length)
                     fail(where, "block at " + std::to_string(at) + " of " + std::to_string(length) +
                                     " bytes is not inside the file (" + std::to_string(fileSize) + " bytes)");
                 used.emplace_back(at, length);
