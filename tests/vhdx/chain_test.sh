@@ -132,6 +132,12 @@ for case in "${cases[@]}"; do
     mounted=""
     ok "$name: libvhdi reads every level as planned (but where a zero state hides the parent)"
   fi
+  # qemu-img reads a VHDX without parent, of 512-byte logical sectors only.
+  if command -v qemu-img >/dev/null && [ "${opts#*logical-sector 4096}" = "$opts" ]; then
+    qemu-img convert -f vhdx -O raw "${files[0]}" "$dir/qemu0.raw"
+    same "$dir/qemu0.raw" "$dir/level0.raw" || fail "$name: qemu-img reads the base other than planned"
+    ok "$name: qemu-img reads the base as planned"
+  fi
 
   if command -v nbdinfo >/dev/null; then
     top=$((levels - 1))

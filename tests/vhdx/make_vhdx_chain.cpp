@@ -188,7 +188,8 @@ Chain plan(const Options& o) {
     // The blocks the chain writes: the first few, the middle, the last
     // (partial when the size is not whole blocks), those about a chunk
     // boundary, a few anywhere; two more only the top level writes, ZERO
-    // and UNMAPPED over a parent that holds nothing there.
+    // and UNMAPPED over a parent that holds nothing there (zero bytes under
+    // a fixed base).
     std::set<uint64_t> pick;
     for (uint64_t b : {0ul, 1ul, 2ul, 3ul, 4ul, 5ul, 6ul, 7ul, c.blocks / 2, c.blocks - 2, c.blocks - 1, c.chunkRatio - 1,
                        c.chunkRatio, c.chunkRatio + 1})
@@ -313,7 +314,8 @@ void writeVhdx(Chain& c, int level, const Identity& id, const Guid& diskId, cons
     for (auto& [b, p] : planned)
         if (p.state == Partial) bitmapChunks.insert(b / c.chunkRatio);
     for (uint64_t ch : bitmapChunks) alloc.push_back(~ch);
-    if (!o.fixed || diff) std::shuffle(alloc.begin(), alloc.end(), rng);
+    if (!o.fixed || diff)
+        for (size_t i = alloc.size(); i > 1; --i) std::swap(alloc[i - 1], alloc[rng() % i]);
     std::map<uint64_t, uint64_t> bitmapAt;
     for (uint64_t a : alloc) {
         if (static_cast<int64_t>(a) < 0) {
