@@ -108,11 +108,12 @@ for case in "${cases[@]}"; do
   files=($(cut -d' ' -f1 "$dir/files"))
   levels=${#files[@]}
   "$zxblk" import --store "$work/store" --disk "$name" "${files[@]}" >/dev/null || fail "$name: import refused the chain"
-  "$zxblk" list --store "$work/store" >"$dir/list"
-  base_kind="dynamic VHDX"
-  case $opts in *--fixed*) base_kind="fixed VHDX" ;; esac
-  grep -q "$base_kind" "$dir/list" && grep -q "differencing VHDX" "$dir/list" ||
-    { cat "$dir/list"; fail "$name: list does not name the VHDX kinds"; }
+  "$zxblk" list --store "$work/store" --disk "$name" >"$dir/list"
+  kinds="dynamic VHDX"
+  case $opts in *--fixed*) kinds="fixed VHDX" ;; esac
+  for ((i = 1; i < levels; i++)); do kinds+=",differencing VHDX"; done
+  [ "$(awk '/^ +[0-9]+ / {printf "%s%s %s", n++ ? "," : "", $2, $3}' "$dir/list")" = "$kinds" ] ||
+    { cat "$dir/list"; fail "$name: list does not name the snapshots $kinds"; }
   for ((i = 0; i < levels; i++)); do
     "$zxblk" export --store "$work/store" --disk "$name" --snapshot "$i" --out "$dir/out$i" --cache "$dir/cache" >/dev/null
     same "$dir/out$i" "$dir/level$i.raw" || fail "$name: snapshot $i exports other bytes than the writer planned"
