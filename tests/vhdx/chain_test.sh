@@ -25,7 +25,8 @@ same() {
 
 # Reads of a level, block by block over the blocks the plan writes, against
 # the writer's image. libvhdi reads a differencing file's ZERO, UNMAPPED and
-# UNDEFINED blocks from the parent; the format document has ZERO read as
+# UNDEFINED blocks from the parent (and, where the chunk's sector bitmap has
+# their bits set, from the file's first bytes); the format document has ZERO read as
 # zeros and lets the other two read as zeros, as the writer plans them, so
 # blocks under such a state are passed over, and must be the only ones that
 # differ.
