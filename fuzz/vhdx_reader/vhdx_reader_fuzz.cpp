@@ -59,10 +59,7 @@ const uint64_t kPage = 4096;
 #define NO_COVERAGE __attribute__((no_sanitize("coverage")))
 
 void check(bool ok, const char* what) {
-    if (!ok) {
-        std::fprintf(stderr, "vhdx_reader_fuzz: invariant broken: %s\n", what);
-        std::abort();
-    }
+    if (!ok) std::fprintf(stderr, "vhdx_reader_fuzz: invariant broken: %s\n", what), std::abort();
 }
 
 uint16_t le16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
@@ -70,8 +67,8 @@ uint32_t le32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | 
 uint64_t le64(const uint8_t* p) { return le32(p) | uint64_t(le32(p + 4)) << 32; }
 
 // CRC-32C (Castagnoli): the processor's instruction, which computes just
-// that, where there is one; a table elsewhere. Every run checks 136 KiB of
-// headers and region tables, so this is most of what a run costs.
+// that, where there is one; bit by bit elsewhere. Every run checks 136 KiB
+// of headers and region tables, so this is much of what a run costs.
 #if defined(__x86_64__)
 NO_COVERAGE __attribute__((target("sse4.2"))) uint32_t crc32cFast(const uint8_t* p, size_t n) {
     uint64_t c = 0xFFFFFFFFu;
@@ -91,16 +88,17 @@ NO_COVERAGE uint32_t crc32c(const uint8_t* p, size_t n) {
     static const bool fast = __builtin_cpu_supports("sse4.2");
     if (fast) return crc32cFast(p, n);
 #endif
-    static uint32_t table[256];
-    if (!table[1])
-        for (uint32_t i = 0; i < 256; ++i) {
-            uint32_t c = i;
-            for (int k = 0; k < 8; ++k) c = c & 1 ? (c >> 1) ^ 0x82F63B78u : c >> 1;
-            table[i] = c;
-        }
     uint32_t c = 0xFFFFFFFFu;
-    for (size_t i = 0; i < n; ++i) c = table[(c ^ p[i]) & 0xFF] ^ (c >> 8);
+    for (size_t i = 0; i < n; ++i)
+        for (int k = 0, b = p[i]; k < 8; ++k, b >>= 1) c = (c ^ b) & 1 ? (c >> 1) ^ 0x82F63B78u : c >> 1;
     return ~c;
+}
+
+// The CRC-32C of a header or a region table, its checksum field (bytes 4 to
+// 7) counted as zero.
+NO_COVERAGE uint32_t crcOf(Bytes b) {
+    std::memset(b.data() + 4, 0, 4);
+    return crc32c(b.data(), b.size());
 }
 
 // A GUID as the file stores it (its first three fields little-endian) and
@@ -226,9 +224,7 @@ NO_COVERAGE bool fixChecksums(SparseFile& f) {
     const std::pair<uint64_t, size_t> parts[] = {{64 * KiB, 4 * KiB}, {128 * KiB, 4 * KiB}, {192 * KiB, 64 * KiB}, {256 * KiB, 64 * KiB}};
     for (const auto& part : parts) {
         if (!f.has(part.first, part.second)) continue;
-        Bytes b = f.bytes(part.first, part.second);
-        std::memset(b.data() + 4, 0, 4);
-        uint32_t c = crc32c(b.data(), b.size());
+        uint32_t c = crcOf(f.bytes(part.first, part.second));
         const uint8_t field[4] = {uint8_t(c), uint8_t(c >> 8), uint8_t(c >> 16), uint8_t(c >> 24)};
         uint8_t old[4];
         f.read(part.first + 4, old, 4);
@@ -283,22 +279,11 @@ NO_COVERAGE std::optional<Model> modelOf(const SparseFile& f) {
     // the larger sequence number (two alike count as one).
     Bytes h[2] = {f.bytes(64 * KiB, 4 * KiB), f.bytes(128 * KiB, 4 * KiB)};
     bool valid[2];
-    for (int i = 0; i < 2; ++i) {
-        uint32_t stored = le32(h[i].data() + 4);
-        Bytes z = h[i];
-        std::memset(z.data() + 4, 0, 4);
-        valid[i] = std::memcmp(h[i].data(), "head", 4) == 0 && crc32c(z.data(), z.size()) == stored;
-    }
-    int cur;
-    if (valid[0] && valid[1]) {
-        uint64_t s0 = le64(h[0].data() + 8), s1 = le64(h[1].data() + 8);
-        if (s0 == s1 && h[0] != h[1]) return std::nullopt;
-        cur = s1 > s0 ? 1 : 0;
-    } else if (valid[0] || valid[1]) {
-        cur = valid[0] ? 0 : 1;
-    } else {
-        return std::nullopt;
-    }
+    for (int i = 0; i < 2; ++i) valid[i] = std::memcmp(h[i].data(), "head", 4) == 0 && crcOf(h[i]) == le32(h[i].data() + 4);
+    if (!valid[0] && !valid[1]) return std::nullopt;
+    uint64_t s0 = le64(h[0].data() + 8), s1 = le64(h[1].data() + 8);
+    if (valid[0] && valid[1] && s0 == s1 && h[0] != h[1]) return std::nullopt;
+    int cur = valid[0] && valid[1] ? s1 > s0 : valid[1];
     const uint8_t* hd = h[cur].data();
     static const uint8_t zeros[16] = {};
     if (le16(hd + 66) != 1) return std::nullopt;  // the version
@@ -312,9 +297,8 @@ NO_COVERAGE std::optional<Model> modelOf(const SparseFile& f) {
     // The first sound region table.
     Bytes rt;
     for (uint64_t at : {192 * KiB, 256 * KiB}) {
-        Bytes t = f.bytes(at, 64 * KiB), z = t;
-        std::memset(z.data() + 4, 0, 4);
-        if (std::memcmp(t.data(), "regi", 4) == 0 && crc32c(z.data(), z.size()) == le32(t.data() + 4) && le32(t.data() + 8) <= 2047) {
+        Bytes t = f.bytes(at, 64 * KiB);
+        if (std::memcmp(t.data(), "regi", 4) == 0 && crcOf(t) == le32(t.data() + 4) && le32(t.data() + 8) <= 2047) {
             rt = std::move(t);
             break;
         }
@@ -401,13 +385,16 @@ Held heldOf(const Model& m, uint64_t entry) {
 
 // Everything the file holds lies inside it, after the header section, and
 // over nothing else: the log, the regions, the blocks, the sector bitmaps.
-NO_COVERAGE void checkApart(const SparseFile& f, const Model& m) {
+// Returns the first 64 blocks that hold bytes.
+NO_COVERAGE std::vector<uint64_t> checkApart(const SparseFile& f, const Model& m) {
+    std::vector<uint64_t> held;
     std::vector<std::pair<uint64_t, uint64_t>> used = {{0, MiB}, {m.batOffset, m.batLength}, {m.metaOffset, m.metaLength}};
     if (m.logLength) used.emplace_back(m.logOffset, m.logLength);
     for (uint64_t b = 0; b < m.blocks(); ++b) {
         uint64_t e = m.payload(f, b);
-        Held held = heldOf(m, e);
-        if (held == Held::Data || held == Held::Partial) used.emplace_back((e >> 20) * MiB, m.blockBytes(b));
+        Held what = heldOf(m, e);
+        if (what == Held::Data || what == Held::Partial) used.emplace_back((e >> 20) * MiB, m.blockBytes(b));
+        if ((what == Held::Data || what == Held::Partial) && held.size() < 64) held.push_back(b);
     }
     if (m.hasParent)
         for (uint64_t c = 0; c * m.chunkRatio < m.blocks(); ++c) {
@@ -422,6 +409,7 @@ NO_COVERAGE void checkApart(const SparseFile& f, const Model& m) {
         check(u.first >= reached, "blocks, bitmaps, log, regions and header section do not overlap");
         reached = u.first + u.second;
     }
+    return held;
 }
 
 void checkBitmap(const SparseFile& f, const VhdImage& img, const Model& m, uint64_t b) {
@@ -442,6 +430,18 @@ void checkBitmap(const SparseFile& f, const VhdImage& img, const Model& m, uint6
         bool expected = held == Held::Partial ? m.sectorPresent(f, b, j / perLogical) : held != Held::None;
         check(bit == expected, "a block's bitmap: ones where it holds sectors (all of a present or zero block), zeros elsewhere");
     }
+}
+
+// The unit an export streams and checksums: the block's bitmap (in a
+// differencing file), then its bytes of the disk.
+void checkUnit(const SparseFile& f, const VhdImage& img, const Model& m, uint64_t b) {
+    auto unit = img.readUnit(b);
+    Bytes bitmap = img.readBlockBitmap(b);
+    uint64_t bits = m.hasParent ? bitmap.size() : 0, bytes = m.blockBytes(b);
+    check(unit->bitmap == bits && unit->size == bits + bytes, "a unit is the bitmap and the block's bytes");
+    check(std::equal(bitmap.begin(), bitmap.begin() + bits, unit->bytes.get()), "a unit's bitmap is the block's");
+    if (!m.logged) check(f.bytes(img.blockDataOffset(b), bytes) == Bytes(unit->data(), unit->data() + bytes), "a unit's data is the block's bytes");
+    img.sumOf(b);
 }
 
 void checkRange(const SparseFile& f, const VhdImage& img, const Model& m, uint64_t offset, uint64_t length) {
@@ -521,18 +521,21 @@ void walk(const SparseFile& f, const VhdImage& img) {
         check(img.kind() == (m.hasParent ? ImageKind::Differencing : ImageKind::Dynamic), "a file with a parent is differencing, any other dynamic");
         check(img.uniqueId() == m.dataWrite, "the unique id is the current header's DataWriteGuid");
         if (m.linkage) check(img.parentUniqueId() == *m.linkage, "the parent's id is the parent locator's parent_linkage");
-        checkApart(f, m);
     }
 
     // Blocks that hold data, with their neighbours; the first few; the last
     // one and the one past it.
-    std::vector<uint64_t> visit;
-    for (uint64_t b = img.nextHeldUnit(0); b < m.blocks() && visit.size() < 64; b = img.nextHeldUnit(b + 1)) visit.push_back(b);
+    std::vector<uint64_t> visit, seen;
+    for (uint64_t b = img.nextHeldUnit(0); b < m.blocks() && seen.size() < 64; b = img.nextHeldUnit(b + 1)) seen.push_back(b);
+    visit = m.logged ? seen : checkApart(f, m);
+    check(seen == visit, "nextHeldUnit finds the blocks that hold bytes");
     const uint64_t blocks = m.blocks();
     for (uint64_t b = 0; b < blocks && b < 4; ++b) checkBitmap(f, img, m, b);
     checkBitmap(f, img, m, blocks - 1);
     checkBitmap(f, img, m, blocks);
     uint64_t bs = m.blockSize, size = m.size;
+    for (size_t i = 0; i < visit.size() && i < 8; ++i)
+        if (m.blockBytes(visit[i]) <= 4 * MiB) checkUnit(f, img, m, visit[i]);
     for (uint64_t b : visit) {
         checkBitmap(f, img, m, b);
         if (b > 0) checkBitmap(f, img, m, b - 1);
@@ -583,15 +586,11 @@ void exercise(const SparseFile& f) {
     }
 }
 
-bool fixingEnabled() {
-    const char* v = std::getenv("ZXBLK_FUZZ_FIX_CHECKSUMS");
-    return !(v && std::strcmp(v, "0") == 0);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool fixing = fixingEnabled();
+    static const char* fix = std::getenv("ZXBLK_FUZZ_FIX_CHECKSUMS");
+    static const bool fixing = !(fix && std::strcmp(fix, "0") == 0);
     // The reader notes a damaged header or region table in the log; mutants have many.
     static const bool quiet = (zxblk::LogSink::setLevel(-1), zxblk::LogSink::setFile("/dev/null"), true);
     (void)quiet;
