@@ -510,7 +510,7 @@ void walk(const SparseFile& f, const VhdImage& img) {
     check(img.format() == FileFormat::Vhdx, "the format is VHDX");
     check(img.fileSize() == f.size(), "fileSize is the input's size");
     if (m.logged) {
-        m.size = img.virtualSize(), m.blockSize = img.blockSize();
+        m.size = img.virtualSize(), m.blockSize = img.blockSize(), m.hasParent = img.kind() == ImageKind::Differencing;
         check(m.size > 0 && m.size <= (64ULL << 40) && m.size % 512 == 0, "the disk size is one the format allows");
         check(m.blockSize >= MiB && m.blockSize <= 256 * MiB && !(m.blockSize & (m.blockSize - 1)), "the block size is one the format allows");
     }
