@@ -109,6 +109,15 @@ std::string utf16leToUtf8(const uint8_t* p, size_t n) {
     return out;
 }
 
+// A string from the file as a one-line message may quote it: control
+// characters shown as '?', and no longer than any GUID or path needs.
+std::string printable(const std::string& text) {
+    std::string out = text.substr(0, 80);
+    for (char& c : out)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+    return text.size() > 80 ? out + "..." : out;
+}
+
 // The CRC of a structure whose checksum field, at `at`, counts as zero.
 uint32_t crcWithout(const uint8_t* p, size_t n, size_t at) {
     static const uint8_t zeros[4] = {0, 0, 0, 0};
@@ -376,7 +385,7 @@ void VhdxLayout::readParentLocator(const std::vector<uint8_t>& item) {
         const std::string key = utf16leToUtf8(item.data() + keyAt, keyLength);
         const std::string value = utf16leToUtf8(item.data() + valueAt, valueLength);
         if (key == "parent_linkage") {
-            if (!parseGuid(value, m_parentLinkage)) fail(where, "parent_linkage '" + value + "' is not a GUID");
+            if (!parseGuid(value, m_parentLinkage)) fail(where, "parent_linkage '" + printable(value) + "' is not a GUID");
             linkage = true;
         } else if (key == "relative_path") {
             relative = value;
@@ -388,6 +397,8 @@ void VhdxLayout::readParentLocator(const std::vector<uint8_t>& item) {
     }
     if (!linkage) fail("parent locator", "no parent_linkage entry");
     m_parentPath = !relative.empty() ? relative : !absolute.empty() ? absolute : volume;
+    for (char& c : m_parentPath)  // it is shown to users, on one line
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
 }
 
 // Reads the table a slice at a time, keeping only the blocks that hold
