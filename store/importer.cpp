@@ -93,7 +93,7 @@ void checkChain(const Storage& storage, const Catalog& catalog, const std::strin
             throw StoreError(ErrorKind::invalidArgument, img.path() + ": a newer snapshot of disk " + diskName +
                                                              " must be a differencing " + (vhdx ? "VHDX" : "VHD") +
                                                              ", not a " + img.kindText());
-        if (!first && uniqueIdText(img.parentUniqueId()) != previousId)
+        if (!first && !img.namesParent(previousId))
             throw StoreError(ErrorKind::invalidArgument,
                              img.path() + (vhdx ? ": parent_linkage: " : ": parent unique id: ") +
                                  uniqueIdText(img.parentUniqueId()) + " is not the previous snapshot's " +
@@ -214,7 +214,9 @@ std::vector<std::string> importLocked(const Storage& storage, Storage::Staging& 
         copy.importedAt = now();
         copy.size = img.virtualSize();
         copy.fileSize = img.fileSize();
-        if (img.kind() == ImageKind::Differencing) copy.parentUniqueId = uniqueIdText(img.parentUniqueId());
+        if (img.kind() == ImageKind::Differencing)
+            copy.parentUniqueId = index && img.namesParent(disk.copies[index - 1].uniqueId) ? disk.copies[index - 1].uniqueId
+                                                                                             : uniqueIdText(img.parentUniqueId());
         if (vhdx) copy.format = "vhdx";
         disk.copies.push_back(copy);
         lines.push_back("imported " + img.path() + (storage.remote() ? " into " + storage.location() : std::string()) +

@@ -76,8 +76,9 @@ void checkAgainstRecord(const VhdImage& img, const DiskRecord& disk, size_t inde
     if (copy.type != kTypeRaw) {  // a raw file has no footer: its size is all there is to check
         mismatch("disk type", "type " + std::to_string(copy.type), "type " + std::to_string(typeCode(img.kind())));
         mismatch("unique id", copy.uniqueId, uniqueIdText(img.uniqueId()));
-        if (copy.type == kTypeDifferencing)
-            mismatch("parent unique id", index ? disk.copies[index - 1].uniqueId : "no parent", uniqueIdText(img.parentUniqueId()));
+        const std::string parent = index ? disk.copies[index - 1].uniqueId : "no parent";
+        if (copy.type == kTypeDifferencing && !img.namesParent(parent))
+            mismatch("parent unique id", parent, uniqueIdText(img.parentUniqueId()));
         mismatch("current size", std::to_string(disk.size) + " bytes", std::to_string(img.virtualSize()) + " bytes");
     }
     // A raw file cut short still serves what is left, as it always has: the

@@ -93,6 +93,12 @@ public:
     uint32_t bitmapBytes() const { return m_bitmapBytes; }
     const UniqueId& uniqueId() const { return m_uniqueId; }
     const UniqueId& parentUniqueId() const { return m_parentId; }
+    // Whether the file names as its parent the file of this unique id (a
+    // VHDX may name its parent by either of two GUIDs).
+    bool namesParent(const std::string& id) const {
+        return uniqueIdText(m_parentId) == id ||
+               (m_vhdx && m_vhdx->parentLinkage2() != UniqueId{} && uniqueIdText(m_vhdx->parentLinkage2()) == id);
+    }
     const std::string& parentName() const { return m_parentName; }
     uint32_t blockCount() const { return m_blocks; }
     bool isBlockAllocated(uint64_t block) const;

@@ -371,7 +371,7 @@ void VhdxLayout::readParentLocator(const std::vector<uint8_t>& item) {
     const uint16_t count = le16(item.data() + 18);
     if (20 + uint64_t(count) * 12 > item.size())
         fail("parent locator", std::to_string(count) + " entries do not fit in an item of " + std::to_string(item.size()) + " bytes");
-    bool linkage = false;
+    bool linkage = false, linkage2 = false;
     std::string relative, absolute, volume;
     for (uint16_t i = 0; i < count; ++i) {
         const uint8_t* e = item.data() + 20 + 12 * i;
@@ -384,9 +384,14 @@ void VhdxLayout::readParentLocator(const std::vector<uint8_t>& item) {
                                 " is not inside the item");
         const std::string key = utf16leToUtf8(item.data() + keyAt, keyLength);
         const std::string value = utf16leToUtf8(item.data() + valueAt, valueLength);
-        if (key == "parent_linkage") {
-            if (!parseGuid(value, m_parentLinkage)) fail(where, "parent_linkage '" + printable(value) + "' is not a GUID");
-            linkage = true;
+        if (key == "parent_linkage" || key == "parent_linkage2") {
+            // Keys are unique: a second one would leave the reader to pick
+            // which parent the file names.
+            const bool second = key == "parent_linkage2";
+            if (second ? linkage2 : linkage) fail(where, key + " is given twice");
+            if (!parseGuid(value, second ? m_parentLinkage2 : m_parentLinkage))
+                fail(where, key + " '" + printable(value) + "' is not a GUID");
+            (second ? linkage2 : linkage) = true;
         } else if (key == "relative_path") {
             relative = value;
         } else if (key == "absolute_win32_path") {

@@ -54,6 +54,9 @@ public:
     bool fixed() const { return m_fixed; }
     const Guid& dataWriteGuid() const { return m_dataWriteGuid; }
     const Guid& parentLinkage() const { return m_parentLinkage; }
+    // The parent's other possible identity (parent_linkage2); zero when the
+    // locator gives none.
+    const Guid& parentLinkage2() const { return m_parentLinkage2; }
     const std::string& parentPath() const { return m_parentPath; }
     // What the reader worked around ("header 2 is damaged (...); using
     // header 1"); empty for a sound file.
@@ -91,7 +94,7 @@ private:
     uint32_t m_blockSize = 0, m_logicalSector = 0, m_physicalSector = 0;
     uint64_t m_blocks = 0, m_chunkRatio = 0;
     bool m_hasParent = false, m_fixed = false;
-    Guid m_dataWriteGuid{}, m_parentLinkage{};
+    Guid m_dataWriteGuid{}, m_parentLinkage{}, m_parentLinkage2{};
     std::string m_parentPath;
     // Blocks that hold anything, as (offset in MiB << 3 | Held): the whole
     // table where that is no larger than the held entries alone, otherwise
