@@ -433,17 +433,18 @@ void VhdxLayout::readTable(const ObjectReader& file, uint64_t batOffset, uint64_
         for (uint64_t k = 0; k < n; ++k) {
             const uint64_t i = first + k, e = le64(slice.data() + k * 8), state = e & 7, offsetMiB = e >> 20;
             const uint64_t group = i / (m_chunkRatio + 1), within = i % (m_chunkRatio + 1);
-            const std::string where = "BAT entry " + std::to_string(i);
+            // Named only when refused: a table may have millions of entries.
+            auto where = [i] { return "BAT entry " + std::to_string(i); };
             if (within == m_chunkRatio) {  // the sector bitmap block of a chunk
                 // A file without parent never reads its bitmaps: what those
                 // entries say does not matter.
                 if (!m_hasParent || state == 0) continue;
-                if (state != 6) fail(where, "sector bitmap state " + std::to_string(state) + " is reserved");
+                if (state != 6) fail(where(), "sector bitmap state " + std::to_string(state) + " is reserved");
                 // Checked in MiB first: 44 bits of MiB overflow 64 bits of bytes.
                 const uint64_t at = offsetMiB * MiB;
-                if (offsetMiB == 0) fail(where, "sector bitmap block at 0 lies in the header section");
+                if (offsetMiB == 0) fail(where(), "sector bitmap block at 0 lies in the header section");
                 if (offsetMiB > fileSize / MiB || fileSize - at < MiB)
-                    fail(where, "sector bitmap block at " + std::to_string(at) + " is not inside the file (" +
+                    fail(where(), "sector bitmap block at " + std::to_string(at) + " is not inside the file (" +
                                     std::to_string(fileSize) + " bytes)");
                 m_bitmaps.emplace_back(group, at);
                 used.emplace_back(at, MiB);
@@ -462,21 +463,21 @@ void VhdxLayout::readTable(const ObjectReader& file, uint64_t batOffset, uint64_
                     break;
                 case 6: what = Held::Data; break;
                 case 7:
-                    if (!m_hasParent) fail(where, "a partially present block in a file without parent");
+                    if (!m_hasParent) fail(where(), "a partially present block in a file without parent");
                     what = Held::Partial;
                     partialChunks.push_back(group);
                     break;
-                default: fail(where, "payload block state " + std::to_string(state) + " is reserved");
+                default: fail(where(), "payload block state " + std::to_string(state) + " is reserved");
             }
             if (what != Held::Zeros && ++allocated + m_bitmaps.size() > room)
-                fail(where, "more blocks than a file of " + std::to_string(fileSize) + " bytes can hold");
+                fail(where(), "more blocks than a file of " + std::to_string(fileSize) + " bytes can hold");
             if (what == Held::Zeros && held.size() - allocated >= kMostZeroBlocks)
-                fail(where, "more than " + std::to_string(kMostZeroBlocks) + " zero blocks, the most a file here may have");
+                fail(where(), "more than " + std::to_string(kMostZeroBlocks) + " zero blocks, the most a file here may have");
             if (what != Held::Zeros) {
                 const uint64_t at = offsetMiB * MiB, length = blockBytes(b);
-                if (offsetMiB == 0) fail(where, "block at 0 lies in the header section");
+                if (offsetMiB == 0) fail(where(), "block at 0 lies in the header section");
                 if (offsetMiB > fileSize / MiB || fileSize - at < length)
-                    fail(where, "block at " + std::to_string(at) + " of " + std::to_string(length) +
+                    fail(where(), "block at " + std::to_string(at) + " of " + std::to_string(length) +
                                     " bytes is not inside the file (" + std::to_string(fileSize) + " bytes)");
                 used.emplace_back(at, length);
             }
