@@ -247,19 +247,19 @@ int boot(BootArgs& a) {
     startServer(a, server);
     if (restore) restore->setServerCause([&server] { return server.relay ? server.relay->lastError() : std::string(); });
 
-    VmSpec spec;
-    spec.qemu = qemu;
-    spec.name = a.client;
-    spec.kvm = useKvm;
-    spec.memoryMiB = a.memory >> 20;
-    spec.cpus = a.cpus;
-    spec.nbdSocket = server.listener.socketPath;
-    for (size_t i = 0; i < list.size(); ++i) spec.disks.push_back({list[i].name, overlays[i]});
-    spec.bus = a.bus;
-    spec.qmpSocket = server.listener.privateDir + "/qmp.sock";
-    spec.kernel = a.kernel, spec.initrd = a.initrd, spec.append = a.append;
-    spec.extra = extra;
-    std::vector<std::string> args = qemuArgs(spec);
+    VmSetup setup;
+    setup.qemu = qemu;
+    setup.name = a.client;
+    setup.kvm = useKvm;
+    setup.memoryMiB = a.memory >> 20;
+    setup.cpus = a.cpus;
+    setup.nbdSocket = server.listener.socketPath;
+    for (size_t i = 0; i < list.size(); ++i) setup.disks.push_back({list[i].name, overlays[i]});
+    setup.bus = a.bus;
+    setup.qmpSocket = server.listener.privateDir + "/qmp.sock";
+    setup.kernel = a.kernel, setup.initrd = a.initrd, setup.append = a.append;
+    setup.extra = extra;
+    std::vector<std::string> args = qemuArgs(setup);
 
     int out = onTerminal ? ::fcntl(1, F_DUPFD_CLOEXEC, 3)
                          : ::open(consoleLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -302,9 +302,9 @@ int boot(BootArgs& a) {
             throw qemuFailed("could not start the VM (" + statusText(vm.status) + ")");
         }
         struct stat st;
-        if (::stat(spec.qmpSocket.c_str(), &st) == 0) {
+        if (::stat(setup.qmpSocket.c_str(), &st) == 0) {
             try {
-                qmp.reset(new QmpClient(spec.qmpSocket, std::chrono::seconds(10)));
+                qmp.reset(new QmpClient(setup.qmpSocket, std::chrono::seconds(10)));
             } catch (const Error&) {
                 if (!vm.reap()) throw;
             }

@@ -100,7 +100,7 @@ std::vector<std::string> splitShellWords(const std::string& text) {
 std::string diskNode(size_t index) { return "disk" + std::to_string(index); }
 std::string backupNode(size_t index) { return diskNode(index) + "-backup"; }
 
-std::vector<std::string> qemuArgs(const VmSpec& s) {
+std::vector<std::string> qemuArgs(const VmSetup& s) {
     // A comma in an option's value is written twice.
     std::string name;
     for (char c : s.name) name += c == ',' ? std::string(",,") : std::string(1, c);

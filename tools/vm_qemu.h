@@ -30,7 +30,7 @@ struct VmDisk {
     std::string overlay;  // the qcow2 file that takes the VM's writes
 };
 
-struct VmSpec {
+struct VmSetup {
     std::string qemu;          // the program
     std::string name;          // the VM's, for qemu's -name
     bool kvm = false;
@@ -51,8 +51,8 @@ std::string backupNode(size_t index);
 
 // qemu's arguments, the program first: no display and no default devices,
 // the serial console on qemu's standard input and output, QMP on
-// spec.qmpSocket, and each disk an NBD node (read-only) under a qcow2 node
+// setup.qmpSocket, and each disk an NBD node (read-only) under a qcow2 node
 // on its overlay, the first one booted from.
-std::vector<std::string> qemuArgs(const VmSpec& spec);
+std::vector<std::string> qemuArgs(const VmSetup& setup);
 
 }  // namespace zxblk
