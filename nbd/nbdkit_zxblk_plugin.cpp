@@ -45,6 +45,7 @@
 #include <unistd.h>
 
 #include "control_channel.h"
+#include "plugin_config.h"
 #include "plugin_text.h"
 #include "stats_writer.h"
 #include "zxblk/zxblk.h"
@@ -55,37 +56,10 @@ using zxblk_plugin::parseSnapshot;
 using zxblk_plugin::printable;
 using zxblk_plugin::sizeText;
 
-struct Config {
-    std::string store, cache, statsFile, statsDir, control;
-    // disk= and client=, in the order given, which is the order listed.
-    struct Wanted {
-        bool client;
-        std::string name;
-        int snapshot;  // of a disk; -1: snapshot=
-    };
-    std::vector<Wanted> wanted;
-    int snapshot = -1;
-    uint64_t cacheLimit = 0;
-    uint64_t readahead = zxblk::DiskOptions().readahead;
-    bool allowDamaged = false, prefetch = false;
-};
+using zxblk_plugin::Config;
+using zxblk_plugin::Export;
 Config g_config;
-
-// A served export: one snapshot of one disk. Several exports may name the
-// same snapshot (disk=a and disk=a@2 when 2 is the newest): they share it,
-// for a cache serves one Disk at a time.
-struct Export {
-    std::string name, description;
-    std::string disk;
-    int snapshot = 0;
-    std::string key() const { return disk + "@" + std::to_string(snapshot); }
-};
-// What the server serves, settled in get_ready and never changed after, so
-// connections read it without a lock.
-std::vector<Export> g_exports;            // in the order listed
-std::map<std::string, size_t> g_byName;  // every name a client may ask for
-bool g_everyDisk = false;                 // neither disk= nor client= given
-bool g_oneCache = false;                  // cache= is the one disk's own cache
+zxblk_plugin::Exports g_served;
 
 std::unique_ptr<zxblk::Store> g_store;
 std::mutex g_openMutex;
@@ -107,122 +81,15 @@ struct Connection {
     zxblk::Disk* disk;
 };
 
-std::string absolute(const char* value) {
-    char* path = nbdkit_absolute_path(value);
-    if (!path) return std::string();
-    std::string out(path);
-    std::free(path);
-    return out;
-}
-
-int config(const char* key, const char* value) {
-    std::string k(key), v(value);
-    if (k == "store" && v.compare(0, 5, "s3://") == 0) {
-        g_config.store = v;  // a store on S3: a URL, not a path
-    } else if (k == "store" || k == "cache" || k == "statsfile" || k == "statsdir" || k == "control") {
-        std::string path = absolute(value);
-        if (path.empty()) return -1;  // nbdkit said why
-        (k == "store"       ? g_config.store
-         : k == "cache"     ? g_config.cache
-         : k == "statsfile" ? g_config.statsFile
-         : k == "statsdir"  ? g_config.statsDir
-                            : g_config.control) = path;
-    } else if (k == "disk") {
-        size_t at = v.rfind('@');
-        int snapshot = -1;
-        if (at != std::string::npos && !parseSnapshot(v.substr(at + 1), &snapshot)) {
-            nbdkit_error("disk=%s: '%s' is not a snapshot number (0 is the oldest)", value, v.c_str() + at + 1);
-            return -1;
-        }
-        if (v.empty() || at == 0) {
-            nbdkit_error("disk=%s: no disk name", value);
-            return -1;
-        }
-        g_config.wanted.push_back({false, v.substr(0, at), snapshot});
-    } else if (k == "client") {
-        g_config.wanted.push_back({true, v, -1});
-    } else if (k == "snapshot") {
-        if (!parseSnapshot(v, &g_config.snapshot)) {
-            nbdkit_error("snapshot=%s: not a snapshot number (0 is the oldest)", value);
-            return -1;
-        }
-    } else if (k == "cache-limit" || k == "readahead") {
-        int64_t n = nbdkit_parse_size(value);
-        if (n < 0) return -1;
-        (k == "readahead" ? g_config.readahead : g_config.cacheLimit) = static_cast<uint64_t>(n);
-    } else if (k == "allow-damaged" || k == "prefetch") {
-        int b = nbdkit_parse_bool(value);
-        if (b < 0) return -1;
-        (k == "prefetch" ? g_config.prefetch : g_config.allowDamaged) = b;
-    } else {
-        nbdkit_error("unknown parameter '%s' (the zxblk plugin takes store, disk, client, snapshot, cache, "
-                     "cache-limit, readahead, statsfile, statsdir, allow-damaged, control and prefetch)",
-                     key);
-        return -1;
-    }
-    return 0;
-}
+int config(const char* key, const char* value) { return zxblk_plugin::takeParameter(g_config, key, value); }
 
 int configComplete() {
     if (g_config.store.empty()) {
         nbdkit_error("the zxblk plugin needs store=DIR (or store=s3://BUCKET/PREFIX)");
         return -1;
     }
-    g_everyDisk = g_config.wanted.empty();
+    g_served.everyDisk = g_config.wanted.empty();
     return 0;
-}
-
-// Lists an export of a disk's snapshot under `name`, unless one of that
-// name is there already (disk=web01-sys beside client=web01).
-void addExport(const std::string& name, const zxblk::DiskInfo& disk, int snapshot) {
-    if (g_byName.count(name)) return;
-    Export e;
-    e.name = name;
-    e.disk = disk.name;
-    e.snapshot = snapshot;
-    e.description = disk.name + " snapshot " + std::to_string(snapshot) +
-                    (disk.client.empty() ? "" : " of " + disk.client) + ", " + sizeText(disk.size);
-    g_byName[name] = g_exports.size();
-    g_exports.push_back(e);
-}
-
-// The exports, from the catalog, in the order of disk= and client= (a
-// client's disks in the catalog's order). Without them every disk of the
-// store: NAME for the snapshot= one (or the newest) and NAME@N for each of
-// the others; NAME@N is also taken for the one NAME stands for.
-void settleExports(const zxblk::Store& store) {
-    auto plainOf = [](const zxblk::DiskInfo& d, int asked) {
-        return asked >= 0 ? asked : g_config.snapshot >= 0 ? g_config.snapshot : static_cast<int>(d.snapshots.size()) - 1;
-    };
-    if (g_everyDisk) {
-        for (const zxblk::DiskInfo& d : store.disks()) {
-            int plain = plainOf(d, -1), count = static_cast<int>(d.snapshots.size());
-            size_t plainExport = g_exports.size();
-            if (plain >= 0 && plain < count) addExport(d.name, d, plain);
-            for (int n = 0; n < count; ++n) {
-                std::string name = d.name + "@" + std::to_string(n);
-                if (n == plain)
-                    g_byName[name] = plainExport;  // another name of NAME
-                else
-                    addExport(name, d, n);
-            }
-        }
-        return;
-    }
-    auto add = [&](const std::string& name, int asked) {
-        zxblk::DiskInfo d = store.disk(name);
-        addExport(asked >= 0 ? name + "@" + std::to_string(asked) : name, d, plainOf(d, asked));
-    };
-    for (const Config::Wanted& w : g_config.wanted) {
-        if (!w.client) {
-            add(w.name, w.snapshot);
-            continue;
-        }
-        for (const std::string& disk : store.client(w.name).disks) add(disk, -1);
-    }
-    std::set<std::string> snapshots;
-    for (const Export& e : g_exports) snapshots.insert(e.key());
-    g_oneCache = snapshots.size() == 1;
 }
 
 // Recalls in the background the mount extents recorded for the export's
@@ -246,7 +113,7 @@ std::shared_ptr<zxblk::Disk> openLocked(const Export& e) {
     // extents recalled until then are its mount extents.
     options.trackExtents = !g_config.control.empty();
     if (!g_config.cache.empty())
-        options.cacheDir = g_oneCache ? g_config.cache : g_config.cache + "/" + e.disk + "-snap" + std::to_string(e.snapshot);
+        options.cacheDir = g_served.oneCache ? g_config.cache : g_config.cache + "/" + e.disk + "-snap" + std::to_string(e.snapshot);
     try {
         disk = std::make_shared<zxblk::Disk>(g_store->openDisk(e.disk, options));
     } catch (...) {
@@ -264,9 +131,9 @@ std::shared_ptr<zxblk::Disk> openLocked(const Export& e) {
 // The store, and every disk named by disk= or client=.
 void openAll() {
     if (!g_store) g_store.reset(new zxblk::Store(zxblk::Store::open(g_config.store)));
-    if (g_everyDisk) return;
+    if (g_served.everyDisk) return;
     std::lock_guard<std::mutex> lock(g_openMutex);
-    for (const Export& e : g_exports) openLocked(e);
+    for (const Export& e : g_served.list) openLocked(e);
 }
 
 void closeAll() {
@@ -300,10 +167,10 @@ int getReady() {
     });
     try {
         g_store.reset(new zxblk::Store(zxblk::Store::open(g_config.store)));
-        settleExports(*g_store);
-        if (!g_config.statsFile.empty() && !g_oneCache)
+        g_served.settle(*g_store, g_config);
+        if (!g_config.statsFile.empty() && !g_served.oneCache)
             throw std::runtime_error(std::string("statsfile= is for a server of one disk; this one serves ") +
-                                     (g_everyDisk ? "every disk of the store" : "several") + ": use statsdir=DIR");
+                                     (g_served.everyDisk ? "every disk of the store" : "several") + ": use statsdir=DIR");
         std::error_code ec;
         if (!g_config.statsDir.empty() && !std::filesystem::is_directory(g_config.statsDir) &&
             !std::filesystem::create_directories(g_config.statsDir, ec))
@@ -326,7 +193,7 @@ std::vector<std::pair<std::string, std::string>> gatherStats() {
     std::map<std::string, size_t> prefetched;
     {
         std::lock_guard<std::mutex> lock(g_openMutex);
-        for (const Export& e : g_exports) {
+        for (const Export& e : g_served.list) {
             auto it = g_open.find(e.key());
             if (it != g_open.end() && it->second) open.emplace_back(&e, it->second);
         }
@@ -358,7 +225,7 @@ int afterFork() {
             std::lock_guard<std::mutex> lock(g_openMutex);
             g_serving = true;
             if (g_config.prefetch)
-                for (const Export& e : g_exports) {
+                for (const Export& e : g_served.list) {
                     auto it = g_open.find(e.key());
                     if (it != g_open.end() && it->second && !g_prefetched.count(e.key())) prefetchLocked(e, *it->second);
                 }
@@ -396,20 +263,20 @@ void load() {
 #endif
 
 int listExports(int, int, struct nbdkit_exports* out) {
-    for (const Export& e : g_exports)
+    for (const Export& e : g_served.list)
         if (nbdkit_add_export(out, e.name.c_str(), e.description.c_str()) != 0) return -1;
     return 0;
 }
 
 // A client that names no export gets the first: a one-disk server serves
 // its disk at a URI without a name.
-const char* defaultExport(int, int) { return g_exports.empty() ? nullptr : g_exports.front().name.c_str(); }
+const char* defaultExport(int, int) { return g_served.list.empty() ? nullptr : g_served.list.front().name.c_str(); }
 
 // The disks served, each once, for the line that refuses an unknown name.
 std::string servedNames() {
     std::vector<std::string> names;
-    for (const Export& e : g_exports) {
-        const std::string& name = g_everyDisk ? e.disk : e.name;
+    for (const Export& e : g_served.list) {
+        const std::string& name = g_served.everyDisk ? e.disk : e.name;
         if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
     }
     std::string out;
@@ -423,16 +290,16 @@ std::vector<zxblk_plugin::ControlTarget> controlTargets(const std::string& name)
     std::set<std::string> seen;
     std::lock_guard<std::mutex> lock(g_openMutex);
     if (name.empty()) {
-        for (const Export& e : g_exports) {
+        for (const Export& e : g_served.list) {
             auto it = g_open.find(e.key());
             if (it != g_open.end() && it->second && seen.insert(e.key()).second) out.push_back({e.name, it->second});
         }
         return out;
     }
-    auto it = g_byName.find(name);
-    if (it == g_byName.end())
+    auto it = g_served.byName.find(name);
+    if (it == g_served.byName.end())
         throw std::runtime_error("no export '" + printable(name.c_str()) + "': this server serves " + servedNames());
-    const Export& e = g_exports[it->second];
+    const Export& e = g_served.list[it->second];
     out.push_back({e.name, openLocked(e)});
     return out;
 }
@@ -441,7 +308,7 @@ std::string answerControl(const std::string& line) {
     std::string reply = zxblk_plugin::runControlLine(line, controlTargets, [](const zxblk_plugin::ControlTarget& t,
                                                                               size_t n) {
         std::lock_guard<std::mutex> lock(g_openMutex);
-        g_prefetched[g_exports[g_byName.at(t.name)].key()] = n;
+        g_prefetched[g_served.list[g_served.byName.at(t.name)].key()] = n;
     });
     nbdkit_debug("control: %s: %s", printable(line.c_str()).c_str(), reply.c_str());
     // The statistics say at once what the phase now is.
@@ -452,9 +319,9 @@ std::string answerControl(const std::string& line) {
 void* openConnection(int) {
     const char* name = nbdkit_export_name();
     if (!name) return nullptr;  // nbdkit said why
-    auto it = g_byName.find(name);
-    if (it == g_byName.end()) {
-        if (g_everyDisk)
+    auto it = g_served.byName.find(name);
+    if (it == g_served.byName.end()) {
+        if (g_served.everyDisk)
             nbdkit_error("no export '%s' in store %s: its disks are %s (NAME@N for snapshot N)",
                          printable(name).c_str(), g_config.store.c_str(), servedNames().c_str());
         else
@@ -462,7 +329,7 @@ void* openConnection(int) {
                          servedNames().c_str(), g_config.store.c_str());
         return nullptr;
     }
-    const Export& e = g_exports[it->second];
+    const Export& e = g_served.list[it->second];
     try {
         std::lock_guard<std::mutex> lock(g_openMutex);
         return new Connection{&e, openLocked(e).get()};
