@@ -56,7 +56,7 @@ std::string StoreServices::stream(const RecallJob& job, uint64_t& bytes) {
             }
             if (disk->copies[i].type != kTypeDifferencing) break;
         }
-    const int64_t firstHeld = img->holdingPosition(offset, C);
+    const int64_t firstHeld = VhdImage::holdingPosition(pieces);
     if (firstHeld < 0 || static_cast<uint64_t>(firstHeld) != meta.position)
         return "recall metadata position " + std::to_string(meta.position) + " does not match extent " + std::to_string(k) +
                " of " + copy->browsePath;

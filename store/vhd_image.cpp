@@ -409,8 +409,16 @@ std::vector<Piece> VhdImage::pieces(uint64_t offset, uint64_t length) const {
     for (uint64_t at = offset; at < end;) {
         uint64_t block = at / m_blockSize, within = at % m_blockSize;
         uint64_t n = std::min<uint64_t>(end - at, m_blockSize - within);
-        int64_t file = isBlockAllocated(block) ? static_cast<int64_t>(blockDataOffset(block) + within) : -1;
-        if (file < 0 && m_vhdx && m_vhdx->block(block).held == VhdxLayout::Held::Zeros) file = kZeroHeld;
+        int64_t file = -1;
+        if (m_vhdx) {  // one look at the table per block
+            const VhdxLayout::Block b = m_vhdx->block(block);
+            if (b.held == VhdxLayout::Held::Data || b.held == VhdxLayout::Held::Partial)
+                file = static_cast<int64_t>(b.offset + within);
+            else if (b.held == VhdxLayout::Held::Zeros)
+                file = kZeroHeld;
+        } else if (isBlockAllocated(block)) {
+            file = static_cast<int64_t>(blockDataOffset(block) + within);
+        }
         out.push_back({at, n, file, block});
         at += n;
     }
@@ -432,8 +440,12 @@ bool VhdImage::hidesAll(uint64_t offset, uint64_t length) const {
 }
 
 int64_t VhdImage::holdingPosition(uint64_t offset, uint64_t length) const {
+    return holdingPosition(pieces(offset, length));
+}
+
+int64_t VhdImage::holdingPosition(const std::vector<Piece>& pieces) {
     int64_t zeros = -1;
-    for (const Piece& p : pieces(offset, length)) {
+    for (const Piece& p : pieces) {
         if (p.fileOffset >= 0) return p.fileOffset;
         if (p.fileOffset == kZeroHeld && zeros < 0) zeros = static_cast<int64_t>(p.virtualOffset);
     }

@@ -123,6 +123,8 @@ public:
     // the file holds, or, for a range held only as zeros, the disk offset of
     // the first of them; -1 when the file holds none of it.
     int64_t holdingPosition(uint64_t offset, uint64_t length) const;
+    // The same, of the pieces of a range already worked out.
+    static int64_t holdingPosition(const std::vector<Piece>& pieces);
 
     // Checksum units: the blocks of a dynamic or differencing VHD, chunks of
     // kSumChunk bytes of the disk of a fixed VHD or raw image.

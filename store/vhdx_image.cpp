@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "store/storage.h"
+#include "store/vhd_image.h"
 #include "store/store_error.h"
 
 namespace zxblk {
@@ -25,15 +26,6 @@ uint32_t le32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | 
 uint64_t le64(const uint8_t* p) { return uint64_t(le32(p)) | uint64_t(le32(p + 4)) << 32; }
 
 using Guid = VhdxLayout::Guid;
-
-// A GUID as the file keeps it (its first three fields little-endian), in
-// the order its text is written.
-Guid guidAt(const uint8_t* p) {
-    static const int order[16] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
-    Guid g;
-    for (int i = 0; i < 16; ++i) g[i] = p[order[i]];
-    return g;
-}
 
 // "83ed0ec3-24c8-49a6-a959-5e4bf1288bfb", with or without braces, any case.
 bool parseGuid(std::string text, Guid& out) {
@@ -71,17 +63,6 @@ const Guid kPhysicalSectorSize = known("CDA348C7-445D-4471-9CC9-E9885251C556");
 const Guid kParentLocator = known("A8D35F2D-B30B-454D-ABF7-D3D84834AB0C");
 const Guid kVhdxLocatorType = known("B04AEFB7-D19E-4A81-B789-25B8E9445913");
 
-std::string guidText(const Guid& g) {
-    static const char* hex = "0123456789abcdef";
-    std::string out;
-    for (size_t i = 0; i < g.size(); ++i) {
-        if (i == 4 || i == 6 || i == 8 || i == 10) out += '-';
-        out += hex[g[i] >> 4];
-        out += hex[g[i] & 15];
-    }
-    return out;
-}
-
 std::string utf16leToUtf8(const uint8_t* p, size_t n) {
     std::string out;
     for (size_t i = 0; i + 1 < n; i += 2) {
@@ -110,12 +91,12 @@ std::string utf16leToUtf8(const uint8_t* p, size_t n) {
 }
 
 // A string from the file as a one-line message may quote it: control
-// characters shown as '?', and no longer than any GUID or path needs.
-std::string printable(const std::string& text) {
-    std::string out = text.substr(0, 80);
+// characters shown as '?', cut after `most` characters.
+std::string printable(const std::string& text, size_t most) {
+    std::string out = text.substr(0, most);
     for (char& c : out)
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
-    return text.size() > 80 ? out + "..." : out;
+    return text.size() > most ? out + "..." : out;
 }
 
 // The CRC of a structure whose checksum field, at `at`, counts as zero.
@@ -132,6 +113,13 @@ bool overlaps(uint64_t a, uint64_t aLength, uint64_t b, uint64_t bLength) { retu
 uint64_t packed(uint64_t offsetMiB, VhdxLayout::Held held) { return offsetMiB << 3 | static_cast<uint64_t>(held); }
 
 }  // namespace
+
+Guid vhdxGuid(const uint8_t* p) {
+    static const int order[16] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
+    Guid g;
+    for (int i = 0; i < 16; ++i) g[i] = p[order[i]];
+    return g;
+}
 
 uint32_t crc32c(const uint8_t* data, size_t length, uint32_t crc) {
     static const auto table = [] {
@@ -223,8 +211,8 @@ void VhdxLayout::readHeaders(const ObjectReader& file, const uint8_t* section, L
     }
     const uint8_t* p = h[current].bytes;
     const std::string field = "header " + std::to_string(current + 1);
-    m_dataWriteGuid = guidAt(p + 32);
-    log.guid = guidAt(p + 48);
+    m_dataWriteGuid = vhdxGuid(p + 32);
+    log.guid = vhdxGuid(p + 48);
     const uint16_t logVersion = le16(p + 64), version = le16(p + 66);
     uint64_t& logLength = log.length;
     uint64_t& logOffset = log.offset;
@@ -264,13 +252,13 @@ void VhdxLayout::readRegions(const uint8_t* section, uint64_t fileSize, uint64_t
     bool bat = false, meta = false;
     for (uint32_t i = 0; i < count; ++i) {
         const uint8_t* e = table + 16 + 32 * i;
-        const Guid id = guidAt(e);
+        const Guid id = vhdxGuid(e);
         const uint64_t offset = le64(e + 16), length = le32(e + 24);
         const bool required = le32(e + 28) & 1;
         const std::string where = field + " entry " + std::to_string(i);
         const bool isBat = id == kBatRegion, isMeta = id == kMetadataRegion;
         if (!isBat && !isMeta) {
-            if (required) fail(where, "region " + guidText(id) + " is required but not one this reader knows");
+            if (required) fail(where, "region " + uniqueIdText(id) + " is required but not one this reader knows");
             continue;
         }
         if ((isBat && bat) || (isMeta && meta)) fail(where, "the " + std::string(isBat ? "BAT" : "metadata") + " region is listed twice");
@@ -311,7 +299,7 @@ void VhdxLayout::readMetadata(const ObjectReader& file, uint64_t offset, uint64_
     std::vector<std::pair<uint64_t, uint64_t>> spans;
     for (uint16_t i = 0; i < count; ++i) {
         const uint8_t* e = table.data() + 32 + 32 * i;
-        const Guid id = guidAt(e);
+        const Guid id = vhdxGuid(e);
         const uint64_t at = le32(e + 16), n = le32(e + 20);
         const uint32_t flags = le32(e + 24);
         const bool user = flags & 1, required = flags & 4;
@@ -327,7 +315,7 @@ void VhdxLayout::readMetadata(const ObjectReader& file, uint64_t offset, uint64_
         for (int j = 0; j < 6 && !user; ++j)
             if (id == *knownIds[j]) k = j;
         if (k < 0) {
-            if (required) fail(where, "item " + guidText(id) + " is required but not one this reader knows");
+            if (required) fail(where, "item " + uniqueIdText(id) + " is required but not one this reader knows");
             continue;
         }
         if (found[k]) fail(where, std::string("the ") + names[k] + " item is listed twice");
@@ -366,8 +354,8 @@ void VhdxLayout::readMetadata(const ObjectReader& file, uint64_t offset, uint64_
 }
 
 void VhdxLayout::readParentLocator(const std::vector<uint8_t>& item) {
-    const Guid type = guidAt(item.data());
-    if (type != kVhdxLocatorType) fail("parent locator", "type " + guidText(type) + " is not a VHDX parent");
+    const Guid type = vhdxGuid(item.data());
+    if (type != kVhdxLocatorType) fail("parent locator", "type " + uniqueIdText(type) + " is not a VHDX parent");
     const uint16_t count = le16(item.data() + 18);
     if (20 + uint64_t(count) * 12 > item.size())
         fail("parent locator", std::to_string(count) + " entries do not fit in an item of " + std::to_string(item.size()) + " bytes");
@@ -390,7 +378,7 @@ void VhdxLayout::readParentLocator(const std::vector<uint8_t>& item) {
             const bool second = key == "parent_linkage2";
             if (second ? linkage2 : linkage) fail(where, key + " is given twice");
             if (!parseGuid(value, second ? m_parentLinkage2 : m_parentLinkage))
-                fail(where, key + " '" + printable(value) + "' is not a GUID");
+                fail(where, key + " '" + printable(value, 80) + "' is not a GUID");
             (second ? linkage2 : linkage) = true;
         } else if (key == "relative_path") {
             relative = value;
@@ -401,9 +389,8 @@ void VhdxLayout::readParentLocator(const std::vector<uint8_t>& item) {
         }
     }
     if (!linkage) fail("parent locator", "no parent_linkage entry");
-    m_parentPath = !relative.empty() ? relative : !absolute.empty() ? absolute : volume;
-    for (char& c : m_parentPath)  // it is shown to users, on one line
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+    // Shown to users, on one line.
+    m_parentPath = printable(!relative.empty() ? relative : !absolute.empty() ? absolute : volume, SIZE_MAX);
 }
 
 // Reads the table a slice at a time, keeping only the blocks that hold

@@ -111,6 +111,10 @@ private:
 std::unique_ptr<ObjectReader> replayVhdxLog(std::unique_ptr<ObjectReader> file, const VhdxLayout::Guid& logGuid,
                                             uint64_t logOffset, uint64_t logLength, std::string& note);
 
+// A GUID as the file keeps it (its first three fields little-endian), in
+// the order its text is written.
+VhdxLayout::Guid vhdxGuid(const uint8_t* p);
+
 // The CRC-32C (Castagnoli) the format's checksums use.
 uint32_t crc32c(const uint8_t* data, size_t length, uint32_t crc = 0);
 

@@ -20,6 +20,10 @@ const uint64_t kMostLogBytes = 32 * MiB;
 uint32_t le32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
 uint64_t le64(const uint8_t* p) { return uint64_t(le32(p)) | uint64_t(le32(p + 4)) << 32; }
 
+// The sectors an entry's `count` descriptors take: 126 after the header in
+// the first, 128 in each one after.
+uint64_t descriptorSectorsOf(uint64_t count) { return count <= 126 ? 1 : 1 + (count - 126 + 127) / 128; }
+
 // One entry of the log, checked whole.
 struct Entry {
     uint64_t at = 0, length = 0, tail = 0, sequence = 0;
@@ -95,9 +99,9 @@ public:
         e.flushedFileOffset = le64(h + 48);
         e.lastFileOffset = le64(h + 56);
         if (e.length == 0 || e.length % kSector || e.length > m_log.size() || e.tail % kSector || e.tail >= m_log.size() ||
-            e.sequence == 0 || std::memcmp(h + 32, guidBytes().data(), 16) != 0)
+            e.sequence == 0 || vhdxGuid(h + 32) != m_guid)
             return false;
-        const uint64_t sectors = e.length / kSector, descriptorSectors = count <= 126 ? 1 : 1 + (count - 126 + 127) / 128;
+        const uint64_t sectors = e.length / kSector, descriptorSectors = descriptorSectorsOf(count);
         if (descriptorSectors > sectors) return false;
         uint64_t data = 0;
         for (uint64_t i = 0; i < count; ++i) {
@@ -166,14 +170,6 @@ public:
         return i < 126 ? sector(at, 0) + 64 + 32 * i : sector(at, 1 + (i - 126) / 128) + 32 * ((i - 126) % 128);
     }
 
-    std::array<uint8_t, 16> guidBytes() const {
-        // As the file keeps a GUID: its first three fields little-endian.
-        static const int order[16] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
-        std::array<uint8_t, 16> g;
-        for (int i = 0; i < 16; ++i) g[order[i]] = m_guid[i];
-        return g;
-    }
-
 private:
     std::vector<uint8_t> m_log;
     VhdxLayout::Guid m_guid;
@@ -203,7 +199,7 @@ std::unique_ptr<ObjectReader> replayVhdxLog(std::unique_ptr<ObjectReader> file, 
     uint64_t size = std::max(file->size(), head.lastFileOffset);
     for (const Entry& e : active) {
         const uint8_t* h = log.sector(e.at, 0);
-        const uint64_t count = le32(h + 24), descriptorSectors = count <= 126 ? 1 : 1 + (count - 126 + 127) / 128;
+        const uint64_t count = le32(h + 24), descriptorSectors = descriptorSectorsOf(count);
         uint64_t data = 0;
         for (uint64_t i = 0; i < count; ++i) {
             const uint8_t* d = log.descriptor(e.at, i);
