@@ -231,11 +231,8 @@ VhdImage VhdImage::open(std::unique_ptr<ObjectReader> reader, FileFormat format,
 }
 
 void VhdImage::openVhdx() {
-    // A file not closed cleanly is read as its log says it is.
-    const VhdxLayout::Log log = VhdxLayout::logOf(*m_reader);
     std::string replayed;
-    if (log.guid != VhdxLayout::Guid{}) m_reader = replayVhdxLog(std::move(m_reader), log.guid, log.offset, log.length, replayed);
-    m_vhdx.reset(new VhdxLayout(VhdxLayout::read(*m_reader, !replayed.empty())));
+    m_vhdx.reset(new VhdxLayout(VhdxLayout::open(m_reader, replayed)));
     const VhdxLayout& x = *m_vhdx;
     m_kind = x.hasParent() ? ImageKind::Differencing : ImageKind::Dynamic;
     m_size = x.size();

@@ -33,16 +33,10 @@ public:
         uint64_t offset;  // in the file, of the block's first byte (Data and Partial)
     };
 
-    // Reads and checks the structure; throws StoreError. A file with a log
-    // to replay is read through replayLog()'s reader, `replayed`.
-    static VhdxLayout read(const ObjectReader& file, bool replayed = false);
-    // The current header's log: its GUID (zero when there is nothing to
-    // replay), offset and length. Throws StoreError for bad headers.
-    struct Log {
-        Guid guid{};
-        uint64_t offset = 0, length = 0;
-    };
-    static Log logOf(const ObjectReader& file);
+    // Reads and checks the structure; throws StoreError. A file whose log
+    // is not empty is read as the log leaves it: `file` becomes the
+    // replaying reader of replayVhdxLog() and `replayNote` says so.
+    static VhdxLayout open(std::unique_ptr<ObjectReader>& file, std::string& replayNote);
 
     uint64_t size() const { return m_size; }
     uint32_t blockSize() const { return m_blockSize; }
@@ -79,7 +73,13 @@ public:
 
 private:
     struct Header;
-    void readHeaders(const ObjectReader& file, const uint8_t* section, Log& log);
+    // The current header's log: its GUID (zero when there is nothing to
+    // replay), offset and length.
+    struct Log {
+        Guid guid{};
+        uint64_t offset = 0, length = 0;
+    };
+    void readHeaders(uint64_t fileSize, const uint8_t* section, Log& log);
     void readRegions(const uint8_t* section, uint64_t fileSize, uint64_t& batOffset, uint64_t& batLength,
                      uint64_t& metaOffset, uint64_t& metaLength);
     void readMetadata(const ObjectReader& file, uint64_t offset, uint64_t length);
