@@ -76,9 +76,15 @@ std::string StoreServices::stream(const RecallJob& job, uint64_t& bytes) {
     std::deque<std::vector<uint8_t>> bitmapsRead;
     const bool whole = img->unitsFitInMemory();
     const uint64_t unitBytes = img->sumUnitBytes();
-    thread_local std::vector<uint8_t> data;
+    thread_local std::vector<uint8_t> data, zeros;
     for (const Piece& p : pieces) {
-        if (p.fileOffset < 0) {
+        if (p.fileOffset == kZeroHeld) {
+            // Zeros that hide the parent are sent as zeros: a hole in part
+            // of an extent leaves its sectors to the parent. An extent of
+            // nothing else still goes as one hole, below.
+            if (zeros.size() < C) zeros.assign(C, 0);
+            stretches.push_back({p.virtualOffset, p.length, zeros.data()});
+        } else if (p.fileOffset < 0) {
             stretches.push_back({p.virtualOffset, p.length, nullptr});
         } else if (!whole) {
             if (data.size() < C) data.resize(C);

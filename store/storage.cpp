@@ -52,6 +52,21 @@ public:
     void prefetch(uint64_t offset, uint64_t length) const override {
         ::posix_fadvise(m_fd, static_cast<off_t>(offset), static_cast<off_t>(length), POSIX_FADV_WILLNEED);
     }
+    std::pair<uint64_t, uint64_t> dataIn(uint64_t offset, uint64_t length) const override {
+        const uint64_t end = offset + length;
+        const off_t data = ::lseek(m_fd, static_cast<off_t>(offset), SEEK_DATA);
+        if (data < 0 && errno == ENXIO) {
+            // A hole to the end of the file, or past it: a file cut short
+            // is read, and its read says so.
+            struct stat st;
+            if (::fstat(m_fd, &st) == 0 && static_cast<uint64_t>(st.st_size) >= end) return {end, end};
+        }
+        if (data < 0) return {offset, end};
+        if (static_cast<uint64_t>(data) >= end) return {end, end};
+        const off_t hole = ::lseek(m_fd, data, SEEK_HOLE);
+        if (hole <= data) return {static_cast<uint64_t>(data), end};
+        return {static_cast<uint64_t>(data), std::min<uint64_t>(static_cast<uint64_t>(hole), end)};
+    }
     // A stat per call is cheap against a recall, and catches a file replaced
     // or rewritten while it is open.
     bool current() const override {

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "store/store_error.h"
@@ -54,6 +55,13 @@ public:
     // Bytes a read is soon to ask for: a store a network away starts
     // fetching them now, a file has the kernel read them ahead.
     virtual void prefetch(uint64_t, uint64_t) const {}
+    // The first stretch [start, end) of [offset, offset + length) that may
+    // hold data; (offset + length, offset + length) when all of it is a hole
+    // of the file, which reads as zeros. What cannot tell holes from data
+    // (an object on S3, a file system without holes) holds data throughout.
+    virtual std::pair<uint64_t, uint64_t> dataIn(uint64_t offset, uint64_t length) const {
+        return {offset, offset + length};
+    }
 };
 
 // What the opener of an object knows of it before asking the store.

@@ -115,6 +115,15 @@ void VhdImage::readAt(uint64_t offset, void* buffer, size_t length) const {
     m_reader->readAt(offset, buffer, length);
 }
 
+void VhdImage::readSkippingHoles(uint64_t offset, uint8_t* buffer, size_t length) const {
+    for (uint64_t at = offset, end = offset + length; at < end;) {
+        const auto data = m_reader->dataIn(at, end - at);
+        std::memset(buffer + (at - offset), 0, data.first - at);
+        if (data.first < data.second) readAt(data.first, buffer + (data.first - offset), data.second - data.first);
+        at = data.second;
+    }
+}
+
 // The fields of one footer copy, or what makes it unusable.
 struct VhdImage::Footer {
     std::string field, why;  // empty when the copy is sound
@@ -409,7 +418,12 @@ std::vector<Piece> VhdImage::pieces(uint64_t offset, uint64_t length) const {
         int64_t file = -1;
         if (m_vhdx) {  // one look at the table per block
             const VhdxLayout::Block b = m_vhdx->block(block);
-            if (b.held == VhdxLayout::Held::Data || b.held == VhdxLayout::Held::Partial)
+            if (b.held == VhdxLayout::Held::Data) {
+                fullBlockPieces(at, n, b.offset + within, block, out);
+                at += n;
+                continue;
+            }
+            if (b.held == VhdxLayout::Held::Partial)
                 file = static_cast<int64_t>(b.offset + within);
             else if (b.held == VhdxLayout::Held::Zeros)
                 file = kZeroHeld;
@@ -420,6 +434,20 @@ std::vector<Piece> VhdImage::pieces(uint64_t offset, uint64_t length) const {
         at += n;
     }
     return out;
+}
+
+void VhdImage::fullBlockPieces(uint64_t at, uint64_t length, uint64_t file, uint64_t block, std::vector<Piece>& out) const {
+    // Writers leave what a block never had written as a hole in the file
+    // (qemu-img does): such a stretch is zeros without a read. In a
+    // differencing file they are zeros that hide the parent, as every
+    // sector of the block is present.
+    const int64_t hole = m_kind == ImageKind::Differencing ? kZeroHeld : -1;
+    for (uint64_t done = 0; done < length;) {
+        const auto data = m_reader->dataIn(file + done, length - done);
+        if (data.first > file + done) out.push_back({at + done, data.first - file - done, hole, block});
+        if (data.first < data.second) out.push_back({at + data.first - file, data.second - data.first, static_cast<int64_t>(data.first), block});
+        done = data.second - file;
+    }
 }
 
 bool VhdImage::holdsAny(uint64_t offset, uint64_t length) const {

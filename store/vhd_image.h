@@ -172,6 +172,11 @@ private:
     using Allocation = std::pair<uint32_t, uint32_t>;  // (block, its first sector in the file)
     VhdImage() = default;
     [[noreturn]] void fail(const std::string& field, const std::string& why) const;
+    // Reads as readAt does, but zeros the file's holes instead of reading them.
+    void readSkippingHoles(uint64_t offset, uint8_t* buffer, size_t length) const;
+    // The pieces of [at, at + length) of a block every sector of which the
+    // file holds from `file` on: its data, and its holes as zeros.
+    void fullBlockPieces(uint64_t at, uint64_t length, uint64_t file, uint64_t block, std::vector<Piece>& out) const;
     // False, with the reason, when a unit's sums differ from those recorded
     // (`recorded`: none when no sum was recorded for it).
     static bool matchesRecorded(const BlockSums::Entry* recorded, const UnitSum& found, std::string& why);

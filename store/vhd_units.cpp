@@ -55,13 +55,14 @@ std::shared_ptr<const UnitBytes> VhdImage::readUnit(uint64_t unit) const {
     auto read = std::make_shared<UnitBytes>();
     read->bitmap = place.bitmap;
     read->size = place.size;
-    // Not zeroed first: every byte is read over at once.
+    // Not zeroed first: every byte is read over at once (the file's holes
+    // zeroed instead of read).
     read->bytes.reset(new uint8_t[read->size]);
     if (m_vhdx) {
         if (place.bitmap) m_vhdx->bitmap(*m_reader, unit, read->bytes.get(), place.bitmap);
-        readAt(place.dataAt, read->bytes.get() + place.bitmap, place.size - place.bitmap);
+        readSkippingHoles(place.dataAt, read->bytes.get() + place.bitmap, place.size - place.bitmap);
     } else {
-        readAt(place.at, read->bytes.get(), read->size);
+        readSkippingHoles(place.at, read->bytes.get(), read->size);
     }
     if (!m_sums) return read;
     const BlockSums::Entry* recorded = m_sums->entry(unit);
