@@ -535,7 +535,7 @@ UnitSum VhdImage::sumOf(uint64_t unit, uint64_t copyFrom, uint64_t copyLength, u
     XXH3_64bits_reset(state.get());
     for (uint64_t done = 0; done < length;) {
         size_t n = static_cast<size_t>(std::min<uint64_t>(buffer.size(), length - done));
-        readAt(at + done, buffer.data(), n);
+        readSkippingHoles(at + done, buffer.data(), n);
         XXH3_64bits_update(state.get(), buffer.data(), n);
         uint64_t from = std::max(done, copyFrom), to = std::min(done + n, copyFrom + copyLength);
         if (copyTo && from < to) std::memcpy(copyTo + (from - copyFrom), buffer.data() + (from - done), to - from);
