@@ -445,7 +445,8 @@ void VhdImage::fullBlockPieces(uint64_t at, uint64_t length, uint64_t file, uint
     for (uint64_t done = 0; done < length;) {
         const auto data = m_reader->dataIn(file + done, length - done);
         if (data.first > file + done) out.push_back({at + done, data.first - file - done, hole, block});
-        if (data.first < data.second) out.push_back({at + data.first - file, data.second - data.first, static_cast<int64_t>(data.first), block});
+        if (data.first < data.second)
+            out.push_back({at + data.first - file, data.second - data.first, static_cast<int64_t>(data.first), block});
         done = data.second - file;
     }
 }
