@@ -347,7 +347,10 @@ void walk(const SparseFile& f, const VhdImage& img) {
     checkBitmap(f, img, m, blocks - 1);
     checkBitmap(f, img, m, blocks);
     uint64_t bs = m.blockSize, size = m.size;
-    for (size_t i = 0; i < visit.size() && i < 8; ++i)
+    // A unit is read whole only where the image says its units fit in
+    // memory (as the stream asks first): by the block size, also when the
+    // disk is smaller than one block.
+    for (size_t i = 0; i < visit.size() && i < 8 && img.unitsFitInMemory(); ++i)
         if (m.blockBytes(visit[i]) <= 4 * MiB) checkUnit(f, img, m, visit[i]);
     for (uint64_t b : visit) {
         checkBitmap(f, img, m, b);
