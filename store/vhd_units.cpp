@@ -1,6 +1,11 @@
-// Whole units of a snapshot file, read once and shared by the checksum
-// check and the stream of every extent that lies in them.
+// The checksum units of a snapshot file: which the file holds, their sums,
+// the reads checked against the sums recorded at import, and whole units
+// read once and shared by the checksum check and the stream of every
+// extent that lies in them.
+#include <xxhash.h>
+
 #include <algorithm>
+#include <cstring>
 
 #include "store/vhd_image.h"
 
@@ -104,6 +109,148 @@ std::shared_ptr<const UnitBytes> UnitCache::get(const std::shared_ptr<const VhdI
         m_entries.pop_back();
     }
     return read;
+}
+
+uint32_t VhdImage::sumUnitBytes() const {
+    return m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed ? kSumChunk : m_blockSize;
+}
+
+uint64_t VhdImage::sumUnits() const {
+    return m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed ? (m_size + kSumChunk - 1) / kSumChunk : m_blocks;
+}
+
+bool VhdImage::unitHeld(uint64_t unit) const { return unit < sumUnits() && isBlockAllocated(unit); }
+
+uint64_t VhdImage::nextHeldUnit(uint64_t from) const {
+    const uint64_t units = sumUnits();
+    if (from >= units || m_kind == ImageKind::Raw || m_kind == ImageKind::Fixed) return std::min(from, units);
+    if (m_vhdx) return m_vhdx->nextWithBytes(from);
+    if (m_dense.empty()) {  // walks what is allocated, never the whole table of a huge sparse disk
+        auto it = std::lower_bound(m_sparse.begin(), m_sparse.end(), from,
+                                   [](const Allocation& e, uint64_t b) { return e.first < b; });
+        return it == m_sparse.end() ? units : it->first;
+    }
+    while (from < units && m_dense[from] == kUnallocated) ++from;
+    return from;
+}
+
+namespace {
+const uint64_t kSlice = (4u << 20) + 4096;
+}  // namespace
+
+UnitSum VhdImage::sumOf(uint64_t unit, uint64_t copyFrom, uint64_t copyLength, uint8_t* copyTo) const {
+    UnitSum sum;
+    const UnitPlace place = placeOf(unit);
+    // A slice at a time: a block may be as large as 256 MiB.
+    thread_local std::vector<uint8_t> buffer;
+    if (place.bitmap) {
+        // The bitmap and the data that follows it in one read where they fit
+        // in a slice: one request to a store on S3, not two.
+        if (place.size <= kSlice && !m_vhdx) {
+            buffer.resize(static_cast<size_t>(place.size));
+            readAt(place.at, buffer.data(), buffer.size());
+            sum = sumOfWhole(buffer.data(), place);
+            const uint8_t* data = buffer.data() + place.bitmap;
+            uint64_t to = std::min<uint64_t>(copyFrom + copyLength, m_blockSize);
+            if (copyTo && copyFrom < to) std::memcpy(copyTo, data + copyFrom, to - copyFrom);
+            return sum;
+        }
+        std::vector<uint8_t> bitmap(place.bitmap);
+        if (m_vhdx)
+            bitmap = readBlockBitmap(unit);
+        else
+            readAt(place.at, bitmap.data(), bitmap.size());
+        sum.bitmap = xxh3(bitmap.data(), bitmap.size());
+    }
+    const uint64_t at = place.dataAt, length = place.size - place.bitmap;
+    buffer.resize(std::min<uint64_t>(length, kSlice));
+    std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> state(XXH3_createState(), XXH3_freeState);
+    if (!state) throw StoreError(m_path + ": block " + std::to_string(unit) + ": out of memory for its checksum");
+    XXH3_64bits_reset(state.get());
+    for (uint64_t done = 0; done < length;) {
+        size_t n = static_cast<size_t>(std::min<uint64_t>(buffer.size(), length - done));
+        readSkippingHoles(at + done, buffer.data(), n);
+        XXH3_64bits_update(state.get(), buffer.data(), n);
+        uint64_t from = std::max(done, copyFrom), to = std::min(done + n, copyFrom + copyLength);
+        if (copyTo && from < to) std::memcpy(copyTo + (from - copyFrom), buffer.data() + (from - done), to - from);
+        done += n;
+    }
+    sum.data = XXH3_64bits_digest(state.get());
+    return sum;
+}
+
+bool VhdImage::checkUnit(const BlockSums& sums, uint64_t unit, std::string& why, uint64_t copyFrom,
+                         uint64_t copyLength, uint8_t* copyTo) const {
+    const BlockSums::Entry* entry = sums.entry(unit);
+    // A unit with no sum recorded is not read.
+    return matchesRecorded(entry, entry ? sumOf(unit, copyFrom, copyLength, copyTo) : UnitSum(), why);
+}
+
+bool VhdImage::matchesRecorded(const BlockSums::Entry* entry, const UnitSum& found, std::string& why) {
+    if (!entry) return why = "checksum mismatch (the block holds data, but none was recorded for it)", false;
+    const UnitSum& recorded = entry->sum;
+    if (found.data != recorded.data)
+        why = "checksum mismatch in its data (recorded " + sumText(recorded.data) + ", read " + sumText(found.data) + ")";
+    else if (found.bitmap != recorded.bitmap)
+        why = "checksum mismatch in its sector bitmap (recorded " + sumText(recorded.bitmap) + ", read " +
+              sumText(found.bitmap) + ")";
+    else
+        return true;
+    return false;
+}
+
+void VhdImage::attachSums(std::shared_ptr<const BlockSums> sums, std::string error) {
+    m_sums = std::move(sums);
+    m_sumsError = std::move(error);
+    size_t words = m_sums ? (m_sums->entries.size() + 63) / 64 : 0;
+    m_verified.reset(words ? new std::atomic<uint64_t>[words] : nullptr);
+    for (size_t i = 0; i < words; ++i) m_verified[i] = 0;
+    m_verifyLocks.reset(new std::mutex[kVerifyStripes]);
+}
+
+void VhdImage::attachSumsLater(std::function<std::shared_ptr<const BlockSums>()> load) {
+    attachSums(nullptr);
+    m_sumsLoader.reset(new SumsLoader{std::move(load), {}});
+}
+
+const std::string& VhdImage::sumsError() const {
+    if (m_sumsLoader)
+        std::call_once(m_sumsLoader->once, [this] {
+            // Loaded once, by whichever reader comes first; the others wait.
+            auto* self = const_cast<VhdImage*>(this);
+            try {
+                self->attachSums(m_sumsLoader->load());
+            } catch (const StoreError& e) {
+                self->attachSums(nullptr, e.what());
+            }
+        });
+    return m_sumsError;
+}
+
+void VhdImage::readVerified(const Piece& piece, uint8_t* into) const {
+    if (!sumsError().empty()) throw StoreError(ErrorKind::corruption, m_sumsError);
+    if (!m_sums) return readAt(static_cast<uint64_t>(piece.fileOffset), into, piece.length);
+    const uint64_t unitBytes = sumUnitBytes(), end = piece.virtualOffset + piece.length;
+    for (uint64_t at = piece.virtualOffset; at < end;) {
+        uint64_t unit = at / unitBytes, within = at % unitBytes, n = std::min(end - at, unitBytes - within);
+        uint8_t* to = into + (at - piece.virtualOffset);
+        uint64_t fileAt = static_cast<uint64_t>(piece.fileOffset) + (at - piece.virtualOffset);
+        at += n;
+        const SoundMark sound = soundMark(m_sums->entry(unit));
+        if (sound.isSet()) {
+            readAt(fileAt, to, n);
+            continue;
+        }
+        std::lock_guard<std::mutex> lock(m_verifyLocks[sound.index % kVerifyStripes]);
+        if (sound.isSet()) {
+            readAt(fileAt, to, n);
+            continue;
+        }
+        std::string why;
+        if (!checkUnit(*m_sums, unit, why, within, n, to))
+            throw StoreError(ErrorKind::corruption, m_path + ": block " + std::to_string(unit) + ": " + why);
+        sound.set();
+    }
 }
 
 }  // namespace zxblk
