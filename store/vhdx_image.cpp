@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 
+#include "store/little_endian.h"
 #include "store/storage.h"
 #include "store/vhd_image.h"
 #include "store/store_error.h"
@@ -22,9 +23,6 @@ const uint64_t kDenseTableBytes = 4u << 20;    // a whole table this small is ke
 // this many is 256 MiB of table, far past any file a writer makes.
 const uint64_t kMostZeroBlocks = 1u << 24;
 
-uint16_t le16(const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); }
-uint32_t le32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
-uint64_t le64(const uint8_t* p) { return uint64_t(le32(p)) | uint64_t(le32(p + 4)) << 32; }
 
 using Guid = VhdxLayout::Guid;
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <map>
 
+#include "store/little_endian.h"
 #include "store/storage.h"
 #include "store/store_error.h"
 #include "store/vhdx_image.h"
@@ -17,8 +18,6 @@ const uint64_t kSector = 4096, MiB = 1 << 20;
 // is no log a writer keeps.
 const uint64_t kMostLogBytes = 32 * MiB;
 
-uint32_t le32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
-uint64_t le64(const uint8_t* p) { return uint64_t(le32(p)) | uint64_t(le32(p + 4)) << 32; }
 
 // The sectors an entry's `count` descriptors take: 126 after the header in
 // the first, 128 in each one after.
