@@ -127,7 +127,9 @@ public:
     std::vector<AllocatedRange> allocation(uint64_t offset, uint64_t length);
     // The smallest VHD block among the snapshots presented (no allocation
     // boundary lies between two multiples of it: block sizes are powers of
-    // two); the extent size when all are fixed or raw, holding data everywhere.
+    // two); at most an extent for a VHDX, whose blocks hold holes of the
+    // file, told an extent at a time; the extent size when all are fixed or
+    // raw, holding data everywhere.
     uint64_t allocationGranularity();
     // Drops one extent from the cache (unless a read is using it).
     void forget(uint64_t extent);

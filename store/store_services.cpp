@@ -252,7 +252,13 @@ uint64_t StoreServices::smallestBlock(const DiskRecord& disk, int snapshot) {
         const CopyRecord& c = disk.copies[static_cast<size_t>(i)];
         if (c.type != kTypeDynamic && c.type != kTypeDifferencing) continue;
         try {
-            uint64_t block = image(c, false)->blockSize();
+            std::shared_ptr<VhdImage> img = image(c, false);
+            uint64_t block = img->blockSize();
+            // What a VHDX block never had written is often a hole in the
+            // file, which holds nothing: its data starts and stops at any
+            // extent, not only at block boundaries.
+            if (img->format() == FileFormat::Vhdx)
+                block = std::min<uint64_t>(block, static_cast<uint64_t>(disk.extentSize));
             if (block && (!smallest || block < smallest)) smallest = block;
         } catch (const StoreError&) {
             // holdsData counts a file it cannot read as data throughout.
