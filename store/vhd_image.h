@@ -44,10 +44,24 @@ struct Piece {
     uint64_t block;
 };
 
+// Buffers for units read whole, used again rather than freed: a new one of
+// several MiB is faulted in a page at a time, which cost more than the read
+// into it. A few are kept between uses, within a bound of bytes.
+class UnitBuffers {
+public:
+    struct Return {
+        uint64_t capacity = 0;
+        void operator()(uint8_t* bytes) const;
+    };
+    using Buffer = std::unique_ptr<uint8_t[], Return>;
+    // A buffer of at least `size` bytes, its contents undefined.
+    static Buffer take(uint64_t size);
+};
+
 // One unit of a snapshot file as read whole: a VHD block's sector bitmap
 // (none for raw and fixed) followed by its data.
 struct UnitBytes {
-    std::unique_ptr<uint8_t[]> bytes;
+    UnitBuffers::Buffer bytes;
     uint64_t size = 0, bitmap = 0;
     const uint8_t* data() const { return bytes.get() + bitmap; }
 };
@@ -248,12 +262,15 @@ private:
 // The units read last, of any image of a store, within a budget of bytes:
 // the extents of one block are usually recalled one after the other, or at
 // once on two workers, and the second then takes what the first read (a
-// second reader of a unit waits for the first one's read). An entry keeps
-// its image, so an image that goes and another that takes its address
-// never share one.
+// second reader of a unit waits for the first one's read). At least `keep`
+// units stay, whatever their size: with one per worker, workers on the
+// extents of neighbouring blocks do not push out each other's block before
+// its last extent is streamed (an 8 MiB VHDX block has eight). An entry
+// keeps its image, so an image that goes and another that takes its
+// address never share one.
 class UnitCache {
 public:
-    explicit UnitCache(uint64_t budget) : m_budget(budget) {}
+    UnitCache(uint64_t budget, size_t keep) : m_budget(budget), m_keep(keep) {}
     // The unit, from the cache or read (readUnit); throws StoreError.
     std::shared_ptr<const UnitBytes> get(const std::shared_ptr<const VhdImage>& image, uint64_t unit);
 
@@ -265,6 +282,7 @@ private:
     };
     std::shared_ptr<const UnitBytes> find(const VhdImage* image, uint64_t unit);
     const uint64_t m_budget;
+    const size_t m_keep;
     std::mutex m_mutex;
     std::deque<Entry> m_entries;  // the most recent first
     uint64_t m_bytes = 0;

@@ -6,6 +6,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
+#include <utility>
+#include <vector>
 
 #include "store/vhd_image.h"
 
@@ -16,7 +19,54 @@ namespace {
 // blocks) is read piece by piece (readVerified).
 const uint64_t kWholeUnitBytes = (8u << 20) + 4096;
 
+// Idle unit buffers: as many as four whole units of the largest kind.
+const uint64_t kIdleBufferBytes = 4 * kWholeUnitBytes;
+
+struct IdleBuffers {
+    std::mutex mutex;
+    std::vector<std::pair<uint64_t, uint8_t*>> buffers;  // capacity, bytes
+    uint64_t bytes = 0;
+};
+
+// Never destroyed: a unit may be let go of while the process exits.
+IdleBuffers& idleBuffers() {
+    static IdleBuffers* idle = new IdleBuffers;
+    return *idle;
+}
+
 }  // namespace
+
+UnitBuffers::Buffer UnitBuffers::take(uint64_t size) {
+    IdleBuffers& idle = idleBuffers();
+    {
+        std::lock_guard<std::mutex> lock(idle.mutex);
+        // The smallest that fits, and not one of twice the size or more.
+        auto best = idle.buffers.end();
+        for (auto it = idle.buffers.begin(); it != idle.buffers.end(); ++it)
+            if (it->first >= size && it->first / 2 < size && (best == idle.buffers.end() || it->first < best->first))
+                best = it;
+        if (best != idle.buffers.end()) {
+            Buffer buffer(best->second, Return{best->first});
+            idle.bytes -= best->first;
+            idle.buffers.erase(best);
+            return buffer;
+        }
+    }
+    return Buffer(new uint8_t[size], Return{size});
+}
+
+void UnitBuffers::Return::operator()(uint8_t* bytes) const {
+    IdleBuffers& idle = idleBuffers();
+    {
+        std::lock_guard<std::mutex> lock(idle.mutex);
+        if (idle.bytes + capacity <= kIdleBufferBytes) {
+            idle.buffers.emplace_back(capacity, bytes);
+            idle.bytes += capacity;
+            return;
+        }
+    }
+    delete[] bytes;
+}
 
 bool VhdImage::unitsFitInMemory() const { return uint64_t(sumUnitBytes()) + m_bitmapBytes <= kWholeUnitBytes; }
 
@@ -62,7 +112,7 @@ std::shared_ptr<const UnitBytes> VhdImage::readUnit(uint64_t unit) const {
     read->size = place.size;
     // Not zeroed first: every byte is read over at once (the file's holes
     // zeroed instead of read).
-    read->bytes.reset(new uint8_t[read->size]);
+    read->bytes = UnitBuffers::take(read->size);
     if (m_vhdx) {
         if (place.bitmap) m_vhdx->bitmap(*m_reader, unit, read->bytes.get(), place.bitmap);
         readSkippingHoles(place.dataAt, read->bytes.get() + place.bitmap, place.size - place.bitmap);
@@ -104,7 +154,7 @@ std::shared_ptr<const UnitBytes> UnitCache::get(const std::shared_ptr<const VhdI
     std::lock_guard<std::mutex> lock(m_mutex);
     m_entries.push_front({image, unit, read});
     m_bytes += read->size;
-    while (m_entries.size() > 1 && m_bytes > m_budget) {
+    while (m_entries.size() > std::max<size_t>(m_keep, 1) && m_bytes > m_budget) {
         m_bytes -= m_entries.back().bytes->size;
         m_entries.pop_back();
     }
