@@ -43,7 +43,7 @@ StoreServices::StoreServices(std::shared_ptr<const Storage> storage, Catalog cat
     : m_storage(std::move(storage)),
       m_catalog(std::move(catalog)),
       m_options(options),
-      m_units(m_storage->remote() ? 4u << 20 : 8u << 20, m_options.workers) {
+      m_units(m_storage->remote() ? 4u << 20 : 8u << 20, 2) {
     try {
         m_index = std::make_shared<SqliteIndexService>(*m_storage);
     } catch (const StoreError& e) {

@@ -54,7 +54,8 @@ public:
         void operator()(uint8_t* bytes) const;
     };
     using Buffer = std::unique_ptr<uint8_t[], Return>;
-    // A buffer of at least `size` bytes, its contents undefined.
+    // A buffer of at least `size` bytes, its contents undefined; null when
+    // the system has no memory for it.
     static Buffer take(uint64_t size);
 };
 
@@ -263,11 +264,11 @@ private:
 // the extents of one block are usually recalled one after the other, or at
 // once on two workers, and the second then takes what the first read (a
 // second reader of a unit waits for the first one's read). At least `keep`
-// units stay, whatever their size: with one per worker, workers on the
-// extents of neighbouring blocks do not push out each other's block before
-// its last extent is streamed (an 8 MiB VHDX block has eight). An entry
-// keeps its image, so an image that goes and another that takes its
-// address never share one.
+// units stay, whatever their size: with two, workers on the extents at the
+// end of one block and the start of the next do not push out each other's
+// block before its last extent is streamed (an 8 MiB VHDX block has eight;
+// it was read up to three times with one). An entry keeps its image, so an
+// image that goes and another that takes its address never share one.
 class UnitCache {
 public:
     UnitCache(uint64_t budget, size_t keep) : m_budget(budget), m_keep(keep) {}

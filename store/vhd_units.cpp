@@ -2,9 +2,11 @@
 // the reads checked against the sums recorded at import, and whole units
 // read once and shared by the checksum check and the stream of every
 // extent that lies in them.
+#include <sys/mman.h>
 #include <xxhash.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
 #include <utility>
@@ -19,13 +21,13 @@ namespace {
 // blocks) is read piece by piece (readVerified).
 const uint64_t kWholeUnitBytes = (8u << 20) + 4096;
 
-// Idle unit buffers: as many as four whole units of the largest kind.
-const uint64_t kIdleBufferBytes = 4 * kWholeUnitBytes;
+const uint64_t kPage = 4096, kHugePage = 2u << 20;
 
+// Unit buffers let go of and kept for the next read: two, as a unit read
+// usually replaces one that goes.
 struct IdleBuffers {
     std::mutex mutex;
     std::vector<std::pair<uint64_t, uint8_t*>> buffers;  // capacity, bytes
-    uint64_t bytes = 0;
 };
 
 // Never destroyed: a unit may be let go of while the process exits.
@@ -47,25 +49,33 @@ UnitBuffers::Buffer UnitBuffers::take(uint64_t size) {
                 best = it;
         if (best != idle.buffers.end()) {
             Buffer buffer(best->second, Return{best->first});
-            idle.bytes -= best->first;
             idle.buffers.erase(best);
             return buffer;
         }
     }
-    return Buffer(new uint8_t[size], Return{size});
+    // Mapped on their own, at a multiple of 2 MiB, and where the system
+    // allows, backed by huge pages: a block of 8 MiB is then faulted in
+    // four times rather than 2048.
+    const uint64_t capacity = (size + kPage - 1) / kPage * kPage, span = capacity + kHugePage;
+    void* mapped = ::mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped == MAP_FAILED) return Buffer();
+    const uintptr_t at = reinterpret_cast<uintptr_t>(mapped), start = (at + kHugePage - 1) / kHugePage * kHugePage;
+    if (start > at) ::munmap(mapped, start - at);
+    if (span - (start - at) > capacity) ::munmap(reinterpret_cast<void*>(start + capacity), span - (start - at) - capacity);
+    if (capacity >= kHugePage) ::madvise(reinterpret_cast<void*>(start), capacity / kHugePage * kHugePage, MADV_HUGEPAGE);
+    return Buffer(reinterpret_cast<uint8_t*>(start), Return{capacity});
 }
 
 void UnitBuffers::Return::operator()(uint8_t* bytes) const {
     IdleBuffers& idle = idleBuffers();
     {
         std::lock_guard<std::mutex> lock(idle.mutex);
-        if (idle.bytes + capacity <= kIdleBufferBytes) {
+        if (idle.buffers.size() < 2) {
             idle.buffers.emplace_back(capacity, bytes);
-            idle.bytes += capacity;
             return;
         }
     }
-    delete[] bytes;
+    ::munmap(bytes, capacity);
 }
 
 bool VhdImage::unitsFitInMemory() const { return uint64_t(sumUnitBytes()) + m_bitmapBytes <= kWholeUnitBytes; }
@@ -113,6 +123,9 @@ std::shared_ptr<const UnitBytes> VhdImage::readUnit(uint64_t unit) const {
     // Not zeroed first: every byte is read over at once (the file's holes
     // zeroed instead of read).
     read->bytes = UnitBuffers::take(read->size);
+    if (!read->bytes)
+        throw StoreError(m_path + ": block " + std::to_string(unit) + ": out of memory for its " +
+                         std::to_string(read->size) + " bytes");
     if (m_vhdx) {
         if (place.bitmap) m_vhdx->bitmap(*m_reader, unit, read->bytes.get(), place.bitmap);
         readSkippingHoles(place.dataAt, read->bytes.get() + place.bitmap, place.size - place.bitmap);
