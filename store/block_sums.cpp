@@ -1,7 +1,5 @@
 #include "store/block_sums.h"
 
-#include <xxhash.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -9,8 +7,6 @@
 #include "store/store_error.h"
 
 namespace zxblk {
-
-uint64_t xxh3(const void* data, size_t length) { return XXH3_64bits(data, length); }
 
 std::string sumText(uint64_t sum) {
     char text[17];

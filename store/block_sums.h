@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "store/xxh3.h"
+
 namespace zxblk {
 
 // XXH3 of the bytes of one unit of a snapshot: a VHD block's data and its
@@ -57,8 +59,7 @@ struct BlockSums {
     const Entry* entry(uint64_t unit) const;
 };
 
-// XXH3 (64 bits) of a byte range; also what the catalog keeps of a side file.
-uint64_t xxh3(const void* data, size_t length);
+// A sum as text (xxh3() of a side file is what the catalog keeps of it).
 std::string sumText(uint64_t sum);  // 16 hex digits
 
 // Where the ranges of a side file come from: a store a network away, and

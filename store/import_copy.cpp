@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <xxhash.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -53,12 +52,10 @@ bool holdsData(const Ranges& data, uint64_t start, uint64_t end) {
 // for a block the file leaves as a hole: there is nothing to read.
 uint64_t zeroSum(uint64_t length) {
     static const std::vector<uint8_t> zeros(1u << 20);
-    std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> state(XXH3_createState(), XXH3_freeState);
-    if (!state) throw StoreError("out of memory for a checksum");
-    XXH3_64bits_reset(state.get());
+    Xxh3Stream state;
     for (uint64_t done = 0; done < length; done += zeros.size())
-        XXH3_64bits_update(state.get(), zeros.data(), static_cast<size_t>(std::min<uint64_t>(zeros.size(), length - done)));
-    return XXH3_64bits_digest(state.get());
+        state.update(zeros.data(), static_cast<size_t>(std::min<uint64_t>(zeros.size(), length - done)));
+    return state.digest();
 }
 
 StoreError changedDuringImport(const VhdImage& img) {
@@ -118,13 +115,12 @@ std::string copyWithSums(const VhdImage& img, const std::string& name, Storage::
     std::deque<std::pair<uint64_t, uint64_t>> zeros;  // runs of zeros in the data read, in file order
     static const std::vector<uint8_t> zeroGranule(kZeroGranule);
     std::vector<uint8_t> slice(VhdImage::kSumChunk);
-    std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> state(XXH3_createState(), XXH3_freeState);
-    if (!state) throw StoreError("out of memory for a checksum");
+    Xxh3Stream state;
     // Hashes [from, from + length) of the file, as VhdImage::sumOf does, but
     // reads only the data the file holds there: its holes hash as the zeros
     // they read as. Aligned runs of zeros in what it reads are noted.
     auto hashStretch = [&](uint64_t from, uint64_t length) {
-        XXH3_64bits_reset(state.get());
+        state.reset();
         auto range = std::upper_bound(data.begin(), data.end(), from,
                                       [](uint64_t at, const std::pair<uint64_t, uint64_t>& r) { return at < r.second; });
         for (uint64_t at = from, end = from + length; at < end;) {
@@ -152,10 +148,10 @@ std::string copyWithSums(const VhdImage& img, const std::string& name, Storage::
                 if (range->second > stop) break;  // it goes on into the next slice
             }
             std::memset(slice.data() + (filled - at), 0, stop - filled);
-            XXH3_64bits_update(state.get(), slice.data(), stop - at);
+            state.update(slice.data(), stop - at);
             at = stop;
         }
-        return XXH3_64bits_digest(state.get());
+        return state.digest();
     };
     uint64_t next = 0;
     auto sumUnitsBefore = [&](uint64_t limit) {

@@ -3,7 +3,6 @@
 // read once and shared by the checksum check and the stream of every
 // extent that lies in them.
 #include <sys/mman.h>
-#include <xxhash.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -227,18 +226,16 @@ UnitSum VhdImage::sumOf(uint64_t unit, uint64_t copyFrom, uint64_t copyLength, u
     }
     const uint64_t at = place.dataAt, length = place.size - place.bitmap;
     buffer.resize(std::min<uint64_t>(length, kSlice));
-    std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> state(XXH3_createState(), XXH3_freeState);
-    if (!state) throw StoreError(m_path + ": block " + std::to_string(unit) + ": out of memory for its checksum");
-    XXH3_64bits_reset(state.get());
+    Xxh3Stream state;
     for (uint64_t done = 0; done < length;) {
         size_t n = static_cast<size_t>(std::min<uint64_t>(buffer.size(), length - done));
         readSkippingHoles(at + done, buffer.data(), n);
-        XXH3_64bits_update(state.get(), buffer.data(), n);
+        state.update(buffer.data(), n);
         uint64_t from = std::max(done, copyFrom), to = std::min(done + n, copyFrom + copyLength);
         if (copyTo && from < to) std::memcpy(copyTo + (from - copyFrom), buffer.data() + (from - done), to - from);
         done += n;
     }
-    sum.data = XXH3_64bits_digest(state.get());
+    sum.data = state.digest();
     return sum;
 }
 
