@@ -94,7 +94,7 @@ struct Transfer {
     // what the gauge had counted then.
     LinkGauge* gauge = nullptr;
     bool flowing = false;
-    Clock::time_point first;
+    Clock::time_point first{};
     uint64_t mark = 0;
 };
 
