@@ -44,9 +44,10 @@ struct Piece {
     uint64_t block;
 };
 
-// Buffers for units read whole, used again rather than freed: a new one of
-// several MiB is faulted in a page at a time, which cost more than the read
-// into it. A few are kept between uses, within a bound of bytes.
+// Buffers for units read whole, mapped on their own (not from the heap,
+// whatever its thresholds) and used again rather than freed: a new one of
+// several MiB is faulted in, which cost more than the read into it. Two
+// are kept between uses.
 class UnitBuffers {
 public:
     struct Return {

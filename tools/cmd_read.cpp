@@ -1,7 +1,6 @@
 // export and read: a whole disk, or a byte range of it, through the provider,
 // by way of the library a program would use.
 #include <fcntl.h>
-#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -69,21 +68,6 @@ void writeOut(const char* bytes, uint64_t length) {
         if (n <= 0) throw Error(std::string("standard output: ") + std::strerror(n < 0 ? errno : EIO), ErrorKind::io);
         bytes += n, length -= static_cast<uint64_t>(n);
     }
-}
-
-// A store in a folder reads each block of a snapshot whole into a buffer
-// of its own (a sector more than 2 MiB for most VHDs, 8 MiB and a page at
-// most). Kept in glibc's heaps, such buffers are used again; above the
-// tool's mmap threshold each is mapped, faulted in a page at a time and
-// unmapped, which took a third of an export's CPU. On S3 the threshold
-// stays where the tool's main sets it: stretches of several MiB fetched
-// ahead there must not stay in the heaps.
-void reuseBlockBuffers(Disk& disk) {
-    if (disk.stats().remote) return;
-    ::mallopt(M_MMAP_THRESHOLD, (8 << 20) + 8192);
-    // Freed at the top of a heap, a buffer would otherwise be given back
-    // and faulted in again by the next block.
-    ::mallopt(M_TRIM_THRESHOLD, 32 << 20);
 }
 
 // The extents of a disk that hold data, in order, from its allocation map
@@ -181,7 +165,6 @@ std::string sizeText(uint64_t n) {
 void exportDisk(const DiskArgs& args, const std::string& out, const std::string& onError, const std::string& badMap,
                 const StopSignals& stop, std::string& leaves) {
     Disk disk = openDisk(args);
-    reuseBlockBuffers(disk);
     const uint64_t E = disk.extentSize(), total = disk.size(), count = disk.extentCount();
     ExportSink sink(out, total);
     for (const std::string& r : sink.removed()) sayNotices({"removed a leftover of a killed export: " + r});
