@@ -190,10 +190,13 @@ void buildSample(const std::string& dir, const std::string& work, const std::str
     for (int i : kChanged) {
         std::string name = "file" + std::to_string(i) + ".bin";
         spit(work + "/" + name, contents(dataFile(i), 1, kChangedSize));
-        commands += "rm " + name + "\nwrite " + work + "/" + name + " " + name + "\n";
+        commands += "rm " + name + "\nwrite " + name + " " + name + "\n";
     }
     spit(work + "/debugfs.cmds", commands);
-    run("debugfs -w -f " + quote(work + "/debugfs.cmds") + " " + quote(work + "/changed.img"));
+    // debugfs splits its commands at spaces, and does not fail for a
+    // command that fails: the files to write are named from the work
+    // folder it runs in, never by a path that may hold a space.
+    run("cd " + quote(work) + " && debugfs -w -f debugfs.cmds changed.img");
     DifferencingStats diff = writeDifferencingVhd(work + "/base.vhd", work + "/base.img", work + "/changed.img", work + "/child.vhd");
     std::printf("    %llu sectors changed, in %llu blocks of the differencing VHD\n",
                 static_cast<unsigned long long>(diff.sectorsChanged), static_cast<unsigned long long>(diff.blocksAllocated));
