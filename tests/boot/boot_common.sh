@@ -9,6 +9,9 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 export ZXBLK_TEST_CACHE=${ZXBLK_TEST_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zxblk-test}
 fail() { echo "FAIL: $*"; exit 1; }
 ok() { echo "ok: $*"; }
+# TEXT as an extended regular expression matching only itself: a work
+# folder's path in a pgrep pattern, whatever $TMPDIR holds.
+literal() { printf '%s' "$1" | sed 's/[][\\.*^$+?(){}|]/\\&/g'; }
 needs() {
   for tool in "$@"; do
     command -v "$tool" >/dev/null || { echo "skipped: $tool is not installed"; exit 77; }

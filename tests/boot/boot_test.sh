@@ -80,7 +80,7 @@ case $rc in
   0) grep -q "powered off" con5.err || fail "SIGTERM, exit 0: $(cat con5.err)" ;;
   *) fail "SIGTERM: exit $rc: $(cat con5.err)" ;;
 esac
-pgrep -f -- "$work/" >/dev/null && fail "processes left: $(pgrep -af -- "$work/")"
+pgrep -f -- "$(literal "$work/")" >/dev/null && fail "processes left: $(pgrep -af -- "$(literal "$work/")")"
 [ -z "$(ls run)" ] || fail "the server's folder is left: $(ls run)"
 ok "SIGTERM: $(tail -1 con5.err | cut -c8-)"
 

@@ -52,8 +52,8 @@ start one --store store --restore-to "$work/r1" --restore-speed 4M/s
 until_in one.err "the VM now runs from $work/r1"
 before=after
 grep -q "zxblk-test-guest: up" one.log && before=before
-pgrep -f -- "nbdkit.*$work/store" >/dev/null && fail "nbdkit still runs after the restore"
-pgrep -f -- "qemu-system.*$work/one.ov" >/dev/null || fail "qemu should go on running: $(tail -3 one.log)"
+pgrep -f -- "nbdkit.*$(literal "$work/store")" >/dev/null && fail "nbdkit still runs after the restore"
+pgrep -f -- "qemu-system.*$(literal "$work/one.ov")" >/dev/null || fail "qemu should go on running: $(tail -3 one.log)"
 grep -q "waited=" one.log && fail "the guest was done before the restore: keep it up longer than $wait_s s"
 finish
 [ $rc = 0 ] || fail "boot with --restore-to: exit $rc: $(cat one.err)"

@@ -21,7 +21,7 @@ grep -q "mount extents of snapshot 1: $flagged " "$work/out" || fail "the demo's
 [ "$flagged" -gt 0 ] || fail "no mount extents in the index"
 [ ! -e "$work/demo/work" ] && [ ! -e "$work/demo/cache" ] && [ ! -e "$work/demo/mnt" ] || fail "the demo left its scratch files"
 # Only mount points inside this test's own folder.
-awk -v w="$work/" 'index($2, w) == 1 { found = 1 } END { exit !found }' /proc/mounts && fail "the demo left a mount"
+mount_points | awk -v w="$work/" 'index($0, w) == 1 { found = 1 } END { exit !found }' && fail "the demo left a mount"
 ok "the demo read both files, recalled $recalled of 256 extents and left the index $flagged mount extents"
 
 # Both snapshots from outside the demo, against the source files.

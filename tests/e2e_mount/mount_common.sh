@@ -15,8 +15,16 @@ fail() { echo "FAIL: $*"; exit 1; }
 ok() { echo "ok: $*"; }
 # Nothing that touches a mount may hang the suite.
 t() { timeout "${step_timeout:-120}" "$@"; }
-# Whether this exact mount point (the test's own) is a mounted FUSE file system.
-mounted() { awk -v m="$1" '$2 == m && $3 ~ /^fuse/ { found = 1 } END { exit !found }' /proc/mounts; }
+# The mount points, one a line (with `fuse`, of FUSE file systems only), as
+# their paths are: /proc/mounts writes a space, tab, newline or backslash in
+# a path as an octal escape.
+mount_points() {
+  awk -v fuse="${1:-}" 'fuse == "" || $3 ~ /^fuse/ {
+    p = $2; gsub(/\\040/, " ", p); gsub(/\\011/, "\t", p); gsub(/\\012/, "\n", p); gsub(/\\134/, "\\", p); print p }' /proc/mounts
+}
+# Whether this exact mount point (the test's own) is a mounted FUSE file
+# system. grep reads to the end: stopping early could fail the pipe.
+mounted() { mount_points fuse | grep -xF -- "$1" >/dev/null; }
 unmount() {
   fusermount3 -u "$1"
   for _ in $(seq 100); do mounted "$1" || return 0; sleep 0.1; done
