@@ -104,7 +104,7 @@ bool DiskHost::holdsData(uint64_t extent) { return m_pool->holdsData(extent); }
 
 uint64_t DiskHost::allocationGranularity() {
     std::call_once(m_granularityOnce, [this] {
-        uint64_t g = m_services->smallestBlock(*m_record, m_snapshot);
+        uint64_t g = m_services->allocationGranularity(*m_record, m_snapshot);
         m_granularity = g ? g : static_cast<uint64_t>(m_extentSize);
     });
     return m_granularity;

@@ -246,7 +246,7 @@ bool StoreServices::holdsData(const DiskRecord& disk, int snapshot, uint64_t off
     }
 }
 
-uint64_t StoreServices::smallestBlock(const DiskRecord& disk, int snapshot) {
+uint64_t StoreServices::allocationGranularity(const DiskRecord& disk, int snapshot) {
     uint64_t smallest = 0;
     for (int i = 0; i <= snapshot && i < static_cast<int>(disk.copies.size()); ++i) {
         const CopyRecord& c = disk.copies[static_cast<size_t>(i)];

@@ -100,10 +100,11 @@ public:
     // reads as zeros. True when a file cannot be read: the recall then
     // says why.
     bool holdsData(const DiskRecord& disk, int snapshot, uint64_t offset, uint64_t length);
-    // The smallest VHD block among the disk's snapshots up to `snapshot`
-    // (for a dynamic or differencing VHDX, at most an extent); 0 when all
-    // are fixed or raw (or cannot be read).
-    uint64_t smallestBlock(const DiskRecord& disk, int snapshot);
+    // How finely holdsData tells data from zeros: the smallest VHD block
+    // among the disk's snapshots up to `snapshot` (for a dynamic or
+    // differencing VHDX, at most an extent); 0 when all are fixed or raw
+    // (or cannot be read).
+    uint64_t allocationGranularity(const DiskRecord& disk, int snapshot);
     // Why the last recall of disk extent `extent` failed, as the lookup or
     // the restore that failed said it; nothing when neither said anything.
     // Each cause is told once.

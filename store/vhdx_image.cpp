@@ -23,7 +23,6 @@ const uint64_t kDenseTableBytes = 4u << 20;    // a whole table this small is ke
 // this many is 256 MiB of table, far past any file a writer makes.
 const uint64_t kMostZeroBlocks = 1u << 24;
 
-
 using Guid = VhdxLayout::Guid;
 
 // "83ed0ec3-24c8-49a6-a959-5e4bf1288bfb", with or without braces, any case.

@@ -18,7 +18,6 @@ const uint64_t kSector = 4096, MiB = 1 << 20;
 // is no log a writer keeps.
 const uint64_t kMostLogBytes = 32 * MiB;
 
-
 // The sectors an entry's `count` descriptors take: 126 after the header in
 // the first, 128 in each one after.
 uint64_t descriptorSectorsOf(uint64_t count) { return count <= 126 ? 1 : 1 + (count - 126 + 127) / 128; }
