@@ -42,8 +42,6 @@
 #include <string>
 #include <vector>
 
-#include <unistd.h>
-
 #include "control_channel.h"
 #include "plugin_config.h"
 #include "plugin_text.h"
@@ -144,21 +142,14 @@ void closeAll() {
 }
 
 // Everything that can be wrong with the store, the disks or the caches is
-// found in get_ready, before nbdkit forks into the background and while it
-// can still say so where the user looks. The library's threads would not
-// survive that fork, so the store and the disks are then opened again after
-// it. Started by socket activation (as zxblk serve starts it), nbdkit does
-// not fork: those opened in get_ready are the ones served.
-bool willFork() {
-    const std::string self = std::to_string(::getpid());
-    const char* pid = std::getenv("LISTEN_PID");
-    if (pid && std::getenv("LISTEN_FDS") && self == pid) return false;
-    // Set by zxblk serve, whose nbdkit has taken LISTEN_* out of its
-    // environment by now.
-    const char* activated = std::getenv("ZXBLK_SOCKET_ACTIVATED");
-    return !(activated && self == activated);
-}
-
+// found in get_ready, while nbdkit can still say so where the user looks,
+// and all is closed again before it returns: the disks are opened for good
+// in after_fork. Between the two, nbdkit may fork into the background, which
+// the library's threads would not survive, and it closes stdin and stdout
+// and opens /dev/null twice, sure that the two lowest descriptors are what
+// it gets. A recall or readahead thread of ours opening a file then took
+// one; nbdkit stopped with "open: No such file or directory" and could hang
+// in its exit handlers beside the threads still running.
 int getReady() {
     // A request that fails says why in its own error line, from the
     // library's Error; the library's log lines are for nbdkit -v.
@@ -176,7 +167,7 @@ int getReady() {
             !std::filesystem::create_directories(g_config.statsDir, ec))
             throw std::runtime_error("statsdir=" + g_config.statsDir + ": cannot make the folder: " + ec.message());
         openAll();
-        if (willFork()) closeAll();
+        closeAll();
         return 0;
     } catch (const std::exception& e) {
         nbdkit_error("%s", e.what());
@@ -218,6 +209,15 @@ zxblk_plugin::StatsWriter g_stats(gatherStats);
 
 std::string answerControl(const std::string& line);
 
+// After the last connection: the last statistics, then the disks close
+// (their recalls end and the caches are left consistent).
+void cleanup() {
+    g_control.reset();  // no command reaches a disk that is closing
+    g_stats.stop();
+    closeAll();
+    zxblk::setLogHandler(nullptr);
+}
+
 int afterFork() {
     try {
         openAll();
@@ -235,17 +235,9 @@ int afterFork() {
         return 0;
     } catch (const std::exception& e) {
         nbdkit_error("%s", e.what());
+        cleanup();  // nbdkit exits now: none of our threads may run into its exit handlers
         return -1;
     }
-}
-
-// After the last connection: the last statistics, then the disks close
-// (their recalls end and the caches are left consistent).
-void cleanup() {
-    g_control.reset();  // no command reaches a disk that is closing
-    g_stats.stop();
-    closeAll();
-    zxblk::setLogHandler(nullptr);
 }
 
 #ifdef ZXBLK_SANITIZER_PRELOAD

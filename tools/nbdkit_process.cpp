@@ -109,9 +109,6 @@ pid_t startNbdkit(const std::vector<std::string>& args, const Listener& l, int s
     if (l.fd == 3 ? ::fcntl(3, F_SETFD, 0) < 0 : ::dup2(l.fd, 3) < 0) _exit(127);
     ::setenv("LISTEN_FDS", "1", 1);
     ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
-    // nbdkit takes LISTEN_* out of its environment once it has read them;
-    // the plugin learns from this one that nbdkit will not fork.
-    ::setenv("ZXBLK_SOCKET_ACTIVATED", std::to_string(::getpid()).c_str(), 1);
 #ifdef ZXBLK_SANITIZER_PRELOAD
     // A sanitized plugin loads only into a process that has its runtime.
     // nbdkit's own allocations at exit are not ours to report: the leak
