@@ -144,8 +144,8 @@ for case in "${cases[@]}"; do
 
   if command -v nbdinfo >/dev/null; then
     for ((i = 1; i < levels; i++)); do
-      "$zxblk" serve --store "$work/store" --disk "$name" --snapshot "$i" --cache "$dir/cache" \
-        --run "nbdinfo --map \"\$uri\" >$dir/map$i" >/dev/null || fail "$name: serve --run nbdinfo failed"
+      timeout 120 "$zxblk" serve --store "$work/store" --disk "$name" --snapshot "$i" --cache "$dir/cache" \
+        --run "nbdinfo --map \"\$uri\" >$dir/map$i" >/dev/null || fail "$name: serve --run nbdinfo failed (exit $?)"
       check_map "$dir" "$i" "$dir/map$i" || fail "$name: block status over NBD is wrong"
     done
     ok "$name: NBD holes read as zeros, each snapshot's ZERO and UNMAPPED blocks are holes"
