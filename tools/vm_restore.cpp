@@ -83,7 +83,7 @@ LiveRestore::LiveRestore(const RestoreOptions& options, const std::string& vm, s
       m_progressLines(progressLines),
       m_lastOffset(m_disks.size(), 0) {
     std::error_code ec;
-    fs::create_directories(m_options.dir, ec);
+    m_madeDir = fs::create_directories(m_options.dir, ec);
     if (ec) throw Error("--restore-to " + m_options.dir + ": " + ec.message(), ErrorKind::io);
     for (const RestoreDisk& d : m_disks)
         if (fs::exists(target(d), ec))
@@ -98,6 +98,8 @@ LiveRestore::~LiveRestore() {
     // qemu may still hold them open; what it writes there now is lost.
     std::error_code ec;
     for (const RestoreDisk& d : m_disks) fs::remove(partial(d), ec);
+    // Only when empty: nothing the user put there goes.
+    if (m_madeDir) fs::remove(m_options.dir, ec);
 }
 
 std::string LiveRestore::target(const RestoreDisk& d) const {

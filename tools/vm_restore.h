@@ -73,6 +73,7 @@ private:
     std::string m_vm, m_qemuImg;
     std::vector<RestoreDisk> m_disks;
     bool m_progressLines;
+    bool m_madeDir = false;  // the folder was not there before: it goes with a restore that fails
     State m_state = State::idle;
     size_t m_added = 0;  // target nodes added to qemu
     std::vector<uint64_t> m_lastOffset;

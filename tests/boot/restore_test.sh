@@ -96,6 +96,6 @@ grep -q "warning: live restore of vm failed: sys: .* (the server: .*could not be
 [ "$(grep -c "zxblk-test-guest: up" two.log)" -gt "$ups" ] && grep -q "up $wait_s s" two.log ||
   fail "the guest should go on running after the warning: $(tail -3 two.log)"
 grep -q "Power down" two.log || fail "the guest should power off by itself: $(tail -3 two.log)"
-[ -z "$(ls -A r2)" ] || fail "r2 should be empty: $(ls -A r2)"
+[ ! -e r2 ] || fail "r2, made by the boot, should be gone with the failed restore: $(ls -A r2)"
 [ -e two.ov/sys.qcow2 ] && ! grep -q restored-to two.ov/overlay.json || fail "the overlay should stay as it was"
-ok "a store cut short under the copy: one warning, the guest ran on to its power-off, nothing in r2: $(grep warning two.err | cut -c1-240)"
+ok "a store cut short under the copy: one warning, the guest ran on to its power-off, r2 gone: $(grep warning two.err | cut -c1-240)"
