@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # A store on S3 (a Ceph cluster of the test's own): a differencing chain
 # imported into s3://..., then export, read, serve + nbdcopy and mount all
-# byte-identical to the merged image, a file read with debugfs off a mounted
-# ext4 disk, only the extents read fetched, two mounts of one disk at once,
-# two racing imports that both land, a replaced object refused, wrong keys
-# and a missing bucket in one line, and reads through a proxy that drops and
-# stalls connections costing retries, never wrong bytes.
-#   s3_store_test.sh ZXBLK MAKE_VHD_CHAIN
+# byte-identical to the merged image, the same for a VHDX chain (4096-byte
+# sectors, every block state) against its writer's plan, a file read with
+# debugfs off a mounted ext4 disk, only the extents read fetched, two mounts
+# of one disk at once, two racing imports that both land, a replaced object
+# refused, wrong keys and a missing bucket in one line, and reads through a
+# proxy that drops and stalls connections costing retries, never wrong bytes.
+#   s3_store_test.sh ZXBLK MAKE_VHD_CHAIN MAKE_VHDX_CHAIN
 set -euo pipefail
-zxblk=$1 chain=$2
+zxblk=$1 chain=$2 vhdx_chain=$3
 . "$(dirname "$0")/../s3/e2e_scratch.sh"
 . "$s3/ceph_env.sh"
 export XDG_CACHE_HOME=$work/xdg
@@ -36,6 +37,22 @@ cmp read.out <(tail -c +5000001 chain/snap2.raw | head -c 70000) || fail "read d
 t "$zxblk" serve --store $store --disk chain --cache c3 --run 'nbdcopy "$uri" nbd.out' >/dev/null || fail "serve"
 cmp nbd.out chain/snap2.raw || fail "nbdcopy differs"
 ok "export, read and serve + nbdcopy of the S3 store equal the merged chain"
+
+# A VHDX chain read from S3 objects, which tell no holes: 4096-byte sectors
+# (a bitmap bit is eight 512-byte sectors), every block state.
+mkdir vchain
+"$vhdx_chain" vchain --size $((12 * 1048576 + 5 * 4096)) --block-size 1048576 --logical-sector 4096 --seed 7 \
+  >vchain/files || fail "make_vhdx_chain"
+mapfile -t vfiles < <(cut -d' ' -f1 vchain/files)
+mapfile -t vraws < <(cut -d' ' -f2 vchain/files)
+t "$zxblk" import -q --store $store --disk vchain "${vfiles[@]}" || fail "import of the VHDX chain into $store"
+for i in "${!vfiles[@]}"; do
+  t "$zxblk" export -q --store $store --disk vchain --snapshot "$i" --cache vc$i --out vchain.out$i || fail "export of VHDX snapshot $i"
+  cmp vchain.out$i "${vraws[i]}" || fail "VHDX snapshot $i exports other bytes than its writer planned"
+done
+t "$zxblk" serve --store $store --disk vchain --cache vc9 --run 'nbdcopy "$uri" vnbd.out' >/dev/null || fail "serve of the VHDX chain"
+cmp vnbd.out "${vraws[-1]}" || fail "nbdcopy of the VHDX chain differs from its writer's plan"
+ok "a VHDX chain of ${#vfiles[@]} levels on S3: each snapshot exports, and the newest serves, as its writer planned"
 # A default cache (under $XDG_CACHE_HOME) of a disk on S3, purged by the store's URL.
 t "$zxblk" read --store $store --disk chain --offset 0 --length 4096 >/dev/null || fail "read with the default cache"
 [ -n "$(ls xdg/zxblk)" ] || fail "no default cache"
