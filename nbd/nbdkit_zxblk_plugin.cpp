@@ -98,8 +98,16 @@ void prefetchLocked(const Export& e, zxblk::Disk& disk) {
     nbdkit_debug("%s: prefetching %zu mount extents", e.name.c_str(), n);
 }
 
+// Thrown by openLocked once cleanup has closed the store: nbdkit may still
+// start a connection it accepted as it stopped (it counts a connection's
+// thread only once that thread runs, and runs cleanup when the count is 0).
+struct Stopping : std::runtime_error {
+    Stopping() : std::runtime_error("the server is stopping") {}
+};
+
 // Opens an export's snapshot, or finds it open. Caller holds g_openMutex.
 std::shared_ptr<zxblk::Disk> openLocked(const Export& e) {
+    if (!g_store) throw Stopping();
     std::shared_ptr<zxblk::Disk>& disk = g_open[e.key()];
     if (disk) return disk;
     zxblk::DiskOptions options;
@@ -128,9 +136,9 @@ std::shared_ptr<zxblk::Disk> openLocked(const Export& e) {
 
 // The store, and every disk named by disk= or client=.
 void openAll() {
+    std::lock_guard<std::mutex> lock(g_openMutex);
     if (!g_store) g_store.reset(new zxblk::Store(zxblk::Store::open(g_config.store)));
     if (g_served.everyDisk) return;
-    std::lock_guard<std::mutex> lock(g_openMutex);
     for (const Export& e : g_served.list) openLocked(e);
 }
 
@@ -325,6 +333,9 @@ void* openConnection(int) {
     try {
         std::lock_guard<std::mutex> lock(g_openMutex);
         return new Connection{&e, openLocked(e).get()};
+    } catch (const Stopping&) {
+        nbdkit_debug("export %s: not opened, the server is stopping", e.name.c_str());
+        return nullptr;
     } catch (const std::exception& x) {
         nbdkit_error("export %s: %s", e.name.c_str(), x.what());
         return nullptr;

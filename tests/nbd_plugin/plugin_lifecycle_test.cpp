@@ -4,7 +4,8 @@
 // stdout and reopens /dev/null in their place, sure that it runs alone and
 // gets the two lowest descriptors: nothing of the plugin may run or hold a
 // file then. Nor may a thread of the plugin outlive cleanup or an after_fork
-// that fails, into nbdkit's exit. Each case runs in a process of its own,
+// that fails, into nbdkit's exit, and a connection that nbdkit starts after
+// cleanup is refused, quietly. Each case runs in a process of its own,
 // as the plugin keeps its configuration for the life of the process.
 #define NBDKIT_API_VERSION 2
 #include <dirent.h>
@@ -68,7 +69,7 @@ int nbdkit_parse_bool(const char* text) {
 }
 int nbdkit_add_export(struct nbdkit_exports*, const char*, const char*) { return 0; }
 int nbdkit_add_extent(struct nbdkit_extents*, uint64_t, uint64_t, uint32_t) { return 0; }
-const char* nbdkit_export_name(void) { return ""; }
+const char* nbdkit_export_name(void) { return "d"; }  // what the clients ask for
 void nbdkit_set_error(int) {}
 }
 
@@ -108,8 +109,15 @@ std::string runPlugin(const std::vector<std::pair<std::string, std::string>>& pa
     if (rc != 0) return report + ": " + g_lastError;
     rc = p->after_fork();
     if (rc != 0) return report + "; after_fork " + std::to_string(rc) + left() + ": " + g_lastError;
+    void* h = p->open(1);
+    report += h ? "; after_fork 0; open" : "; after_fork 0; open: " + g_lastError;
+    if (h) p->close(h);
     p->cleanup();
-    return report + "; after_fork 0; cleanup" + left();
+    report += "; cleanup" + left();
+    // A connection nbdkit accepted as it stopped may still reach open.
+    g_lastError.clear();
+    h = p->open(1);
+    return report + (h ? "; served after cleanup" : g_lastError.empty() ? "; then refused" : "; then: " + g_lastError);
 }
 
 // runPlugin in a child process; what it said.
@@ -150,8 +158,8 @@ TEST(PluginLifecycle, NothingRunsOrStaysOpenWhereNbdkitExpectsToBeAlone) {
         std::vector<std::pair<std::string, std::string>> parameters;
         std::string steps, says;  // the steps' report, and what its error says
     } cases[] = {
-        {"a disk that opens and is served", served, "get_ready 0 threads+0 fds+0; after_fork 0; cleanup threads+0 fds+0",
-         ""},
+        {"a disk that opens and is served", served,
+         "get_ready 0 threads+0 fds+0; after_fork 0; open; cleanup threads+0 fds+0; then refused", ""},
         {"a disk the store lacks", {{"store", store}, {"disk", "nosuch"}}, "get_ready -1 threads+0 fds+0: ",
          "no disk named 'nosuch'"},
         {"a control socket that cannot be made",
